@@ -1,0 +1,29 @@
+# Every switch of the build, in one place.
+include(CMakeDependentOption)
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
+endif()
+
+option(ZOR_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" OFF)
+option(ZOR_COVERAGE "Instrument for line and branch coverage" OFF)
+option(ZOR_BUILD_TESTS "Build the tests" ${PROJECT_IS_TOP_LEVEL})
+option(ZOR_BUILD_EXAMPLES "Build the example daemons" ${PROJECT_IS_TOP_LEVEL})
+
+set(ZOR_SANITIZE "" CACHE STRING
+    "Sanitizers to build with: empty, 'address;undefined' or 'thread'")
+
+set(ZOR_PLATFORM host CACHE STRING
+    "'host' builds the development machine's platform library; 'device' links the libraries named \
+in ZOR_PLATFORM_LIBRARIES")
+set_property(CACHE ZOR_PLATFORM PROPERTY STRINGS host device)
+set(ZOR_PLATFORM_LIBRARIES "" CACHE STRING
+    "With ZOR_PLATFORM=device: the libraries that implement the headers of platform/inc")
+
+if(NOT ZOR_PLATFORM MATCHES "^(host|device)$")
+  message(FATAL_ERROR "ZOR_PLATFORM is '${ZOR_PLATFORM}'; it must be 'host' or 'device'.")
+endif()
+if(ZOR_PLATFORM STREQUAL "device" AND NOT ZOR_PLATFORM_LIBRARIES)
+  message(FATAL_ERROR "ZOR_PLATFORM=device needs ZOR_PLATFORM_LIBRARIES: the libraries that "
+                      "implement the headers of platform/inc.")
+endif()

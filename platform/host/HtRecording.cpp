@@ -1,0 +1,169 @@
+#include <cxxabi.h>
+#include <pthread.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "HtClock.h"
+#include "HtRecordConfig.h"
+#include "HtRecordFile.h"
+#include "HtRecordFormat.h"
+#include "ht.h"
+
+using zorhost::TCRecordFile;
+using zorhost::format::TSItemHeader;
+using zorhost::format::TSRecordHeader;
+
+std::atomic<bool> TIStorageManagerState::enabled{false};
+
+namespace {
+
+/// Set before recording is enabled, never cleared.
+TCRecordFile* g_file = nullptr;
+
+class TCHostStorage final : public ht::TCStorage
+{};
+
+class TCHostStorageManager final : public TIStorageManager
+{
+ public:
+    ht::TCStorage* CurrentStorage() override { return &m_storage; }
+    unsigned int SessionId() override { return g_file->Session(); }
+
+ private:
+    TCHostStorage m_storage;
+};
+
+TCHostStorageManager g_manager;
+
+/// Reads the environment while the program is loaded, before it has a second thread.
+struct TSStart
+{
+    TSStart()
+    {
+        const zorhost::TSRecordConfig config = zorhost::ReadRecordConfig();
+        if (config.path.empty())
+            return;
+        g_file = TCRecordFile::Create(config.path, config.ringSize);
+        if (g_file == nullptr)
+            return;
+        pthread_atfork(nullptr, nullptr, [] { g_file->AfterForkInChild(); });
+        TIStorageManagerState::enabled.store(true, std::memory_order_relaxed);
+    }
+};
+
+const TSStart g_start;
+
+} // namespace
+
+TIStorageManager* TIStorageManager::Instance()
+{
+    return g_file != nullptr ? &g_manager : nullptr;
+}
+
+namespace ht {
+
+TCCallLocation::TCCallLocation(const char* function, const char* file, int line)
+    : function(function), file(file), line(line)
+{}
+
+TCCallLocation::~TCCallLocation() = default;
+
+std::string TSDemangler::Demangle(const char* name)
+{
+    int status = 0;
+    char* const readable = abi::__cxa_demangle(name, nullptr, nullptr, &status);
+    std::string text = readable != nullptr ? readable : name;
+    free(readable);
+    return text;
+}
+
+unsigned int TCStorage::SaveLocation(const TCCallLocation& location)
+{
+    return g_file->AddLocation(location);
+}
+
+void TCStorage::Commit(TSCallItemHelper& record)
+{
+    g_file->AddRecord(record.m_record, record.m_size);
+}
+
+TSCallItemHelper::TSCallItemHelper(TCStorage* /*storage*/, int kind, unsigned int location)
+    : m_size(sizeof(TSRecordHeader))
+{
+    TSRecordHeader header = {};
+    header.kind = static_cast<std::uint8_t>(kind);
+    header.location = location;
+    header.timeNsec = zorhost::NowNsec(CLOCK_MONOTONIC);
+    memcpy(m_record, &header, sizeof(header));
+}
+
+void TSCallItemHelper::Append(int type, const void* head, std::size_t headSize, const void* data,
+                              std::size_t size)
+{
+    const std::size_t room = RECORD_SIZE - m_size;
+    if (size > room || sizeof(TSItemHeader) + headSize + size > room) {
+        m_record[offsetof(TSRecordHeader, flags)] |= zorhost::format::RECORD_TRUNCATED;
+        return;
+    }
+    const TSItemHeader item = {static_cast<std::uint8_t>(type), 0,
+                               static_cast<std::uint16_t>(headSize + size)};
+    for (const auto& [from, bytes] : {std::pair<const void*, std::size_t>(&item, sizeof(item)),
+                                      {head, headSize},
+                                      {data, size}}) {
+        if (bytes != 0)
+            memcpy(m_record + m_size, from, bytes);
+        m_size += bytes;
+    }
+}
+
+void TSCallItemHelper::Store(const void* pointer, std::size_t size)
+{
+    const std::uint64_t address = reinterpret_cast<std::uintptr_t>(pointer);
+    Append(zorhost::format::ITEM_BLOCK, &address, sizeof(address), pointer, size);
+}
+
+void TSCallItemHelper::StoreFixed(bool value)
+{
+    Append(zorhost::format::ITEM_FIXED, nullptr, 0, &value, sizeof(value));
+}
+
+void TSCallItemHelper::StoreFixed(unsigned int value)
+{
+    Append(zorhost::format::ITEM_FIXED, nullptr, 0, &value, sizeof(value));
+}
+
+void TSCallItemHelper::StoreFixed(std::uint64_t value)
+{
+    Append(zorhost::format::ITEM_FIXED, nullptr, 0, &value, sizeof(value));
+}
+
+void TSCallItemHelper::AddNull(const void* /*pointer*/)
+{
+    Append(zorhost::format::ITEM_NULL, nullptr, 0, nullptr, 0);
+}
+
+void TSCPUStatisticHelper::Start()
+{
+    m_startNsec = zorhost::NowNsec(CLOCK_THREAD_CPUTIME_ID);
+    m_started = true;
+}
+
+void TSCPUStatisticHelper::Stop()
+{
+    m_statistic->cpuNsec = zorhost::NowNsec(CLOCK_THREAD_CPUTIME_ID) - m_startNsec;
+}
+
+void TCDirection::Reset()
+{
+    m_next = 0;
+}
+
+bool TCDirection::GetNext()
+{
+    if (m_next >= m_count)
+        return false;
+    return (m_inputs >> m_next++ & 1U) != 0;
+}
+
+} // namespace ht
