@@ -1,0 +1,104 @@
+#include "Main.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "Debug.h"
+#include "dlog.h"
+
+int gArgc = 0;
+char** gArgv = nullptr;
+
+namespace {
+
+constexpr char PID_FILE[] = "/tmp/.zor-daemon.pid";
+constexpr mode_t PID_FILE_MODE = 0600;
+constexpr int PID_TEXT_SIZE = 128;
+constexpr int PROFILING_OPTION = 666;
+
+constexpr char LOG_TAG[] = "ZOR";
+constexpr char LOG_MODULE[] = "ZOR_CORE";
+
+// Names and lines that the entry's log lines carry. They are constants of the system, which tools
+// that read the log know; they do not follow the source.
+constexpr char IN_MAIN[] = "main";
+constexpr char IN_WRITE_PID[] = "write_pid";
+constexpr int LINE_OPEN_FAILED = 45;
+constexpr int LINE_WRITE_FAILED = 56;
+constexpr int LINE_PID_WRITTEN = 62;
+constexpr int LINE_BANNER = 74;
+constexpr int LINE_BUILD = 76;
+constexpr int LINE_NOTICE = 80;
+constexpr int LINE_EXITING = 90;
+constexpr int LINE_START = 113;
+
+void LogBanner()
+{
+    __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, LOG_TAG, "%s: %s(%d) > \n\t## Quillon (TM) 1.1 : %s ",
+                 LOG_MODULE, IN_MAIN, LINE_BANNER, "DTP-SP-0085");
+    __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, LOG_TAG, "%s: %s(%d) > (DEBUG)", LOG_MODULE, IN_MAIN,
+                 LINE_BUILD);
+    __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, LOG_TAG,
+                 "%s: %s(%d) > Core runtime of the television service daemon", LOG_MODULE, IN_MAIN,
+                 LINE_NOTICE);
+}
+
+/// Makes the pid file, which is what keeps a second daemon from starting: the create is exclusive,
+/// and the file is left behind at the end, by a clean one too.
+bool WritePidFile()
+{
+    const int file = open(PID_FILE, O_RDWR | O_CREAT | O_EXCL, PID_FILE_MODE);
+    if (file < 0) {
+        __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, LOG_TAG, "%s: %s(%d) > failed to open (%s:%d)",
+                     LOG_MODULE, IN_WRITE_PID, LINE_OPEN_FAILED, PID_FILE, errno);
+        return false;
+    }
+
+    char text[PID_TEXT_SIZE];
+    snprintf(text, sizeof(text), "%d", getpid());
+    const int length = static_cast<int>(strlen(text));
+    const int written = static_cast<int>(write(file, text, strlen(text)));
+    if (written != length) {
+        __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, LOG_TAG,
+                     "%s: %s(%d) > failed to write (%d:%d)/len(%d)", LOG_MODULE, IN_WRITE_PID,
+                     LINE_WRITE_FAILED, written, errno, length);
+        close(file);
+        remove(PID_FILE);
+        return false;
+    }
+    __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, LOG_TAG, "%s: %s(%d) > pid written (%d)", LOG_MODULE,
+                 IN_WRITE_PID, LINE_PID_WRITTEN, length);
+    close(file);
+    return true;
+}
+
+/// Steps aside for the instance that made the pid file. No exit handler may run: they would take
+/// down what has never been brought up.
+[[noreturn]] void StepAside()
+{
+    PrintProfiling(PROFILING_OPTION, "ZOR pid file result %d", -1);
+    __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, LOG_TAG, "%s: %s(%d) > Exiting...", LOG_MODULE, IN_MAIN,
+                 LINE_EXITING);
+    _exit(0);
+}
+
+} // namespace
+
+ZOR_CORE_API int main(int argc, char** argv)
+{
+    gArgc = argc;
+    gArgv = argv;
+    PrintProfiling(PROFILING_OPTION, "ZOR main begin");
+    LogBanner();
+    if (!WritePidFile()) {
+        StepAside();
+    }
+    PrintProfiling(PROFILING_OPTION, "ZOR pid file result %d", 0);
+    __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, LOG_TAG, "%s: %s(%d) > QLN No sched_yield()", LOG_MODULE,
+                 IN_MAIN, LINE_START);
+    return Main();
+}

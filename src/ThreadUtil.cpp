@@ -1,0 +1,15 @@
+#include "ThreadUtil.h"
+
+#include <pthread.h>
+
+#include "ZorServiceDebugOverlay.h"
+
+void TCThreadUtil::SetCurrentThreadName(const char* name)
+{
+    const long result = pthread_setname_np(pthread_self(), name);
+    if (result != 0) {
+        // The text stands where the tag belongs and the name where the format belongs. Filters of
+        // the platform log match that tag, so it stays.
+        ZOR_LOG_TAGGED("\"failed to set %s name, result:%ld\"", true, DLOG_INFO, name, result);
+    }
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+#include <cstring>
+
+/// @file
+/// Orders of virtual operations and of fields, which other binaries rely on.
+
+namespace zortest {
+
+/// The number of a virtual operation in its class's table, from 0; a destructor takes two.
+///
+/// A pointer to a virtual member function holds the offset of its slot, plus one.
+template <typename Member>
+std::size_t SlotOf(Member member)
+{
+    std::ptrdiff_t value = 0;
+    static_assert(sizeof(member) >= sizeof(value));
+    std::memcpy(&value, &member, sizeof(value));
+    return static_cast<std::size_t>(value - 1) / sizeof(void*);
+}
+
+/// The field of type Field at @p offset bytes in @p object.
+template <typename Field, typename Object>
+Field FieldAt(const Object& object, std::size_t offset)
+{
+    Field field;
+    std::memcpy(&field, reinterpret_cast<const unsigned char*>(&object) + offset, sizeof(field));
+    return field;
+}
+
+} // namespace zortest

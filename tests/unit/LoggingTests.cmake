@@ -1,0 +1,19 @@
+# Debug print, assertions, logging front and loggers.
+set(zor_support ${CMAKE_CURRENT_SOURCE_DIR}/../support)
+
+zor_add_test(AssertTest SOURCES AssertTest.cpp ${zor_support}/ConsoleSeam.cpp)
+zor_add_test(CallstackTest
+  SOURCES CallstackTest.cpp DiagnosticSeams.cpp ${zor_support}/ConsoleSeam.cpp)
+zor_add_test(DebugTest
+  SOURCES DebugTest.cpp DiagnosticSeams.cpp
+          ${zor_support}/ConsoleSeam.cpp ${zor_support}/LogSeam.cpp)
+zor_add_test(FunctionIndicesTest SOURCES FunctionIndicesTest.cpp)
+zor_add_test(LogMacroTest SOURCES LogMacroTest.cpp ${zor_support}/LogSeam.cpp)
+zor_add_test(LoggersTest SOURCES LoggersTest.cpp ${zor_support}/LogSeam.cpp)
+zor_add_test(DlogLoggersTest SOURCES DlogLoggersTest.cpp ${zor_support}/LogSeam.cpp)
+zor_add_test(LegacyLoggerTest SOURCES LegacyLoggerTest.cpp ${zor_support}/LogSeam.cpp)
+zor_add_test(LoggingFrontTest
+  SOURCES LoggingFrontTest.cpp
+          ${zor_support}/ConsoleSeam.cpp ${zor_support}/LogSeam.cpp
+          ${zor_support}/RWLockSeams.cpp)
+zor_add_test(LoggingAllocationTest SOURCES LoggingAllocationTest.cpp)

@@ -1,0 +1,36 @@
+# Semaphore, mutex, thread and reader-writer lock; and every public header by itself.
+set(zor_support ${CMAKE_CURRENT_SOURCE_DIR}/../support)
+
+zor_add_test(SemaphoreTest
+  SOURCES SemaphoreTest.cpp SemaphoreDeadlineTest.cpp
+          ${zor_support}/AllocationSeam.cpp ${zor_support}/ConditionSeams.cpp
+          ${zor_support}/ConsoleSeam.cpp)
+zor_add_test(MutexTest
+  SOURCES MutexTest.cpp
+          ${zor_support}/AllocationSeam.cpp ${zor_support}/ConditionSeams.cpp
+          ${zor_support}/ConsoleSeam.cpp)
+zor_add_test(ThreadTest
+  SOURCES ThreadTest.cpp ThreadFailureTest.cpp ThreadPriorityTest.cpp
+          ${zor_support}/AllocationSeam.cpp ${zor_support}/ConditionSeams.cpp
+          ${zor_support}/ConsoleSeam.cpp ${zor_support}/LogSeam.cpp
+          ${zor_support}/ThreadSeams.cpp)
+zor_add_test(ThreadUtilTest
+  SOURCES ThreadUtilTest.cpp
+          ${zor_support}/ConsoleSeam.cpp ${zor_support}/LogSeam.cpp ${zor_support}/ThreadSeams.cpp
+          ${zor_support}/TimesSeams.cpp)
+zor_add_test(RWLockTest
+  SOURCES RWLockTest.cpp RWLockFailureTest.cpp
+          ${zor_support}/ConsoleSeam.cpp ${zor_support}/RWLockSeams.cpp)
+
+# Every public header compiles by itself, and twice in a row.
+file(GLOB zor_headers CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/inc
+     ${PROJECT_SOURCE_DIR}/inc/*.h)
+set(zor_header_sources)
+foreach(header IN LISTS zor_headers)
+  set(source ${CMAKE_CURRENT_BINARY_DIR}/headers/${header}.cpp)
+  file(CONFIGURE OUTPUT ${source} CONTENT "#include \"${header}\"\n#include \"${header}\"\n")
+  list(APPEND zor_header_sources ${source})
+endforeach()
+add_library(HeadersTest OBJECT ${zor_header_sources})
+zor_warnings(HeadersTest)
+target_link_libraries(HeadersTest PRIVATE zor-core)
