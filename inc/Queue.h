@@ -1,0 +1,146 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+#include "Event.h"
+#include "Thread.h"
+#include "ZorExport.h"
+
+/// The bounded event queue of a task: any thread puts, one consumer thread gets.
+///
+/// Events are kept by value in a fixed ring of 256 records. Normal events are handled in the order
+/// in which they were put; a priority event overtakes all that are queued, the last one put first.
+/// The last 16 records are kept for priority events: a normal put is refused when 240 or more
+/// events are queued, a priority put only when all 256 records are taken.
+///
+/// The lock of the queue is the queue itself (a TCMutex): recursive, so that a handler may put to
+/// and delete from its own queue. Every operation asserts "FlagCreate() == true", except Create(),
+/// which asserts the opposite; pointers to events are asserted "event != NULL". Times are
+/// milliseconds; all ones waits for ever, 0 does not wait. Any thread may call any operation; the
+/// queue must outlive every thread that may still put to it.
+///
+/// Beside the ring there is a semaphore with one unit for every event put. The gets that do not
+/// wait leave it alone, so it may run ahead of the ring; a waiting get that obtains a unit without
+/// an event waits again.
+class ZOR_CORE_API TCQueue : public TCMutex
+{
+ public:
+    TCQueue() = default;
+
+    /// Asserts "FlagCreate() == false" and releases the events still queued.
+    ~TCQueue() override;
+
+    /// Makes the queue usable and empty.
+    ///
+    /// @return whether lock and semaphore could be created; nothing is left behind if not
+    bool Create();
+
+    /// Ends the queue. It stays locked by the caller, so that nobody gets in any more. Queued
+    /// events stay until the object is destroyed; a sender that waits for one of them is not
+    /// released.
+    void Destroy() override;
+
+    /// True between a successful Create() and Destroy().
+    bool FlagCreate() const { return m_eventCount.FlagCreate(); }
+
+    /// Queues a copy of @p event without waiting for its handling; see PutSync().
+    bool Put(TSEvent* event, bool priority);
+
+    /// Queues a copy of @p event, stamped with the calling thread's application data and id. The
+    /// event stays the caller's and is not changed; the attachment is shared.
+    ///
+    /// @param sync      whether to wait until the event has been handled or deleted. The consumer
+    ///                  itself would wait for ever.
+    /// @param priority  whether the event overtakes all that are queued
+    /// @return false if the queue is full (or no reply semaphore can be made): nothing is queued
+    bool PutSync(TSEvent* event, bool sync, bool priority);
+
+    /// Takes the oldest event, waiting at most @p msec for one.
+    ///
+    /// @param skipSync  whether to leave an event whose sender waits in the queue
+    /// @return false on time-out, and if the oldest event is left because of @p skipSync; @p event
+    ///         is untouched then. The unit taken for an event that is left is not given back.
+    bool GetSync(TSEvent* event, unsigned long msec, bool skipSync);
+
+    /// GetSync() that takes only events whose sender does not wait.
+    bool Get(TSEvent* event, unsigned long msec);
+
+    /// The same with a time of any integral type, so that Get(event, 0) is a wait and no receiver.
+    template <typename Integer, std::enable_if_t<std::is_integral_v<Integer>, int> = 0>
+    bool Get(TSEvent* event, Integer msec)
+    {
+        return Get(event, static_cast<unsigned long>(msec));
+    }
+
+    /// GetSync() without waiting and without touching the semaphore.
+    bool GetSyncQData(TSEvent* event, bool skipSync);
+
+    /// Get() without waiting and without touching the semaphore.
+    bool GetQData(TSEvent* event);
+
+    /// Takes the oldest event for @p receiver (and of @p type) whose sender does not wait, from
+    /// anywhere in the queue. The others keep their order.
+    ///
+    /// @return whether there was one
+    bool Get(TSEvent* event, const TCHandler* receiver, unsigned long type);
+    bool Get(TSEvent* event, const TCHandler* receiver);
+
+    /// Counts the queued events for @p receiver (and of @p type).
+    ///
+    /// @param found  where to store the number; may be null
+    /// @return whether there are any
+    bool Find(const TCHandler* receiver, unsigned int* found);
+    bool Find(const TCHandler* receiver, unsigned long type, unsigned int* found);
+
+    /// Removes the queued events for @p receiver (and of @p type; at most @p maxCount, the oldest
+    /// first). A sender that waits for a removed event is released and told that it was handled;
+    /// the event's attachment is released before the call returns.
+    ///
+    /// @param deleted  where to store the number removed; may be null
+    /// @return whether any was removed
+    bool Delete(const TCHandler* receiver, unsigned int* deleted);
+    bool Delete(const TCHandler* receiver, unsigned long type, unsigned int* deleted);
+    bool DeleteEx(const TCHandler* receiver, unsigned long type, unsigned int maxCount,
+                  unsigned int* deleted);
+
+    /// Wakes a waiting getter without queuing anything; it finds no event and waits again.
+    void Give();
+
+    /// Takes one unit of the semaphore, waiting at most @p msec for it.
+    bool Try(unsigned long msec);
+
+    /// How many events are queued.
+    std::size_t Size();
+
+ private:
+    friend class TCMultiQTask;
+
+    static constexpr std::uint64_t CAPACITY = 256;
+    static constexpr std::uint64_t RESERVED_FOR_PRIORITY = 16;
+
+    /// Who is looked for: the receiver, and the type if there is one.
+    struct Match;
+
+    bool Place(const TSEvent& event, TCSemaphore* reply, bool priority);
+    TSEvent* TakeSlotLocked(bool priority);
+    bool TakeHeadLocked(TSEvent* event, bool skipSync, std::shared_ptr<ZOREventDataBase>* released);
+    bool GetMatching(TSEvent* event, const Match& match);
+    bool FindMatching(const Match& match, unsigned int* found);
+    bool DeleteMatching(const Match& match, std::uint64_t maxCount, unsigned int* deleted);
+    void MoveRecordLocked(std::uint64_t from, std::uint64_t to);
+
+    static constexpr std::uint64_t Wrap(std::uint64_t index) { return index & (CAPACITY - 1); }
+
+    TCSemaphore m_eventCount; ///< synchronised in itself; one unit for every put
+
+    // Guarded by the queue's lock. The events are the m_count records from m_head on, and
+    // m_tail is (m_head + m_count) & 255. A record that is none of them has neither attachment nor
+    // name, unless the queue was destroyed with events in it and has been created again.
+    std::uint64_t m_tail = 0;
+    std::uint64_t m_head = 0;
+    std::uint64_t m_count = 0;
+    std::array<TSEvent, CAPACITY> m_ring;
+};
