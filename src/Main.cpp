@@ -8,6 +8,9 @@
 #include <cstring>
 
 #include "Debug.h"
+#include "Sync.h"
+#include "TaskList.h"
+#include "WatchdogNotifier.h"
 #include "dlog.h"
 
 int gArgc = 0;
@@ -86,6 +89,33 @@ bool WritePidFile()
     _exit(0);
 }
 
+/// Brings the services up. A failure of one leaves out the rest, and the application runs without
+/// them.
+void StartRuntime()
+{
+    try {
+        TCSyncDet::Create();
+        if (!TCTaskList::FlagInitialize()) {
+            TCTaskList::m_mutex.Create();
+        }
+        TCWatchdogNotifier::Init();
+    } catch (...) { // NOLINT(bugprone-empty-catch): nobody is left to be told
+    }
+}
+
+/// Takes the services down. A failure of one leaves the rest as they are.
+void StopRuntime()
+{
+    try {
+        TCWatchdogNotifier::Exit();
+        if (TCSyncDet::FlagCreate()) {
+            TCSyncDet::Destroy();
+        }
+        TCTaskList::Finalize();
+    } catch (...) { // NOLINT(bugprone-empty-catch): the process ends with Main()'s result anyway
+    }
+}
+
 } // namespace
 
 ZOR_CORE_API int main(int argc, char** argv)
@@ -100,5 +130,8 @@ ZOR_CORE_API int main(int argc, char** argv)
     PrintProfiling(PROFILING_OPTION, "ZOR pid file result %d", 0);
     __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, LOG_TAG, "%s: %s(%d) > QLN No sched_yield()", LOG_MODULE,
                  IN_MAIN, LINE_START);
-    return Main();
+    StartRuntime();
+    const int result = Main();
+    StopRuntime();
+    return result;
 }

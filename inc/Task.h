@@ -1,0 +1,312 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <vector>
+
+#include "Event.h"
+#include "EventNotifyThread.h"
+#include "Handler.h"
+#include "Queue.h"
+#include "TaskList.h"
+#include "Thread.h"
+#include "ZorExport.h"
+
+/// A thread with an event queue and a loop that hands each event to its handler.
+///
+/// Derive from it and override the `t_` hooks, which all run on the task's own thread, one at a
+/// time. A task is at once its thread, its queue and its own handler, which takes the event types
+/// below. The life of a task, in order:
+///
+/// 1. Create() makes queue, handler and thread, in this order, and enters the task into the
+/// registry.
+/// 2. The thread runs t_Create(), registers with the watchdog and runs the loop.
+/// 3. The owner sends EVENT_EXIT. Nothing does that for it.
+/// 4. The loop ends; the thread runs t_Destroy() and is gone.
+/// 5. Destroy() takes the task out of the registry, waits for the thread and releases the handler
+/// and
+///    the queue, in this order.
+///
+/// Unless said otherwise an operation may be called from any thread and asserts
+/// "FlagCreate() == true".
+class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
+{
+ public:
+    /// Types of the events that a task's own handler takes.
+    enum EEventType : unsigned long
+    {
+        EVENT_EXIT = 0,        ///< end the loop after this event
+        EVENT_USER = 1,        ///< the application's
+        EVENT_PING = 2,        ///< prove that the loop is alive
+        EVENT_CLEAR_QUEUE = 3, ///< delete the queued events of the task's own handler
+        EVENT_PAUSE = 4,       ///< wait until resumed
+        EVENT_RESUME = 5,      ///< nothing; carries what is to be released on the task's thread
+    };
+
+    /// Runs before or after the handling of an event, on the task's thread, with the context that
+    /// it was set with.
+    using EventCallback = bool (*)(const TSEvent*, const void*);
+
+    TCTask() = default;
+
+    /// The thread's body: hooks, watchdog registration and the loop.
+    void t_Main() override;
+
+    /// Asserts "FlagCreate() == false".
+    ~TCTask() override;
+
+    /// Ends the task; its exit event must have been sent, or this waits until somebody sends it. A
+    /// paused task is resumed first. Must not be called on the task's own thread.
+    void Destroy() override;
+
+    /// Runs first on the task's thread. If it returns false the thread ends at once.
+    virtual bool t_Create();
+
+    /// Runs whenever no event has come for the wait time.
+    virtual void t_Idle();
+
+    /// Runs last on the task's thread, unless t_Create() returned false.
+    virtual void t_Destroy();
+
+    /// Dispatches the event types above; any other is answered false.
+    bool t_OnEvent(const TSEvent* event) override;
+
+    /// Hook for EVENT_EXIT; the loop ends whatever it returns.
+    virtual bool t_OnExit(const TSEvent* event);
+
+    /// Hook for EVENT_USER.
+    virtual bool t_OnUser(const TSEvent* event);
+
+    /// Hook for EVENT_CLEAR_QUEUE: deletes the queued events of the task's own handler.
+    ///
+    /// @return whether there were any
+    virtual bool t_OnClearQueue(const TSEvent* event);
+
+    /// Runs before the task waits in a pause.
+    virtual void t_OnPause(const TSEvent* event);
+
+    /// Runs when a pause has ended, before further events are handled.
+    virtual void t_OnResume(const TSEvent* event);
+
+    /// Pauses the task between two events and returns when it waits. Events sent meanwhile stay
+    /// queued. Must not be called on the task's own thread, which would wait for itself.
+    ///
+    /// @return true if the task is paused (it may have been already); false if its queue is full or
+    ///         its thread has ended
+    ///
+    /// Throws std::future_error (broken promise) if the request is deleted from the queue.
+    virtual bool Pause();
+
+    /// Ends a pause and returns when the task has left it; t_OnResume() may still be running.
+    ///
+    /// @return false if the task is not paused
+    virtual bool ResumeAsync();
+
+    /// One turn of the loop: waits for one event and has it handled, or runs t_Idle().
+    ///
+    /// @return false when the loop is to end
+    virtual bool ExecuteEvent();
+
+    /// Makes the task and starts its thread.
+    ///
+    /// @param name          its name, of which the first 15 characters are used
+    /// @param waitTime      milliseconds without an event after which t_Idle() runs
+    /// @param stackSize     of the thread, in bytes
+    /// @param watchdogTime  time-out given to the watchdog service, in its unit; 1 to 4 become 5,
+    /// and
+    ///                      0 leaves the task unsupervised
+    /// @return whether everything could be made; nothing is left behind if not
+    ///
+    /// Asserts "FlagCreate() == false" and "name != NULL".
+    bool Create(const char* name, unsigned int waitTime, unsigned long stackSize,
+                unsigned long watchdogTime);
+
+    /// Sets the callbacks around EVENT_EXIT, EVENT_USER or EVENT_CLEAR_QUEUE; null clears. A before
+    /// callback that returns true takes the place of the hook; an after callback always runs, and
+    /// its result is or-ed into that of the event. Those of EVENT_CLEAR_QUEUE are kept but never
+    /// called.
+    ///
+    /// No lock guards them: set them before events of that type can arrive.
+    ///
+    /// @return false for any other @p type
+    bool SetEventCallback(int type, EventCallback before, EventCallback after, const void* context);
+
+    /// Stores what SetEventCallback() set, wherever the pointer is not null.
+    ///
+    /// @return false for any other @p type than SetEventCallback() takes
+    bool GetEventCallback(int type, EventCallback* before, EventCallback* after,
+                          const void** context);
+
+    /// Whether the task is paused. Waits while a Pause() or ResumeAsync() is under way.
+    bool IsPaused();
+
+    /// The task's name.
+    const char* Name() const;
+
+    /// Sends @p event to its receiver: queues a copy with the receiver's task. The event stays the
+    /// caller's and shares its attachment with the copy.
+    ///
+    /// @param sync      whether to wait until the event has been handled (or deleted). On the
+    ///                  receiving task's own thread this asserts "priority == true" and handles the
+    ///                  event at once.
+    /// @param priority  whether the event overtakes all that are queued
+    /// @return false if the receiving task is not created or its queue is full
+    ///
+    /// Asserts "event != NULL" and "event->receiver != NULL". The receiver must stay alive for the
+    /// whole call. While a synchronous send waits it is listed in TCSyncDet.
+    static bool Send(TSEvent* event, bool sync, bool priority);
+
+    /// Asks @p task to prove that it is alive, and to notify the watchdog if it is supervised.
+    ///
+    /// @param msec  how long to wait for the answer; 0 does not ask for one
+    /// @return true if the task answered in time, if @p msec is 0 and the request is queued, or if
+    ///         the task is paused (nothing is sent then); false if there is no such task
+    static bool Ping(TCTask* task, unsigned long msec);
+
+    /// Deprecated: Ping() for a task that the caller vouches for. Prints a line on every call.
+    ///
+    /// @return false also on the task's own thread, and with @p msec 0
+    bool Ping(unsigned long msec);
+
+    /// Has @p task delete the queued events of its own handler.
+    ///
+    /// @param msec  how long to wait for the answer
+    /// @return true if the task answered in time; false if not, if it is paused, or if there is no
+    ///         such task
+    static bool ClearQueue(TCTask* task, unsigned long msec);
+
+    using TCHandler::FlagCreate;
+
+ protected:
+    /// Handlers of the event types, run on the task's thread by the dispatch.
+    bool OnExit(const TSEvent* event);
+    bool OnUser(const TSEvent* event);
+    bool OnPing(const TSEvent* event);
+    bool OnClearQueue(const TSEvent* event);
+    bool OnPause(const TSEvent* event);
+
+ private:
+    friend class TCMultiQTask;
+    friend class TCTimer;
+    friend class TCWatchdogNotifier;
+
+    static constexpr int CALLBACK_TYPES = 4;
+    static constexpr std::size_t NAME_SIZE = 16;
+
+    static bool m_Send(TSEvent* event, bool sync, bool priority);
+    static bool TakesCallbacks(int type);
+
+    void InitLoop(const char* name, unsigned int waitTime, unsigned long watchdogTime);
+    bool RunsOnCaller() const;
+    bool RunHook(EEventType type, bool (TCTask::*hook)(const TSEvent*), const TSEvent* event);
+    void Deliver(const TSEvent& event);
+    void ReleaseLaterLocked(std::shared_ptr<ZOREventDataBase> attachment);
+    void ReleaseNow();
+    static void WaitForResume(const std::future<bool>& resumed);
+    static void NotifyWatchdog();
+
+    std::uint64_t m_waitTime = 0;       ///< milliseconds; fixed while the task is created
+    std::atomic<bool> m_exit{false};    ///< written by the task's thread
+    std::atomic<bool> m_running{false}; ///< written by the task's thread
+    unsigned long m_watchdogTime = 0;   ///< fixed while the task is created
+    std::mutex m_pauseRequestMutex;     ///< one request at a time; before m_pauseWaitMutex
+    std::atomic<bool> m_paused{false};  ///< written by the task's thread, under m_pauseWaitMutex
+    std::unique_ptr<std::promise<bool>> m_resumePromise; ///< made by the task's thread in a pause
+    std::mutex m_pauseWaitMutex;                 ///< held by the task's thread while it is paused
+    EventCallback m_before[CALLBACK_TYPES] = {}; ///< set before events of the type can arrive
+    EventCallback m_after[CALLBACK_TYPES] = {};  ///< likewise
+    const void* m_callbackContext[CALLBACK_TYPES] = {}; ///< likewise
+    char m_taskName[NAME_SIZE] = {};                    ///< fixed while the task is created
+    TSEvent m_spareEvent; ///< lives and dies with the task; nothing uses it
+    std::vector<std::shared_ptr<ZOREventDataBase>> m_releases; ///< guarded by the queue's lock
+    std::atomic<bool> m_hasReleases{false};                    ///< written under the queue's lock
+};
+
+/// A task with several queues of strict priority: it always takes the next event from the queue
+/// with the lowest index that holds one. Queue 0 is the task's own, where requests and everything
+/// sent with TCTask::Send() go.
+///
+/// Beside the task's thread there is one notify thread for each queue. The further queues and the
+/// notify threads are taken down on the task's thread when it handles EVENT_EXIT; from then on only
+/// queue 0 may be sent to. t_Idle() never runs.
+class ZOR_CORE_API TCMultiQTask : public TCTask
+{
+ public:
+    TCMultiQTask() = default;
+
+    /// Asserts "FlagCreate() == false".
+    ~TCMultiQTask() override;
+
+    /// As TCTask::Destroy().
+    void Destroy() override;
+
+    /// Dispatches the event types of a task, except EVENT_RESUME, which is answered false.
+    bool t_OnEvent(const TSEvent* event) override;
+
+    /// Deletes the events of the task's own handler from the queue whose index is the event's
+    /// param2.
+    ///
+    /// @return whether there were any
+    bool t_OnClearQueue(const TSEvent* event) override;
+
+    /// One turn of the loop: takes one event from the first queue that holds one.
+    bool ExecuteEvent() override;
+
+    /// Makes the task, its queues and their notify threads.
+    ///
+    /// @param name          its name, of which the first 15 characters are used
+    /// @param waitMsec      milliseconds that one wait of the task or of a notify thread lasts
+    /// @param stackSize     of the task's thread, in bytes
+    /// @param nQueueSize    number of queues, at least 1
+    /// @param watchdogTime  see TCTask::Create()
+    /// @return whether everything could be made. If not, further queues that had been made and the
+    ///         notify semaphore stay behind.
+    ///
+    /// Asserts "FlagCreate() == false", "name != NULL" and "nQueueSize > 0".
+    bool Create(const char* name, unsigned int waitMsec, unsigned long stackSize,
+                unsigned int nQueueSize, unsigned long watchdogTime);
+
+    /// TCTask::Send() into the queue of that index. Synchronous sends are not listed in TCSyncDet.
+    ///
+    /// @return false also if the receiver's task is not a multi-queue task
+    ///
+    /// Asserts that the index is one of the task's.
+    static bool Send(TSEvent* event, bool sync, bool priority, unsigned int nQueueIndex);
+
+    /// Has @p task delete the events of its own handler from one of its queues; see
+    /// TCTask::ClearQueue().
+    static bool ClearQueue(TCMultiQTask* task, int idx, unsigned long msec);
+
+    /// How many events are queued in the queue of that index, which is asserted to be one of the
+    /// task's.
+    std::size_t Size(int queueIdx);
+
+    /// Not supported: asserts, and returns 0.
+    std::size_t Size();
+
+ private:
+    static bool m_Send(TSEvent* event, bool sync, bool priority, unsigned int nQueueIndex);
+
+    bool HasQueue(int index) const;
+    bool CreateQueues(unsigned int nQueueSize);
+    bool CreateThreads(const char* name, unsigned long stackSize);
+    bool OnMutiQExit(const TSEvent* event);
+    void TakeDown();
+
+    TCSemaphore m_notifySemaphore;     ///< one unit for every event put into any queue
+    TCQueue** m_pQueueArray = nullptr; ///< guarded by m_queuesMutex, as is m_queueSize; owned, and
+                                       ///< so are the queues but the first
+    TCEventNotifyThread** m_notifyThreads = nullptr; ///< owned, one for each queue
+    unsigned int m_waitMsec = 0;                     ///< fixed while the task is created
+    unsigned int m_queueSize = 1;                    ///< number of queues
+    TCQueue* m_ownQueue[1] = {this}; ///< all the queues there are once the others are gone
+    std::mutex m_creationMutex;      ///< held by Create() until there is all that is taken down
+
+    /// Shared while a queue is looked up and used, before that queue's lock.
+    std::shared_mutex m_queuesMutex;
+};

@@ -1,0 +1,266 @@
+// What other threads ask of a task beside its work: pause and resume, ping, clear-queue.
+
+#include <algorithm>
+#include <chrono>
+
+#include "Task.h"
+#include "TaskListLock.h"
+#include "TaskRequest.h"
+#include "ZorServiceDebugOverlay.h"
+#include "brisk_deadlock.h"
+
+TSEvent RequestTo(TCTask* task, TCTask::EEventType type)
+{
+    TSEvent request;
+    request.type = type;
+    request.receiver = task;
+    return request;
+}
+
+std::future<bool> AttachReply(TSEvent* request)
+{
+    std::promise<bool> reply;
+    std::future<bool> answer = reply.get_future();
+    request->setWrappedData(std::move(reply));
+    return answer;
+}
+
+bool IsAnsweredWithin(const std::future<bool>& answer, unsigned long msec)
+{
+    // Far less than what the clock can add to its present reading without overflow.
+    constexpr unsigned long LONGEST_WAIT_MSEC = 100UL * 365 * 24 * 3600 * 1000;
+
+    const std::chrono::milliseconds wait(std::min(msec, LONGEST_WAIT_MSEC));
+    return answer.wait_until(std::chrono::steady_clock::now() + wait) == std::future_status::ready;
+}
+
+namespace {
+
+/// Sends @p request ahead of the ordinary events and lets go of the sender's share of the reply: a
+/// request that is deleted from the queue then breaks its promise, instead of leaving the requester
+/// to wait for it.
+bool SendRequest(TSEvent* request)
+{
+    const bool sent = TCTask::Send(request, false, true);
+    request->wrappedData.reset();
+    return sent;
+}
+
+} // namespace
+
+bool TCTask::IsPaused()
+{
+    std::lock_guard<std::mutex> lock(m_pauseRequestMutex);
+    return m_paused.load();
+}
+
+// A pause, with the two promises that carry it:
+//
+//   requester:  Pause: send -- wait for acknowledgement --> returns
+//   task:              t_OnPause -- acknowledge -- wait for resume promise ---- t_OnResume
+//   resumer:                                           ResumeAsync: set it -- wait --> returns
+//
+// The task holds the pause-wait mutex while it is paused, which is what the resumer waits for. The
+// request mutex keeps a resume from coming between the two halves of a pause.
+bool TCTask::Pause()
+{
+    constexpr std::chrono::milliseconds ENDED_TASK_CHECK(50);
+
+    ZOR_LOG(true, DLOG_FATAL, "[pause_resume] Begin");
+    TCASSERT(FlagCreate() == true);
+    std::lock_guard<std::mutex> lock(m_pauseRequestMutex);
+    if (m_paused.load()) {
+        ZOR_LOG(true, DLOG_FATAL, "[pause_resume] Warning already on pause");
+        return true;
+    }
+    TSEvent request = RequestTo(this, EVENT_PAUSE);
+    std::future<bool> acknowledged = AttachReply(&request);
+    if (!SendRequest(&request)) {
+        ZOR_LOG(true, DLOG_FATAL, "[pause_resume] Sending pause failed.");
+        return false;
+    }
+    while (acknowledged.wait_for(ENDED_TASK_CHECK) != std::future_status::ready) {
+        if (HasEnded()) {
+            // Nobody will answer, and Destroy() waits for this call: the request is taken back.
+            Delete(static_cast<TCHandler*>(this), EVENT_PAUSE, nullptr);
+            ZOR_LOG(true, DLOG_FATAL, "[pause_resume] The task has ended.");
+            return false;
+        }
+    }
+    acknowledged.get();
+    ZOR_LOG(true, DLOG_FATAL, "[pause_resume] END");
+    return true;
+}
+
+bool TCTask::OnPause(const TSEvent* event)
+{
+    ZOR_LOG(true, DLOG_FATAL, "[pause_resume]");
+    TCASSERT(FlagCreate() == true);
+    TCASSERT(event != NULL);
+    const auto acknowledgement = std::dynamic_pointer_cast<TaskReply>(event->wrappedData);
+    m_resumePromise = std::make_unique<std::promise<bool>>();
+    const std::future<bool> resumed = m_resumePromise->get_future();
+    t_OnPause(event);
+    {
+        std::lock_guard<std::mutex> lock(m_pauseWaitMutex);
+        m_paused.store(true);
+        if (acknowledgement == nullptr) {
+            throw std::future_error(std::future_errc::no_state);
+        }
+        acknowledgement->data.set_value(true);
+        ZOR_LOG(true, DLOG_FATAL, "[pause_resume] start waiting");
+        WaitForResume(resumed);
+        ZOR_LOG(true, DLOG_FATAL,
+                "[pause_resume] resume_future status = ready; t_OnResume will be called");
+        m_paused.store(false);
+    }
+    t_OnResume(event);
+    ZOR_LOG(true, DLOG_FATAL, "[pause_resume] resuming task");
+    return true;
+}
+
+/// Waits a second at a time, so that the watchdog hears of a paused task as of any other.
+void TCTask::WaitForResume(const std::future<bool>& resumed)
+{
+    constexpr std::chrono::seconds WAIT(1);
+    constexpr unsigned long WAITS_PER_LOG_LINE = 5;
+
+    for (unsigned long waits = 0; resumed.wait_for(WAIT) != std::future_status::ready; ++waits) {
+        if (waits % WAITS_PER_LOG_LINE == 0) {
+            ZOR_LOG(true, DLOG_INFO, "[pause_resume] resume_future waiting");
+        }
+        NotifyWatchdog();
+    }
+}
+
+bool TCTask::ResumeAsync()
+{
+    ZOR_LOG(true, DLOG_FATAL, "[pause_resume] BEGIN");
+    TCASSERT(FlagCreate() == true);
+    std::lock_guard<std::mutex> requestLock(m_pauseRequestMutex);
+    if (!m_paused.load()) {
+        ZOR_LOG(true, DLOG_FATAL, "[pause_resume] Resume WARNING Task was not in pause state.");
+        return false;
+    }
+    m_resumePromise->set_value(true);
+    // The task holds this mutex until it has left the pause.
+    std::lock_guard<std::mutex> waitLock(m_pauseWaitMutex);
+    ZOR_LOG(true, DLOG_FATAL, "[pause_resume] END");
+    return true;
+}
+
+void TCTask::t_OnPause(const TSEvent* /*event*/)
+{
+    TCASSERT(FlagCreate() == true);
+}
+
+void TCTask::t_OnResume(const TSEvent* /*event*/)
+{
+    TCASSERT(FlagCreate() == true);
+}
+
+void TCTask::NotifyWatchdog()
+{
+    if (brisk_deadlock_watchdog_notify() != 0) {
+        TCDebug::Print("Unable to notify watchdog service\n");
+    }
+}
+
+bool TCTask::Ping(TCTask* task, unsigned long msec)
+{
+    std::future<bool> answer;
+    bool paused = false;
+    {
+        // Held from the look-up until the request is queued: the task cannot be destroyed
+        // meanwhile.
+        TaskListLock lock;
+        if (!TCTaskList::Find(task)) {
+            return false;
+        }
+        paused = task->m_paused.load();
+        if (!paused) {
+            TSEvent request = RequestTo(task, EVENT_PING);
+            if (msec != 0) {
+                answer = AttachReply(&request);
+            }
+            if (!SendRequest(&request)) {
+                return false;
+            }
+        }
+    }
+    if (paused) {
+        ZOR_LOG(false, DLOG_INFO, "[pause_resume] Task is on pause skip sending ping.");
+        return true;
+    }
+    return msec == 0 || IsAnsweredWithin(answer, msec);
+}
+
+bool TCTask::Ping(unsigned long msec)
+{
+    TCDebug::Print("### deprecated function called : TCTask::Ping(unsigned long msec)\n");
+    if (m_paused.load()) {
+        ZOR_LOG(false, DLOG_INFO, "[pause_resume] Deprecated ping skip on pause");
+        return true;
+    }
+    if (Id() == TCThreadSelf::Id()) {
+        return false; // it could never answer itself
+    }
+    TSEvent request = RequestTo(this, EVENT_PING);
+    const std::future<bool> answer = AttachReply(&request);
+    return SendRequest(&request) && IsAnsweredWithin(answer, msec);
+}
+
+bool TCTask::ClearQueue(TCTask* task, unsigned long msec)
+{
+    std::future<bool> answer;
+    {
+        TaskListLock lock;
+        if (!TCTaskList::Find(task)) {
+            return false;
+        }
+        if (task->m_paused.load()) {
+            ZOR_LOG(false, DLOG_FATAL, "[pause_resume] Failed - called on pause.");
+            return false;
+        }
+        TSEvent request = RequestTo(task, EVENT_CLEAR_QUEUE);
+        answer = AttachReply(&request);
+        if (!SendRequest(&request)) {
+            return false;
+        }
+    }
+    return IsAnsweredWithin(answer, msec);
+}
+
+bool TCTask::OnPing(const TSEvent* event)
+{
+    TCASSERT(FlagCreate() == true);
+    TCASSERT(event != NULL);
+    if (m_watchdogTime != 0) {
+        NotifyWatchdog();
+    }
+    const auto reply = std::dynamic_pointer_cast<TaskReply>(event->wrappedData);
+    if (reply != nullptr) {
+        reply->data.set_value(true);
+    }
+    return true;
+}
+
+bool TCTask::OnClearQueue(const TSEvent* event)
+{
+    TCASSERT(FlagCreate() == true);
+    TCASSERT(event != NULL);
+    const bool result = t_OnClearQueue(event);
+    // Every request of ClearQueue() carries a reply. One that does not is an error of whoever made
+    // it, and ends the process by std::bad_cast.
+    ZOREventDataBase none;
+    ZOREventDataBase& attached = event->wrappedData != nullptr ? *event->wrappedData : none;
+    dynamic_cast<TaskReply&>(attached).data.set_value(true);
+    return result;
+}
+
+bool TCTask::t_OnClearQueue(const TSEvent* event)
+{
+    TCASSERT(FlagCreate() == true);
+    TCASSERT(event != NULL);
+    return Delete(static_cast<TCHandler*>(this), nullptr);
+}

@@ -1,0 +1,73 @@
+#include <cstring>
+
+#include "Task.h"
+#include "TaskListLock.h"
+
+TCMutex& TCTaskList::m_mutex = *new TCMutex;
+std::list<const TCTask*>& TCTaskList::m_taskList = *new std::list<const TCTask*>;
+std::list<const TCTask*>::iterator TCTaskList::m_currentTask = TCTaskList::m_taskList.end();
+
+bool TCTaskList::FlagInitialize()
+{
+    return m_mutex.FlagCreate();
+}
+
+TCTask* TCTaskList::Task()
+{
+    return m_currentTask == m_taskList.end() ? nullptr : const_cast<TCTask*>(*m_currentTask);
+}
+
+bool TCTaskList::Find(const TCTask* task)
+{
+    for (m_currentTask = m_taskList.begin(); m_currentTask != m_taskList.end(); ++m_currentTask) {
+        if (*m_currentTask == task) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool TCTaskList::Find(const char* name)
+{
+    for (m_currentTask = m_taskList.begin(); m_currentTask != m_taskList.end(); ++m_currentTask) {
+        if (strcmp((*m_currentTask)->Name(), name) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool TCTaskList::Seek(int n)
+{
+    m_currentTask = m_taskList.begin();
+    for (unsigned int i = 0; i < static_cast<unsigned int>(n); ++i) {
+        if (m_currentTask == m_taskList.end()) {
+            return false;
+        }
+        ++m_currentTask;
+    }
+    return true;
+}
+
+void TCTaskList::Finalize()
+{
+    m_mutex.Lock();
+    m_taskList.clear();
+    m_currentTask = m_taskList.end();
+    m_mutex.Unlock();
+    m_mutex.Destroy();
+}
+
+void TCTaskList::Register(const TCTask* task)
+{
+    TaskListLock lock;
+    m_taskList.push_back(task);
+}
+
+void TCTaskList::Unregister(const TCTask* task)
+{
+    TaskListLock lock;
+    if (Find(task)) {
+        m_currentTask = m_taskList.erase(m_currentTask);
+    }
+}
