@@ -1,0 +1,247 @@
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Sync.h"
+#include "TCDebugPrint.h"
+#include "Task.h"
+#include "TrapPoint.h"
+
+// The program whose calls the tests record. What it does is its first argument; see main().
+
+__attribute__((visibility("default"))) int Main()
+{
+    return 0;
+}
+
+namespace {
+
+constexpr unsigned long STACK_SIZE = 1024 * 1024;
+constexpr int THREADS = 4;
+
+class Handler : public TCHandler
+{
+ public:
+    Handler(const char* name, TCTask* task, std::function<bool(const TSEvent*)> body)
+        : m_body(std::move(body))
+    {
+        Create(task);
+        printf("%s %p\n", name, static_cast<void*>(this));
+    }
+
+    ~Handler() override { TCHandler::Destroy(); }
+
+    bool t_OnEvent(const TSEvent* event) override { return m_body(event); }
+
+ private:
+    std::function<bool(const TSEvent*)> m_body;
+};
+
+TSEvent Flagged(TCHandler* receiver, unsigned long type, std::uint32_t param1 = 0)
+{
+    TSEvent event;
+    event.receiver = receiver;
+    event.type = type;
+    event.param1 = param1;
+    event.flag = true;
+    return event;
+}
+
+bool Send(TCHandler* receiver, unsigned long type, bool sync, bool priority = false)
+{
+    TSEvent event = Flagged(receiver, type);
+    return TCTask::Send(&event, sync, priority);
+}
+
+void Exit(TCTask* task)
+{
+    TSEvent event;
+    event.receiver = task;
+    event.type = TCTask::EVENT_EXIT;
+    TCTask::Send(&event, false, false);
+    task->Destroy();
+}
+
+/// Sends of every kind between two tasks; the types tell them apart.
+void RunTasks()
+{
+    TCSyncDet::Create();
+    TCTaskList::m_mutex.Create();
+    TCTask alpha;
+    TCTask beta;
+    alpha.Create("alpha", 1000, STACK_SIZE, 0);
+    beta.Create("beta", 1000, STACK_SIZE, 0);
+    {
+        Handler last("last", &beta, [](const TSEvent*) { return false; });
+        Handler first("first", &alpha, [&](const TSEvent* event) {
+            if (event->type == 200) {
+                Send(&last, 201, true);
+            } else if (event->type == 300) {
+                Send(&first, 301, true, true);
+            }
+            return true;
+        });
+        TCDebugPrintZOR::GetInstance()->SetAppData("tuner", 7);
+        for (std::uint32_t i = 1; i <= 3; ++i) {
+            TSEvent event = Flagged(&first, 100, i);
+            event.param2 = 22;
+            event.param3 = 33;
+            event.param4 = 44;
+            event.param5 = 55;
+            event.param6 = 66;
+            event.setWrappedData(i);
+            TCTask::Send(&event, false, false);
+        }
+        Send(&first, 200, true);
+        Send(&first, 300, true);
+        alpha.Pause();
+        Send(&first, 400, false, true);
+        Send(&first, 400, false, true);
+        alpha.ResumeAsync();
+        Send(&first, 500, true);
+    }
+    Exit(&alpha);
+    Exit(&beta);
+    TCTaskList::Finalize();
+    TCSyncDet::Destroy();
+}
+
+/// Alike events for two queues while the task is busy.
+void RunQueues()
+{
+    TCSyncDet::Create();
+    TCTaskList::m_mutex.Create();
+    TCMultiQTask gamma;
+    gamma.Create("gamma", 1000, STACK_SIZE, 3, 0);
+    {
+        Handler handler("handler", &gamma, [&](const TSEvent* event) {
+            if (event->type == 600) {
+                for (const unsigned int queue : {2U, 1U}) {
+                    TSEvent alike = Flagged(&handler, 601);
+                    TCMultiQTask::Send(&alike, false, false, queue);
+                }
+            }
+            return true;
+        });
+        TSEvent first = Flagged(&handler, 600);
+        TCMultiQTask::Send(&first, true, false, 2);
+        TSEvent last = Flagged(&handler, 602);
+        TCMultiQTask::Send(&last, true, false, 2);
+    }
+    TSEvent exit;
+    exit.receiver = &gamma;
+    exit.type = TCTask::EVENT_EXIT;
+    TCMultiQTask::Send(&exit, false, false, 0);
+    gamma.Destroy();
+    TCTaskList::Finalize();
+    TCSyncDet::Destroy();
+}
+
+bool Call(std::uint32_t caller, std::uint32_t number)
+{
+    static TSCodeLocation location("bool Call(TSEvent*, bool, bool)", "RecordedProgram.cpp", 1);
+    TSEvent event = Flagged(nullptr, 1, number);
+    event.param2 = caller;
+    event.param6 = ~std::uint64_t{number};
+    TSEvent* pointer = &event;
+    bool sync = number % 2 != 0;
+    bool priority = number % 3 == 0;
+    return zor::CallAtTrapPoint<bool>(location,
+                                      TCArgList3<TSEvent*&, bool&, bool&>(pointer, sync, priority),
+                                      [&] { return number % 5 == 0; });
+}
+
+void RunThreads(std::uint32_t calls)
+{
+    std::vector<std::thread> threads;
+    for (std::uint32_t caller = 0; caller < THREADS; ++caller) {
+        threads.emplace_back([=] {
+            pthread_setname_np(pthread_self(), ("caller-" + std::to_string(caller)).c_str());
+            for (std::uint32_t i = 0; i < calls; ++i) {
+                Call(caller, i);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+void RunForever()
+{
+    for (std::uint32_t i = 0;; ++i) {
+        Call(0, i);
+        if (i % 64 == 63) {
+            printf("%u\n", i);
+        }
+    }
+}
+
+void RunFork()
+{
+    Call(1, 1);
+    const pid_t child = fork();
+    if (child == 0) {
+        Call(2, 2);
+        _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+    Call(1, 3);
+    printf("%d\n", static_cast<int>(child));
+}
+
+/// One call is made inside another, which throws; the outer one ends.
+void RunThrow()
+{
+    static TSCodeLocation outer("bool Outer(const TSEvent*)", "RecordedProgram.cpp", 2);
+    static TSCodeLocation inner("bool Inner(const TSEvent*)", "RecordedProgram.cpp", 3);
+    const TSEvent* none = nullptr;
+    const TCArgList1<TSEvent const*&> args(none);
+    zor::CallAtTrapPoint<bool>(outer, args, [&] {
+        try {
+            return zor::CallAtTrapPoint<bool>(inner, args, []() -> bool { throw 1; });
+        } catch (int) {
+            return true;
+        }
+    });
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    const std::string what = argc > 1 ? argv[1] : "";
+    const auto count = static_cast<std::uint32_t>(argc > 2 ? atoi(argv[2]) : 0);
+    if (what == "state") {
+        puts(TIStorageManagerState::enabled ? "on" : "off");
+    } else if (what == "tasks") {
+        RunTasks();
+    } else if (what == "queues") {
+        RunQueues();
+    } else if (what == "calls") {
+        for (std::uint32_t i = 0; i < count; ++i) {
+            Call(0, i);
+        }
+    } else if (what == "threads") {
+        RunThreads(count);
+    } else if (what == "forever") {
+        RunForever();
+    } else if (what == "fork") {
+        RunFork();
+    } else if (what == "throw") {
+        RunThrow();
+    } else {
+        fprintf(stderr, "unknown: %s\n", what.c_str());
+        return 1;
+    }
+    return 0;
+}

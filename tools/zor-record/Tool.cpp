@@ -1,0 +1,152 @@
+#include "Tool.h"
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <fstream>
+#include <ostream>
+#include <string>
+
+#include "Reader.h"
+#include "Summary.h"
+#include "TextPrint.h"
+#include "TraceExport.h"
+
+namespace zorrecord {
+
+namespace {
+
+constexpr const char* DESCRIPTION =
+    "Shows the calls that a process has recorded: sends of events and their handling. A process\n"
+    "records when ZOR_RECORD names a file; ZOR_RECORD_SIZE says how much of the latest calls the\n"
+    "file keeps (16M unless given). The file can be read at any time, also after a crash.\n";
+
+constexpr const char* FOOTER =
+    "\n"
+    "Exit codes:\n"
+    "  0  the file was read and shown\n"
+    "  1  bad options, a file that cannot be read or is no record of calls, or output that could\n"
+    "     not be written\n"
+    "  2  the file is cut; what there is of it was shown\n"
+    "\n"
+    "Examples:\n"
+    "  ZOR_RECORD=calls.zor zor-tsmon recording.ts\n"
+    "  zor-record print calls.zor\n"
+    "  zor-record export calls.zor -o calls.json   (for a viewer of trace events)\n";
+
+struct Options
+{
+    std::string file;
+    std::string output; ///< standard output if it is empty
+};
+
+using Show = void (*)(const Recording&, std::ostream&);
+
+void Complain(std::ostream& err, const std::string& what)
+{
+    err << "zor-record: " << what << '\n';
+}
+
+std::string Count(std::uint64_t number, const char* what)
+{
+    return std::to_string(number) + ' ' + what + (number == 1 ? "" : "s");
+}
+
+/// Tells what is missing from the recording.
+void TellLosses(const Recording& recording, const Options& options, std::ostream& err)
+{
+    if (recording.cut) {
+        const std::string whole =
+            recording.wholeSize != 0 ? " of " + std::to_string(recording.wholeSize) : "";
+        Complain(err, options.file + " ends after " + Count(recording.records.size(), "record") +
+                          "; the file is cut after " + std::to_string(recording.fileSize) + whole +
+                          " bytes");
+    }
+    if (recording.gaps != 0) {
+        Complain(err, options.file + " has " + Count(recording.gaps, "gap") + " of together " +
+                          Count(recording.gapBytes, "byte") +
+                          ": records that were under way when the process ended, or damaged ones");
+    }
+}
+
+bool Write(const Recording& recording, Show show, const Options& options, std::ostream& out,
+           std::ostream& err)
+{
+    if (options.output.empty()) {
+        show(recording, out);
+        out.flush();
+        if (!out) {
+            Complain(err, "standard output cannot be written");
+        }
+        return static_cast<bool>(out);
+    }
+    errno = 0;
+    std::ofstream file(options.output, std::ios::binary | std::ios::trunc);
+    if (file) {
+        show(recording, file);
+        file.close();
+    }
+    if (!file) {
+        Complain(err, options.output + " cannot be written: " + std::strerror(errno));
+    }
+    return static_cast<bool>(file);
+}
+
+int Run(Show show, const Options& options, std::ostream& out, std::ostream& err)
+{
+    try {
+        const Recording recording = ReadFile(options.file);
+        TellLosses(recording, options, err);
+        if (!Write(recording, show, options, out, err)) {
+            return EXIT_FAILURE;
+        }
+        return recording.cut ? EXIT_CUT : EXIT_SUCCESS;
+    } catch (const std::exception& error) {
+        Complain(err, options.file + ": " + error.what());
+        return EXIT_FAILURE;
+    }
+}
+
+CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, Options* options)
+{
+    CLI::App* const command = app.add_subcommand(name, description);
+    command->add_option("FILE", options->file, "The record file")
+        ->required()
+        ->option_text("(required)");
+    return command;
+}
+
+} // namespace
+
+int RunTool(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
+{
+    Options options;
+    CLI::App app(DESCRIPTION, "zor-record");
+    app.footer(FOOTER);
+    app.set_help_flag("-h,--help", "Print this help and exit");
+    app.set_version_flag("--version", "zor-record " ZOR_RECORD_VERSION,
+                         "Print the version and exit");
+    app.require_subcommand(1);
+    app.failure_message([](const CLI::App* /*app*/, const CLI::Error& error) {
+        return std::string("zor-record: ") + error.what() +
+               "\nRun 'zor-record --help' for more information.\n";
+    });
+    const CLI::App* const print = AddCommand(app, "print", "Print one line a record", &options);
+    CLI::App* const trace = AddCommand(
+        app, "export", "Write trace-event JSON, to standard output unless -o is given", &options);
+    trace->add_option("-o,--output", options.output, "The file to write")->option_text("OUT");
+    AddCommand(app, "info", "Print a summary", &options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error, out, err) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    }
+    if (print->parsed()) {
+        return Run(PrintRecords, options, out, err);
+    }
+    return Run(trace->parsed() ? ExportTrace : PrintSummary, options, out, err);
+}
+
+} // namespace zorrecord
