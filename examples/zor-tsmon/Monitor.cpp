@@ -1,0 +1,173 @@
+#include "Monitor.h"
+
+#include <poll.h>
+#include <signal.h>
+
+#include <utility>
+
+#include "Completion.h"
+#include "Log.h"
+#include "ParserTask.h"
+#include "ReaderTask.h"
+#include "ServicesTask.h"
+
+namespace tsmon {
+
+namespace {
+
+unsigned long long AsLogged(std::uint64_t number)
+{
+    return number;
+}
+
+Outcome Failed(const std::string& reason)
+{
+    Outcome outcome;
+    outcome.failure = "cannot be read: " + reason;
+    return outcome;
+}
+
+/// The three tasks and what becomes of them. Each is created after the one that it sends to, and
+/// ends before it, so none ever sends to a task that is not there.
+class Monitor
+{
+ public:
+    Monitor(const Options& options, Signals& signals)
+        : m_signals(signals), m_reader(options.file, options.realtime, m_parser)
+    {}
+
+    Outcome Run()
+    {
+        if (!m_done.IsValid() || !m_signals.IsValid()) {
+            return Failed("no descriptors left to wait for it with");
+        }
+        if (!m_services.Start()) {
+            return Failed("no task to keep its services");
+        }
+        Outcome outcome = RunParser();
+        EndTask(m_services);
+        return outcome;
+    }
+
+ private:
+    Outcome RunParser()
+    {
+        if (!m_parser.Start()) {
+            return Failed("no task to parse it");
+        }
+        const bool isRead = m_reader.Start();
+        if (isRead) {
+            AwaitEnd();
+            EndTask(m_reader);
+        }
+        EndTask(m_parser);
+        if (!isRead) {
+            return Failed("no task to read it");
+        }
+        LogHandled();
+        return Collect();
+    }
+
+    Outcome Collect()
+    {
+        std::optional<ServiceTable> table = m_services.Ask();
+        if (!table) {
+            return Failed("its services cannot be had");
+        }
+        Outcome outcome;
+        outcome.failure = m_reader.Failure().empty() ? m_parser.Failure() : m_reader.Failure();
+        outcome.counts = m_reader.Counts();
+        outcome.table = *std::move(table);
+        outcome.stopped = m_reader.IsStopped();
+        outcome.lacksClock = m_reader.LacksClock();
+        return outcome;
+    }
+
+    /// Returns when everything that was read has been handled.
+    void AwaitEnd()
+    {
+        pollfd files[] = {{m_done.Descriptor(), POLLIN, 0}, {m_signals.Descriptor(), POLLIN, 0}};
+        while ((files[0].revents & POLLIN) == 0) {
+            poll(files, std::size(files), -1);
+            while (const std::optional<int> signal = m_signals.Take()) {
+                OnSignal(*signal);
+            }
+        }
+    }
+
+    void OnSignal(int signal)
+    {
+        switch (signal) {
+            case SIGUSR1:
+                Pause();
+                break;
+            case SIGUSR2:
+                Resume();
+                break;
+            default:
+                ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO, "stopped by signal %s: reads no more",
+                               Signals::Name(signal));
+                m_stopped = true;
+                m_reader.StopReading();
+                Resume(); // the stop is ahead of everything that waits for the end of a pause
+        }
+    }
+
+    void Pause()
+    {
+        if (m_stopped) {
+            return; // the end must not wait for a resumption
+        }
+        if (!m_reader.Pause()) {
+            ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_WARN, "cannot be paused");
+            return;
+        }
+        const std::optional<ServiceTable> table = m_services.Ask();
+        ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO, "paused after %llu packets, with %zu services",
+                       AsLogged(m_reader.Counts().packets),
+                       table ? table->Services().size() : std::size_t{0});
+    }
+
+    void Resume()
+    {
+        if (m_reader.IsPaused() && m_reader.ResumeAsync()) {
+            ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO, "resumed");
+        }
+    }
+
+    void LogHandled() const
+    {
+        const ParserCounts& counts = m_parser.Counts();
+        for (const auto& [pid, packets] : counts.perPid) {
+            ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_DEBUG, "PID 0x%04x: %llu packets", pid,
+                           AsLogged(packets));
+        }
+        ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO,
+                       "%llu packets handled, %llu of them of elementary streams, on %zu PIDs; "
+                       "%llu times a queue was full and waited for",
+                       AsLogged(counts.Packets()), AsLogged(counts.streamPackets),
+                       counts.perPid.size(), AsLogged(m_reader.Refusals() + m_parser.Refusals()));
+    }
+
+    Signals& m_signals;
+    bool m_stopped = false; ///< a signal to stop has come
+    Completion m_done;
+    ServicesTask m_services{m_done};
+    ParserTask m_parser{m_services};
+    ReaderTask m_reader;
+};
+
+} // namespace
+
+Outcome MonitorFile(const Options& options, Signals& signals)
+{
+    const char* path = options.file.c_str();
+    ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO, "reading %s", path);
+    Outcome outcome = Monitor(options, signals).Run();
+    ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO, "end of %s: %llu packets, %llu damaged, %zu services",
+                   path, AsLogged(outcome.counts.packets), AsLogged(outcome.counts.Damaged()),
+                   outcome.table.Services().size());
+    return outcome;
+}
+
+} // namespace tsmon

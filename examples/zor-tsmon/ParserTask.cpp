@@ -1,0 +1,134 @@
+#include "ParserTask.h"
+
+#include <exception>
+#include <utility>
+
+#include "Log.h"
+
+namespace tsmon {
+
+namespace {
+
+constexpr unsigned int WAIT_MSEC = 100;
+
+} // namespace
+
+bool ParserTask::Start()
+{
+    return Create("TsParser", WAIT_MSEC, STACK_SIZE, QUEUE_COUNT, WATCHDOG_TIME);
+}
+
+bool ParserTask::t_Create()
+{
+    try {
+        TableSink& sink = *this; // private to others, std::make_unique() included
+        m_finder = std::make_unique<ServiceFinder>(sink);
+    } catch (const std::exception& error) {
+        m_failure = error.what();
+    }
+    return true; // the packets are taken in any case: nobody is left waiting for room
+}
+
+bool ParserTask::t_OnEvent(const TSEvent* event)
+{
+    switch (event->type) {
+        case MESSAGE_PACKETS:
+            OnPackets(*event);
+            return true;
+        case MESSAGE_END:
+            OnEnd(*event);
+            return true;
+        default:
+            return TCMultiQTask::t_OnEvent(event);
+    }
+}
+
+void ParserTask::OnPackets(const TSEvent& event)
+{
+    const auto* block = dynamic_cast<ZORManagedEventData<PacketBlock>*>(event.wrappedData.get());
+    if (block == nullptr) {
+        return;
+    }
+    for (std::size_t index = 0; index < block->data.Count(); ++index) {
+        ++m_counts.perPid[PidOf(block->data.Packet(index))];
+    }
+    if (event.param1 == QUEUE_STREAMS) {
+        m_counts.streamPackets += block->data.Count();
+    } else {
+        m_counts.tablePackets += block->data.Count();
+        Find(block->data);
+    }
+}
+
+void ParserTask::Find(const PacketBlock& block)
+{
+    try {
+        for (std::size_t index = 0; m_finder && index < block.Count(); ++index) {
+            m_finder->Push(block.Packet(index));
+        }
+    } catch (const std::exception& error) {
+        m_failure = error.what();
+        m_finder.reset();
+    }
+}
+
+/// The end comes behind everything in the last queue. Packets sent before it may still be in the
+/// first one, so it goes there for another round and counts when it comes back.
+void ParserTask::OnEnd(const TSEvent& event)
+{
+    TSEvent end;
+    end.type = MESSAGE_END;
+    if (event.param1 == QUEUE_TABLES) {
+        end.receiver = &m_services;
+        SendPatiently(end, false, &m_refusals);
+        return;
+    }
+    end.receiver = this;
+    end.param1 = QUEUE_TABLES;
+    if (!TCMultiQTask::Send(&end, false, false, QUEUE_TABLES)) {
+        // Its own thread cannot wait for room. In the last queue there is some, where it has just
+        // come from.
+        end.param1 = QUEUE_STREAMS;
+        TCMultiQTask::Send(&end, false, false, QUEUE_STREAMS);
+    }
+}
+
+void ParserTask::OnPrograms(const ProgramAssociation& programs)
+{
+    ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO, "PAT version %d of transport stream %d: %zu services",
+                   programs.version, programs.transportStreamId, programs.programs.size());
+    Tell(programs);
+}
+
+void ParserTask::OnProgramMap(const ProgramMap& map)
+{
+    ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO,
+                   "PMT version %d of service %d: %zu elementary streams", map.version,
+                   map.serviceId, map.streams.size());
+    Tell(map);
+}
+
+void ParserTask::OnDescriptions(const ServiceDescriptions& descriptions)
+{
+    ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO, "SDT version %d of transport stream %d: %zu services",
+                   descriptions.version, descriptions.transportStreamId,
+                   descriptions.services.size());
+    Tell(descriptions);
+}
+
+void ParserTask::OnComplaint(Severity severity, const std::string& text)
+{
+    ZOR_LOG_TAGGED(LOG_TAG, false, severity == Severity::ERROR ? DLOG_ERROR : DLOG_WARN, "%s",
+                   text.c_str());
+}
+
+void ParserTask::Tell(Table table)
+{
+    TSEvent event;
+    event.receiver = &m_services;
+    event.type = MESSAGE_TABLE;
+    event.setWrappedData(std::move(table));
+    SendPatiently(event, false, &m_refusals);
+}
+
+} // namespace tsmon

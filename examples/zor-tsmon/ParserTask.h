@@ -1,0 +1,70 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "Messages.h"
+#include "Packet.h"
+#include "ServiceFinder.h"
+#include "Task.h"
+
+namespace tsmon {
+
+/// What the parser has handled.
+struct ParserCounts
+{
+    std::uint64_t tablePackets = 0;                ///< packets that may carry tables
+    std::uint64_t streamPackets = 0;               ///< packets of elementary streams
+    std::map<std::uint16_t, std::uint64_t> perPid; ///< both kinds
+
+    std::uint64_t Packets() const { return tablePackets + streamPackets; }
+};
+
+/// Looks for tables in the packets of one queue, and counts those of both, tables first. What is
+/// found is logged and sent on.
+class ParserTask : public TCMultiQTask, private TableSink
+{
+ public:
+    /// @param services  gets MESSAGE_TABLE and, behind all of them, MESSAGE_END; must outlive the
+    ///                  task
+    explicit ParserTask(TCHandler& services) : m_services(services) {}
+
+    /// Creates the task. EndTask() ends it.
+    bool Start();
+
+    bool t_Create() override;
+    bool t_OnEvent(const TSEvent* event) override;
+
+    /// How often the receiver of the tables had no room for one. Any thread may call.
+    std::uint64_t Refusals() const { return m_refusals; }
+
+    // What follows may be read once the task has ended.
+
+    const std::string& Failure() const { return m_failure; }
+    const ParserCounts& Counts() const { return m_counts; }
+
+ private:
+    void OnPackets(const TSEvent& event);
+    void Find(const PacketBlock& block);
+    void OnEnd(const TSEvent& event);
+
+    void OnPrograms(const ProgramAssociation& programs) override;
+    void OnProgramMap(const ProgramMap& map) override;
+    void OnDescriptions(const ServiceDescriptions& descriptions) override;
+    void OnComplaint(Severity severity, const std::string& text) override;
+
+    void Tell(Table table);
+
+    TCHandler& m_services;
+    std::atomic<std::uint64_t> m_refusals{0};
+
+    // The task's thread's only while it runs.
+    std::unique_ptr<ServiceFinder> m_finder; ///< null after a failure
+    std::string m_failure;
+    ParserCounts m_counts;
+};
+
+} // namespace tsmon

@@ -1,0 +1,170 @@
+#include "ReaderTask.h"
+
+#include <exception>
+#include <utility>
+
+#include "Log.h"
+
+namespace tsmon {
+
+namespace {
+
+/// How long it waits before it tries again: short against the distance of clock references.
+constexpr unsigned int IDLE_MSEC = 5;
+
+unsigned long long AsLogged(std::uint64_t number)
+{
+    return number;
+}
+
+} // namespace
+
+ReaderTask::ReaderTask(std::string path, bool realtime, TCMultiQTask& parser)
+    : m_path(std::move(path)), m_realtime(realtime), m_parser(parser)
+{}
+
+bool ReaderTask::Start()
+{
+    if (!Create("TsReader", IDLE_MSEC, STACK_SIZE, WATCHDOG_TIME)) {
+        return false;
+    }
+    SendStep();
+    return true;
+}
+
+void ReaderTask::StopReading()
+{
+    TSEvent event;
+    event.receiver = this;
+    event.type = MESSAGE_STOP;
+    SendPatiently(event, true);
+}
+
+bool ReaderTask::t_OnEvent(const TSEvent* event)
+{
+    switch (event->type) {
+        case MESSAGE_STEP:
+            Step();
+            return true;
+        case MESSAGE_STOP:
+            OnStop();
+            return true;
+        default:
+            return TCTask::t_OnEvent(event);
+    }
+}
+
+void ReaderTask::t_Idle()
+{
+    Step();
+}
+
+void ReaderTask::t_OnResume(const TSEvent* event)
+{
+    TCTask::t_OnResume(event);
+    if (m_stepper) {
+        m_stepper->RestartPace();
+    }
+}
+
+void ReaderTask::Step()
+{
+    if (m_hasEnded) {
+        return;
+    }
+    bool goesOn = true;
+    try {
+        goesOn = DoStep();
+    } catch (const std::exception& error) {
+        m_failure = error.what(); // the end follows
+    }
+    if (goesOn) {
+        SendStep();
+    }
+}
+
+/// @return whether the next step can be done at once
+bool ReaderTask::DoStep()
+{
+    if (m_unsent) {
+        return SendUnsent();
+    }
+    if (!m_stepper && m_failure.empty()) {
+        m_stepper.emplace(m_path, m_realtime);
+    }
+    const auto now = std::chrono::steady_clock::now();
+    switch (m_failure.empty() ? m_stepper->Advance(now) : Stepper::Step::END) {
+        case Stepper::Step::READ:
+            LogDamage();
+            return true;
+        case Stepper::Step::BATCH: {
+            Batch batch = m_stepper->Take();
+            m_unsent = ToParser(MESSAGE_PACKETS, batch.elementary ? QUEUE_STREAMS : QUEUE_TABLES);
+            m_unsent->setWrappedData(std::move(batch.packets));
+            return SendUnsent();
+        }
+        case Stepper::Step::END:
+            m_unsent = ToParser(MESSAGE_END, QUEUE_STREAMS);
+            return SendUnsent();
+        default:
+            return false;
+    }
+}
+
+/// @return whether the parser had room for it
+bool ReaderTask::SendUnsent()
+{
+    if (!TCMultiQTask::Send(&*m_unsent, false, false, m_unsent->param1)) {
+        ++m_refusals;
+        return false;
+    }
+    m_hasEnded = m_unsent->type == MESSAGE_END;
+    m_unsent.reset();
+    return !m_hasEnded;
+}
+
+TSEvent ReaderTask::ToParser(EMessage type, EParserQueue queue)
+{
+    TSEvent event;
+    event.receiver = &m_parser;
+    event.type = type;
+    event.param1 = queue;
+    return event;
+}
+
+void ReaderTask::SendStep()
+{
+    TSEvent event;
+    event.receiver = this;
+    event.type = MESSAGE_STEP;
+    Send(&event, false, false); // if there is no room, the next idle time does it
+}
+
+void ReaderTask::OnStop()
+{
+    try {
+        if (!m_stepper && m_failure.empty()) {
+            m_stepper.emplace(m_path, m_realtime);
+        }
+        if (m_stepper && m_failure.empty()) {
+            m_stepper->Stop();
+            LogDamage();
+        }
+    } catch (const std::exception& error) {
+        m_failure = error.what(); // the end follows
+    }
+}
+
+void ReaderTask::LogDamage()
+{
+    const StreamCounts& counts = m_stepper->Counts();
+    if (counts.Damaged() != m_loggedDamage) {
+        ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_WARN,
+                       "%llu damaged packets before byte %llu, %llu in all",
+                       AsLogged(counts.Damaged() - m_loggedDamage), AsLogged(counts.bytes),
+                       AsLogged(counts.Damaged()));
+        m_loggedDamage = counts.Damaged();
+    }
+}
+
+} // namespace tsmon
