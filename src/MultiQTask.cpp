@@ -32,6 +32,9 @@ bool TCMultiQTask::Create(const char* name, unsigned int waitMsec, unsigned long
     TCASSERT(FlagCreate() == false);
     TCASSERT(name != NULL);
     TCASSERT(nQueueSize > 0);
+    if (nQueueSize == 0) {
+        return false;
+    }
     m_running.store(false, std::memory_order_relaxed);
     if (!TCQueue::Create()) {
         return false;

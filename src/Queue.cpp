@@ -31,6 +31,7 @@ class ReleaseList
  public:
     using Attachment = std::shared_ptr<ZOREventDataBase>;
 
+    // cppcheck-suppress uninitMemberVar ; what has not been added is not there
     ReleaseList() = default;
     ~ReleaseList()
     {

