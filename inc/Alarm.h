@@ -1,0 +1,125 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+
+#include "Event.h"
+#include "Handler.h"
+#include "Thread.h"
+#include "ZorExport.h"
+
+/// A periodic alarm of a task.
+///
+/// Each alarm has a thread of its own that sleeps for the interval and then sends EVENT_ALARM to
+/// the alarm, which is a handler of the task: callbacks and t_OnAlarm() run on the task's thread.
+/// Each interval is measured from the end of the send before it, so firings drift.
+///
+/// An alarm that has fired as often as it was told to is idle until a Reset(). Destroy() must be
+/// called before the alarm and before its task are destroyed. Any thread may call Reset(), Stop(),
+/// RestartAfterStop() and Destroy(). Except for Create() every operation asserts
+/// "FlagCreate() == true"; the setters without a result do not.
+class ZOR_CORE_API TCAlarm : protected TCThread, public TCHandler
+{
+ public:
+    /// Type of the event that an alarm takes. Its `param1` is the count that the alarm was set to
+    /// (as far as the alarm's thread has noticed), its `param2` the index of the firing, from 0.
+    enum EEventType : unsigned long
+    {
+        EVENT_ALARM = 0,
+    };
+
+    using EventCallback = bool (*)(const TSEvent*, const void*);
+    using Callback = std::function<bool(const TSEvent*)>;
+
+    /// An interval that never passes, and a count that never runs out.
+    static constexpr unsigned long ENDLESS = ~0UL;
+
+    /// The shortest interval, in milliseconds; shorter ones are raised to it.
+    static constexpr unsigned long INTERVAL_MIN = 10;
+
+    TCAlarm() = default;
+
+ protected:
+    /// The alarm's thread.
+    void t_Main() override;
+
+ public:
+    /// Asserts "FlagCreate() == false".
+    ~TCAlarm() override;
+
+    /// Ends the alarm: waits for its thread and deletes its events from the task's queue. Call it
+    /// on the task's thread, or when the task cannot be handling one of the alarm's events.
+    void Destroy() override;
+
+    /// Handles EVENT_ALARM by OnAlarm(). Any other type asserts "event->type == EVENT_ALARM" and is
+    /// answered false.
+    bool t_OnEvent(const TSEvent* event) override;
+
+    /// Hook: the alarm has fired. Runs on the task's thread.
+    ///
+    /// @return whether the event was handled; the base version returns false
+    virtual bool t_OnAlarm(const TSEvent* event);
+
+    /// Makes the alarm and starts it.
+    ///
+    /// @param task      whose alarm it is; it stays the caller's
+    /// @param interval  milliseconds from one firing to the next, at least INTERVAL_MIN
+    /// @param count     how many times to fire; 0 not at all, ENDLESS for ever
+    /// @return whether everything could be made; nothing is left behind if not
+    ///
+    /// Asserts "FlagCreate() == false", "task != NULL" and that the task is created.
+    bool Create(const TCTask* task, unsigned long interval, unsigned long count);
+
+    /// Starts anew with these settings: a full interval, the count from 0. Firings that still wait
+    /// in the task's queue are deleted.
+    void Reset(unsigned long interval, unsigned long count);
+
+    /// Halts the alarm; queued firings stay. Nothing happens if it is halted already.
+    void Stop();
+
+    /// Ends a Stop(): a full interval begins, the count starts from 0. Nothing happens without
+    /// Stop().
+    void RestartAfterStop();
+
+    /// Sets the callbacks around t_OnAlarm(); @p type must be EVENT_ALARM. A null pointer leaves
+    /// the callback that is set. A before callback that returns true takes the place of
+    /// t_OnAlarm(); an after callback always runs, and its result is or-ed into that of the event.
+    ///
+    /// No lock guards callbacks: set them before the alarm fires.
+    ///
+    /// @return false, and nothing is changed, for any other @p type
+    bool SetEventCallback(int type, EventCallback before, EventCallback after, const void* context);
+
+    /// Stores what SetEventCallback() was given, wherever the pointer is not null.
+    ///
+    /// @return false for any other type than EVENT_ALARM
+    bool GetEventCallback(int type, EventCallback* before, EventCallback* after,
+                          const void** context);
+
+    /// Sets a callback; an empty one clears it.
+    void SetCallbackBefore(Callback callback);
+    void SetCallbackAfter(Callback callback);
+
+    /// Runs callbacks and hook for one firing, on the task's thread. Asserts "event != NULL".
+    bool OnAlarm(const TSEvent* event);
+
+    using TCHandler::FlagCreate;
+
+ private:
+    bool WaitForInterval();
+    void LogStateLocked();
+
+    TCMutex m_lock;                      ///< guards the settings; not held while the thread waits
+    TCSemaphore m_wakeUp;                ///< given by whoever changes the settings
+    bool m_stopped = false;              ///< guarded by m_lock
+    std::uint64_t m_interval = 0;        ///< guarded by m_lock; milliseconds of the next wait
+    std::uint64_t m_interval_holder = 0; ///< guarded by m_lock; milliseconds, to go back to
+    std::uint64_t m_count = 0;           ///< guarded by m_lock
+    std::atomic<bool> m_exit{false};     ///< written by Destroy(), read by the thread
+    EventCallback m_before = nullptr;    ///< set before the alarm fires
+    EventCallback m_after = nullptr;     ///< likewise
+    const void* m_callbackContext = nullptr; ///< likewise
+    Callback m_callbackBefore;               ///< likewise
+    Callback m_callbackAfter;                ///< likewise
+};

@@ -1,0 +1,29 @@
+#pragma once
+
+#include "PlatformExport.h"
+
+/// @file
+/// The key-combination library: it tells its handlers when a combination is pressed on the remote
+/// control. The runtime loads it at run time and looks these functions up by name.
+
+/// A key combination; the platform gives the numbers their meaning.
+enum KeyComb : int
+{
+};
+
+/// Called on the library's own thread with the combination and a text that is the library's.
+using KeyCombHandler = void (*)(KeyComb, void* data);
+
+/// Starts the library; no handler is called before this.
+extern "C" ZOR_PLATFORM_API void KeyCombination_Initialize();
+
+/// Stops the library; when it returns no handler is running any more.
+extern "C" ZOR_PLATFORM_API void KeyCombination_Finalize();
+
+/// Has @p handler called for @p combination. Several handlers may be added for one combination.
+extern "C" ZOR_PLATFORM_API void KeyCombination_Add_Handler(KeyComb combination,
+                                                            KeyCombHandler handler);
+
+/// Undoes KeyCombination_Add_Handler(); nothing happens if that has not been called.
+extern "C" ZOR_PLATFORM_API void KeyCombination_Remove_Handler(KeyComb combination,
+                                                               KeyCombHandler handler);

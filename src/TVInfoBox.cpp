@@ -1,0 +1,76 @@
+#include "TVInfoBox.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+#include "ZorFunctionIndices.h"
+#include "dlog.h"
+
+namespace {
+
+constexpr char PROGRAM[] = "/usr/bin/infobox";
+constexpr char PROGRAM_NAME[] = "infobox";
+constexpr unsigned int MAX_X = 1920;
+constexpr unsigned int MAX_Y = 1080;
+
+/// What is handed to the program, complete before the child is made: between vfork() and execl() a
+/// child may do next to nothing.
+struct Box
+{
+    char x[5];
+    char y[5];
+    char text[1000];
+};
+
+void Fill(Box* box, unsigned int x, unsigned int y, const char* fmt, va_list args)
+{
+    snprintf(box->x, sizeof(box->x), "%d", static_cast<int>(x <= MAX_X ? x : 0));
+    snprintf(box->y, sizeof(box->y), "%d", static_cast<int>(y <= MAX_Y ? y : 0));
+    vsnprintf(box->text, sizeof(box->text) - 1, fmt, args);
+}
+
+/// @param last  a further argument of the program, or null
+void Show(const Box& box, const char* last)
+{
+    signal(SIGCHLD, SIG_IGN);
+    // The parent goes on once the child has started the program or ended.
+    if (vfork() == 0) { // NOLINT(clang-analyzer-security.insecureAPI.vfork)
+        close(STDIN_FILENO);
+        close(STDOUT_FILENO);
+        execl(PROGRAM, PROGRAM_NAME, box.text, box.x, box.y, last, static_cast<char*>(nullptr));
+        _exit(1);
+    }
+}
+
+} // namespace
+
+void show_message_box(unsigned int x, unsigned int y, const char* fmt, ...)
+{
+    Box box;
+    va_list args;
+    va_start(args, fmt);
+    Fill(&box, x, y, fmt, args);
+    va_end(args);
+    Show(box, nullptr);
+}
+
+void create_message_box(unsigned int x, unsigned int y, const char* fmt, ...)
+{
+    Box box;
+    va_list args;
+    va_start(args, fmt);
+    Fill(&box, x, y, fmt, args);
+    va_end(args);
+    Show(box, "1");
+}
+
+void destroy_message_box()
+{
+    const int status = system("/usr/bin/pkill -f /usr/bin/infobox");
+    __dlog_print(LOG_ID_MAIN, DLOG_ERROR, nullptr, "%s: %s(%d) > result of killing infobox:%d",
+                 zor::BaseName(__FILE__), __func__, __LINE__, status);
+}

@@ -1,0 +1,137 @@
+#include "Timer.h"
+
+#include <utility>
+
+#include "Debug.h"
+#include "Task.h"
+
+TCTimersScheduler TCTimer::m_scheduler;
+
+ITimerListener::~ITimerListener() = default;
+ITimer::~ITimer() = default;
+
+/// What a timer's firings are addressed to. It may outlive its timer, but dies on its task's
+/// thread.
+class TCTimer::TCTimerHandler : public TCHandler
+{
+ public:
+    explicit TCTimerHandler(const ITimer::TimerHandlerParams& params)
+        : m_listener(params.listener),
+          m_userDataRelease(params.userDataRelease),
+          m_userData(params.userData)
+    {
+        TCHandler::Create(params.task);
+    }
+
+    ~TCTimerHandler() override
+    {
+        TCHandler::Destroy();
+        m_listener.reset();
+        if (m_userDataRelease) {
+            m_userDataRelease(m_userData);
+            m_userData = nullptr;
+        }
+    }
+
+    bool t_OnEvent(const TSEvent* ev) override
+    {
+        TCASSERT(FlagCreate() == true);
+        TCASSERT(ev != nullptr);
+        switch (ev->type) {
+            case TimerEventType::EVENT_TIMER_TIMEOUT:
+                return m_listener->OnTimer(ev, m_userData);
+            case TimerEventType::EVENT_TIMER_SYNC:
+                return true;
+            default:
+                TCASSERT(ev->type == TimerEventType::EVENT_TIMER_TIMEOUT ||
+                         ev->type == TimerEventType::EVENT_TIMER_SYNC);
+                return false;
+        }
+    }
+
+ private:
+    std::shared_ptr<ITimerListener> m_listener;
+    std::function<void(void*)> m_userDataRelease;
+    void* m_userData;
+};
+
+TCTimer::TCTimer() : m_timerId(TCTimersScheduler::INVALID_TIMER_ID) {}
+
+TCTimer::TCTimer(const ITimer::TimerHandlerParams& params)
+    : m_timerId(TCTimersScheduler::INVALID_TIMER_ID),
+      m_handler(std::make_unique<TCTimerHandler>(params))
+{
+    TSEvent event;
+    event.receiver = m_handler.get();
+    event.type = TimerEventType::EVENT_TIMER_TIMEOUT;
+    m_timerId = m_scheduler.CreateTimer(ITimer::INTERVAL_MIN, 0, event);
+    if (m_timerId == TCTimersScheduler::INVALID_TIMER_ID) {
+        TCASSERT(m_timerId != TCTimersScheduler::INVALID_TIMER_ID);
+        TCDebug::Print("ASSERT!, Func:%s\n", __func__);
+    }
+}
+
+TCTimer::~TCTimer()
+{
+    m_Stop();
+}
+
+TCTimer::TCTimer(TCTimer&& other) noexcept : TCTimer()
+{
+    *this = std::move(other);
+}
+
+TCTimer& TCTimer::operator=(TCTimer&& other) noexcept
+{
+    if (this != &other) {
+        m_Stop();
+        m_timerId = std::exchange(other.m_timerId, TCTimersScheduler::INVALID_TIMER_ID);
+        m_handler = std::move(other.m_handler);
+    }
+    return *this;
+}
+
+bool TCTimer::Restart(std::chrono::milliseconds interval, unsigned int count)
+{
+    return m_scheduler.ResetTimer(m_timerId, interval, count);
+}
+
+bool TCTimer::Pause()
+{
+    return m_scheduler.PauseTimer(m_timerId);
+}
+
+bool TCTimer::Resume()
+{
+    return m_scheduler.ResumeTimer(m_timerId);
+}
+
+// Why the handler travels, and why the queue is locked around its departure:
+//
+//   stopping thread:  DestroyTimer -- delete queued firings -- send [handler] -- release own share
+//   task's thread:         listener runs with the handler ..................|-- takes event,
+//   releases
+//
+// The task may be in the listener at this very moment, so only the task can know when the handler
+// is done with. And the last to let go of the event destroys the handler: without the lock the task
+// could take and release the event first, and the handler would die on the stopping thread.
+void TCTimer::m_Stop()
+{
+    if (m_handler == nullptr || !m_scheduler.DestroyTimer(m_timerId)) {
+        return;
+    }
+    TCTask* const task = m_handler->Task();
+    task->Delete(m_handler.get(), nullptr);
+    task->Lock();
+    {
+        TSEvent event;
+        event.type = TCTask::EVENT_RESUME;
+        event.receiver = task;
+        event.setWrappedData(std::move(m_handler));
+        if (!TCTask::Send(&event, false, true)) {
+            task->ReleaseLaterLocked(std::move(event.wrappedData)); // the queue is full
+        }
+    }
+    task->Unlock();
+    m_timerId = TCTimersScheduler::INVALID_TIMER_ID;
+}

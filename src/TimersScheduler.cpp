@@ -1,0 +1,347 @@
+#include "TimersScheduler.h"
+
+#include <algorithm>
+#include <functional>
+#include <utility>
+
+#include "Debug.h"
+#include "Task.h"
+#include "ThreadUtil.h"
+#include "Timer.h"
+#include "ZorServiceDebug.h"
+#include "ZorServiceDebugOverlay.h"
+
+using std::chrono::duration_cast;
+using std::chrono::milliseconds;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// @p interval after @p from, or the end of all time if that comes first.
+Clock::time_point After(Clock::time_point from, milliseconds interval)
+{
+    const auto last = Clock::time_point::max();
+    return interval < duration_cast<milliseconds>(last - from) ? from + interval : last;
+}
+
+} // namespace
+
+TCTimersScheduler::~TCTimersScheduler()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_running = false;
+    }
+    if (m_thread != nullptr && m_thread->joinable()) {
+        m_condition.notify_one();
+        m_thread->join();
+    }
+}
+
+std::size_t TCTimersScheduler::CreateTimer(milliseconds interval, unsigned int count, TSEvent event)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_thread == nullptr) {
+        m_running = true;
+        m_thread = std::make_unique<std::thread>(&TCTimersScheduler::m_TimersSchedulerThread, this);
+    }
+    if (m_freeIds.empty()) {
+        MakeRoomLocked();
+    }
+    const std::size_t newTimerId = TakeFreeIdLocked();
+    if (newTimerId > m_scheduledTimers.size()) {
+        TCASSERT(newTimerId <= m_scheduledTimers.size());
+        TCDebug::Print("ASSERT!, Func:%s\n", __func__);
+        return INVALID_TIMER_ID;
+    }
+    TimerSchedule& schedule = m_scheduledTimers[newTimerId];
+    // Exchanged: the event of the timer that had the slot goes with the argument, after the mutex.
+    std::swap(schedule.event, event);
+    schedule.interval = std::max(interval, ITimer::INTERVAL_MIN);
+    schedule.fired = 0;
+    schedule.count = count;
+    schedule.state = TIMER_EXPIRED;
+    bool notify = false;
+    if (count != 0) {
+        schedule.state = TIMER_CREATED;
+        const TimerWakeupData wakeup{After(Clock::now(), schedule.interval), newTimerId};
+        notify = MustNotifyLocked(wakeup);
+        ScheduleLocked(wakeup);
+        m_idle = false;
+    }
+    lock.unlock();
+    if (notify) {
+        m_condition.notify_one();
+    }
+    ZOR_LOG(false, DLOG_INFO, "Id[%zu] WakedUp[%d] New timer created!", newTimerId, notify);
+    return newTimerId;
+}
+
+bool TCTimersScheduler::ResetTimer(std::size_t id, milliseconds interval, unsigned int count)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (id >= m_scheduledTimers.size()) {
+        ZOR_LOG(false, DLOG_INFO, "Id[%zu] Timer not found!", id);
+        return false;
+    }
+    TimerSchedule& schedule = m_scheduledTimers[id];
+    if (schedule.state == TIMER_DESTROYED) {
+        ZOR_LOG(false, DLOG_INFO, "Id[%zu] Timer is destroyed! Can't reset!", id);
+        return false;
+    }
+    schedule.fired = 0;
+    schedule.interval = std::max(interval, ITimer::INTERVAL_MIN);
+    schedule.count = count;
+    // What fired under the old settings must not arrive late.
+    schedule.event.receiver->Task()->Delete(schedule.event.receiver, nullptr);
+
+    bool notify = false;
+    if (schedule.state == TIMER_PAUSED) {
+        m_pausedTimers.erase(id);
+    } else {
+        FinishReset(id, &schedule, &notify);
+    }
+    const milliseconds shown = schedule.interval;
+    lock.unlock();
+    if (notify) {
+        m_condition.notify_one();
+    }
+    ZOR_LOG(false, DLOG_INFO, "Id[%zu] Interv[%lld] Count[%u] WakedUp[%d] Timer reseted!", id,
+            static_cast<long long>(shown.count()), count, notify);
+    return true;
+}
+
+/// Schedules a timer that is not paused with its new settings. Needs m_mutex.
+void TCTimersScheduler::FinishReset(std::size_t id, TimerSchedule* schedule, bool* notify)
+{
+    const bool wasEarliest = IsEarliestLocked(id);
+    UnscheduleLocked(id);
+    *notify = wasEarliest;
+    if (schedule->count == 0) {
+        schedule->state = TIMER_EXPIRED;
+        return;
+    }
+    schedule->state = TIMER_RESET;
+    const TimerWakeupData wakeup{After(Clock::now(), schedule->interval), id};
+    *notify = *notify || MustNotifyLocked(wakeup);
+    ScheduleLocked(wakeup);
+    m_idle = false;
+}
+
+bool TCTimersScheduler::PauseTimer(std::size_t id)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (id >= m_scheduledTimers.size()) {
+        ZOR_LOG(false, DLOG_INFO, "Id[%zu] Timer not found!", id);
+        return false;
+    }
+    TimerSchedule& schedule = m_scheduledTimers[id];
+    switch (schedule.state) {
+        case TIMER_EXPIRED:
+            break;
+        case TIMER_CREATED:
+        case TIMER_RESET:
+        case TIMER_RUNNING:
+        case TIMER_RESUMED: {
+            const auto index = m_wakeupIndex.find(id);
+            if (index == m_wakeupIndex.end()) {
+                ZOR_LOG(false, DLOG_INFO, "Id[%zu] Can't find wakeup data!", id);
+                return false;
+            }
+            const auto left = index->second->due - Clock::now();
+            m_pausedTimers.try_emplace(id, duration_cast<milliseconds>(left));
+            UnscheduleLocked(id);
+            break;
+        }
+        default:
+            ZOR_LOG(false, DLOG_INFO, "Id[%zu] State[%u] Wrong state to pause!", id,
+                    schedule.state);
+            return false;
+    }
+    schedule.state = TIMER_PAUSED;
+    lock.unlock();
+    ZOR_LOG(false, DLOG_INFO, "Id[%zu] Timer paused!", id);
+    return true;
+}
+
+bool TCTimersScheduler::ResumeTimer(std::size_t id)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (id >= m_scheduledTimers.size()) {
+        ZOR_LOG(false, DLOG_INFO, "Id[%zu] Timer not found!", id);
+        return false;
+    }
+    TimerSchedule& schedule = m_scheduledTimers[id];
+    if (schedule.state != TIMER_PAUSED) {
+        ZOR_LOG(false, DLOG_INFO, "Id[%zu] State[%u] Wrong state to resume!", id, schedule.state);
+        return false;
+    }
+    bool notify = false;
+    const auto paused = m_pausedTimers.find(id);
+    if (paused == m_pausedTimers.end() && schedule.fired >= schedule.count) {
+        schedule.state = TIMER_EXPIRED;
+    } else {
+        milliseconds left = schedule.interval;
+        if (paused != m_pausedTimers.end()) {
+            left = paused->second;
+            m_pausedTimers.erase(paused);
+        }
+        schedule.state = TIMER_RESUMED;
+        const TimerWakeupData wakeup{After(Clock::now(), left), id};
+        notify = m_wakeups.empty() || MustNotifyLocked(wakeup);
+        ScheduleLocked(wakeup);
+        m_idle = false;
+    }
+    lock.unlock();
+    if (notify) {
+        m_condition.notify_one();
+    }
+    ZOR_LOG(false, DLOG_INFO, "Id[%zu] WakedUp[%d] Timer resumed!", id, notify);
+    return true;
+}
+
+bool TCTimersScheduler::DestroyTimer(std::size_t id)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (id >= m_scheduledTimers.size()) {
+        ZOR_LOG(false, DLOG_INFO, "Id[%zu] Timer not found!", id);
+        return false;
+    }
+    TimerSchedule& schedule = m_scheduledTimers[id];
+    if (schedule.state == TIMER_DESTROYED) {
+        ZOR_LOG(false, DLOG_INFO, "Id[%zu] Timer already destroyed!", id);
+        return false;
+    }
+    const bool wasEarliest = IsEarliestLocked(id);
+    m_pausedTimers.erase(id);
+    UnscheduleLocked(id);
+    schedule.state = TIMER_DESTROYED;
+    m_freeIds.push_back(id);
+    std::push_heap(m_freeIds.begin(), m_freeIds.end(), std::greater<>());
+    lock.unlock();
+    if (wasEarliest) {
+        m_condition.notify_one();
+    }
+    ZOR_LOG(false, DLOG_INFO, "Id[%zu] WakedUp[%d] Timer destroyed!", id, wasEarliest);
+    return true;
+}
+
+void TCTimersScheduler::m_TimersSchedulerThread()
+{
+    const TCCallbackNameSetter callbackName("cb-timer");
+    TCThreadUtil::SetCurrentThreadName("TimersScheduler");
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (m_running) {
+        const Clock::time_point now = Clock::now();
+        m_ProcessTimerSchedule(now);
+        if (m_wakeups.empty()) {
+            m_idle = true;
+            m_condition.wait(lock, [this] { return !m_idle || !m_running; });
+        } else if (now < m_wakeups.begin()->due) {
+            // A copy: the entry may be gone when the wait is over.
+            const Clock::time_point due = m_wakeups.begin()->due;
+            m_condition.wait_until(lock, due);
+        }
+    }
+}
+
+/// Fires the earliest timer if it is due at @p now, and schedules its next firing. Needs m_mutex.
+void TCTimersScheduler::m_ProcessTimerSchedule(Clock::time_point now)
+{
+    if (m_wakeups.empty() || now < m_wakeups.begin()->due) {
+        return;
+    }
+    const TimerWakeupData wakeup = *m_wakeups.begin();
+    UnscheduleLocked(wakeup.id);
+    TimerSchedule& schedule = m_scheduledTimers[wakeup.id];
+    if (duration_cast<milliseconds>(now - wakeup.due) / 2 >= schedule.interval) {
+        ZOR_LOG(false, DLOG_WARN, "Id[%zu] Can't keep up!", wakeup.id);
+    }
+    if (!m_FireTimer(wakeup.id, &schedule)) {
+        ScheduleLocked({After(wakeup.due, schedule.interval), wakeup.id});
+    }
+}
+
+/// Sends the timer's event. Needs m_mutex.
+///
+/// @return whether this was the timer's last firing
+bool TCTimersScheduler::m_FireTimer(std::size_t id, TimerSchedule* schedule)
+{
+    schedule->event.param1 = schedule->count;
+    schedule->event.param2 = schedule->fired;
+    ++schedule->fired;
+    ZOR_LOG(false, DLOG_DEBUG, "Id[%zu] Timer fire!", id);
+    TCTask::Send(&schedule->event, false, false);
+    const bool finished =
+        schedule->fired >= schedule->count && schedule->count != ITimer::INFINITE_FIRE;
+    schedule->state = finished ? TIMER_EXPIRED : TIMER_RUNNING;
+    return finished;
+}
+
+/// Makes one more slot, and all that its timer will ever need: nothing is allocated from then on,
+/// so nothing can fail half-way. Needs m_mutex.
+void TCTimersScheduler::MakeRoomLocked()
+{
+    Wakeups wakeup;
+    wakeup.insert({Clock::time_point(), 0});
+    WakeupIndex index;
+    index.emplace(0, wakeup.end());
+    if (m_scheduledTimers.size() == m_scheduledTimers.capacity()) {
+        m_scheduledTimers.reserve(std::max<std::size_t>(16, 2 * m_scheduledTimers.size()));
+    }
+    const std::size_t capacity = m_scheduledTimers.capacity();
+    m_freeIds.reserve(capacity);
+    m_spareWakeups.reserve(capacity);
+    m_spareIndices.reserve(capacity);
+
+    m_spareWakeups.push_back(wakeup.extract(wakeup.begin()));
+    m_spareIndices.push_back(index.extract(index.begin()));
+    m_freeIds.push_back(m_scheduledTimers.size());
+    m_scheduledTimers.emplace_back();
+}
+
+/// The lowest id that no timer has. Needs m_mutex.
+std::size_t TCTimersScheduler::TakeFreeIdLocked()
+{
+    std::pop_heap(m_freeIds.begin(), m_freeIds.end(), std::greater<>());
+    const std::size_t id = m_freeIds.back();
+    m_freeIds.pop_back();
+    return id;
+}
+
+/// Whether the thread must hear of a new entry before it is made. Needs m_mutex.
+bool TCTimersScheduler::MustNotifyLocked(const TimerWakeupData& wakeup) const
+{
+    return m_idle || (!m_wakeups.empty() && wakeup < *m_wakeups.begin());
+}
+
+bool TCTimersScheduler::IsEarliestLocked(std::size_t id) const
+{
+    return !m_wakeups.empty() && m_wakeups.begin()->id == id;
+}
+
+/// Enters a timer that is not scheduled. Needs m_mutex.
+void TCTimersScheduler::ScheduleLocked(const TimerWakeupData& wakeup)
+{
+    Wakeups::node_type entry = std::move(m_spareWakeups.back());
+    m_spareWakeups.pop_back();
+    WakeupIndex::node_type index = std::move(m_spareIndices.back());
+    m_spareIndices.pop_back();
+    entry.value() = wakeup;
+    index.key() = wakeup.id;
+    index.mapped() = m_wakeups.insert(std::move(entry)).position;
+    m_wakeupIndex.insert(std::move(index));
+}
+
+/// Takes a timer out of the schedule, if it is there, and keeps the nodes. Needs m_mutex.
+bool TCTimersScheduler::UnscheduleLocked(std::size_t id)
+{
+    const auto index = m_wakeupIndex.find(id);
+    if (index == m_wakeupIndex.end()) {
+        return false;
+    }
+    m_spareWakeups.push_back(m_wakeups.extract(index->second));
+    m_spareIndices.push_back(m_wakeupIndex.extract(index));
+    return true;
+}
