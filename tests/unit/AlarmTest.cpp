@@ -396,9 +396,10 @@ TEST_F(StateAlarmTest, NegativeIntervalNeverPasses)
 {
     ASSERT_TRUE(m_alarm.Create(&m_task, TCTask::EVENT_USER, -1, 5));
     TestStateAlarm other;
-    ASSERT_TRUE(other.Create(&m_task, TCTask::EVENT_PAUSE + 10, 10, 5));
+    ASSERT_TRUE(other.Create(&m_task, TCTask::EVENT_PAUSE + 10, LONG_INTERVAL, 1));
     std::atomic<int> fired{0};
     other.SetCallbackAfter([&fired](const TSEvent*) { return ++fired > 0; });
+    other.Reset(10, 5);
     EXPECT_TRUE(Eventually([&fired] { return fired >= 3; }));
     EXPECT_THAT(m_trace.Get(), IsEmpty());
 }

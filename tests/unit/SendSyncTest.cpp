@@ -173,6 +173,8 @@ class SendListedTest : public SendOwnThreadTest
         };
     }
 
+    ~SendListedTest() override { m_task.End(); } // before what its hook writes to goes
+
     bool Send(bool sync, bool priority, TCHandler* receiver = nullptr)
     {
         TSEvent event = EventTo(receiver != nullptr ? receiver : &m_task);
