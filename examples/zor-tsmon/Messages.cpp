@@ -26,6 +26,7 @@ void EndTask(TCTask& task)
     TSEvent event;
     event.receiver = &task;
     event.type = TCTask::EVENT_EXIT;
+    event.flag = true;
     SendPatiently(event, true);
     task.Destroy();
 }

@@ -13,6 +13,8 @@
 ///   reader --- PACKETS, END ---> parser --- TABLE, END ---> services
 ///   anybody -- STOP ---> reader
 ///   anybody -- ASK ----> services, synchronously
+///
+/// Every event is flagged, so that a recording shows the sends and the handler calls of all tasks.
 
 namespace tsmon {
 

@@ -78,6 +78,7 @@ void ParserTask::OnEnd(const TSEvent& event)
 {
     TSEvent end;
     end.type = MESSAGE_END;
+    end.flag = true;
     if (event.param1 == QUEUE_TABLES) {
         end.receiver = &m_services;
         SendPatiently(end, false, &m_refusals);
@@ -127,6 +128,7 @@ void ParserTask::Tell(Table table)
     TSEvent event;
     event.receiver = &m_services;
     event.type = MESSAGE_TABLE;
+    event.flag = true;
     event.setWrappedData(std::move(table));
     SendPatiently(event, false, &m_refusals);
 }

@@ -37,6 +37,7 @@ void ReaderTask::StopReading()
     TSEvent event;
     event.receiver = this;
     event.type = MESSAGE_STOP;
+    event.flag = true;
     SendPatiently(event, true);
 }
 
@@ -128,6 +129,7 @@ TSEvent ReaderTask::ToParser(EMessage type, EParserQueue queue)
     TSEvent event;
     event.receiver = &m_parser;
     event.type = type;
+    event.flag = true;
     event.param1 = queue;
     return event;
 }
@@ -137,6 +139,7 @@ void ReaderTask::SendStep()
     TSEvent event;
     event.receiver = this;
     event.type = MESSAGE_STEP;
+    event.flag = true;
     Send(&event, false, false); // if there is no room, the next idle time does it
 }
 

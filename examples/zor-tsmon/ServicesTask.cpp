@@ -34,6 +34,7 @@ std::optional<ServiceTable> ServicesTask::Ask()
     TSEvent event;
     event.receiver = this;
     event.type = MESSAGE_ASK;
+    event.flag = true;
     event.setWrappedData(&answer);
     return Send(&event, true, false) ? std::optional(answer) : std::nullopt;
 }
