@@ -14,9 +14,12 @@
 /// @file
 /// What stands around a call that can be recorded and trapped: a send or the handling of an event.
 ///
-///     static TSCodeLocation location("bool Relay::Pass(TSEvent*, bool, bool)", "src/Relay.cpp",
-///     40); const TCArgList3<TSEvent*&, bool&, bool&> args(event, sync, priority); return
-///     zor::CallAtTrapPoint<bool>(location, args, [&] { return m_Pass(event, sync, priority); });
+/// @code
+/// static TSCodeLocation location("bool Relay::Pass(TSEvent*, bool, bool)", "src/Relay.cpp", 40);
+/// const TCArgList3<TSEvent*&, bool&, bool&> args(event, sync, priority);
+/// return zor::CallAtTrapPoint<bool>(location, args, [&] { return m_Pass(event, sync, priority);
+/// });
+/// @endcode
 ///
 /// With recording and trap patterns off that is the call and two relaxed loads. The call is made in
 /// any case, exactly once, and what it returns or throws is what comes out. Any thread may pass any

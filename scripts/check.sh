@@ -19,7 +19,7 @@ clang-format --dry-run -Werror "${sources[@]}" ||
 # include_rule DIRECTORY PATTERN MEND: nothing below DIRECTORY may include what matches PATTERN.
 include_rule() {
     local found
-    found=$(git grep -nE "#include [<\"]$2" -- "$1" || true)
+    found=$(git grep -nE "#include [<\"]($2)" -- "$1" || true)
     [ -z "$found" ] || fail "$1 must not include this: $3"$'\n'"$found"
 }
 say "include directions"

@@ -64,6 +64,7 @@ TCScopeTrace::TCScopeTrace(const char* fmt, ...) : m_startNsec(0)
 
 TCScopeTrace::~TCScopeTrace()
 {
+    static_cast<void>(m_startNsec); // the library's own constructor is not here to use it
     std::lock_guard<std::mutex> lock(zortest::TheTraces().mutex);
     for (auto& one : zortest::TheTraces().made) {
         if (one.object == this) {
