@@ -17,8 +17,7 @@
 /// @code
 /// static TSCodeLocation location("bool Relay::Pass(TSEvent*, bool, bool)", "src/Relay.cpp", 40);
 /// const TCArgList3<TSEvent*&, bool&, bool&> args(event, sync, priority);
-/// return zor::CallAtTrapPoint<bool>(location, args, [&] { return m_Pass(event, sync, priority);
-/// });
+/// return zor::CallAtTrapPoint<bool>(location, args, [&] { return m_Pass(event); });
 /// @endcode
 ///
 /// With recording and trap patterns off that is the call and two relaxed loads. The call is made in
