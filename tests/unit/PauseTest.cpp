@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <exception>
 #include <future>
 #include <optional>
 #include <string>
@@ -244,11 +245,13 @@ TEST_F(PauseTest, DeletedRequestBreaksItsPromise)
 {
     std::optional<Hold> hold(&m_task);
     std::optional<std::error_code> error;
+    std::exception_ptr kept; // goes on this thread, once the other has ended
     Caller pauser([&] {
         try {
             m_task.Pause();
         } catch (const std::future_error& failure) {
             error = failure.code();
+            kept = std::current_exception();
         }
     });
     EXPECT_TRUE(Eventually([this] { return m_task.Size() == 1; }));
