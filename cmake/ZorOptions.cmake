@@ -1,6 +1,4 @@
 # Every switch of the build, in one place.
-include(CMakeDependentOption)
-
 if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
   set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
 endif()
@@ -9,6 +7,7 @@ option(ZOR_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" OFF)
 option(ZOR_COVERAGE "Instrument for line and branch coverage" OFF)
 option(ZOR_BUILD_TESTS "Build the tests" ${PROJECT_IS_TOP_LEVEL})
 option(ZOR_BUILD_EXAMPLES "Build the example daemons" ${PROJECT_IS_TOP_LEVEL})
+option(ZOR_BUILD_TOOLS "Build the tools for engineers" ${PROJECT_IS_TOP_LEVEL})
 
 set(ZOR_SANITIZE "" CACHE STRING
     "Sanitizers to build with: empty, 'address;undefined' or 'thread'")

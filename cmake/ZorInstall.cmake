@@ -1,0 +1,63 @@
+# What `cmake --install` and cpack put where. Components: `runtime` (the library), `development` (its
+# headers and package files), `platform` and `platform-development` (the same of the development
+# machine's platform), `tools`.
+include(CMakePackageConfigHelpers)
+
+set(ZOR_HEADER_DIR ${CMAKE_INSTALL_INCLUDEDIR}/zor-core)
+set(ZOR_PLATFORM_HEADER_DIR ${ZOR_HEADER_DIR}/platform)
+set(ZOR_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zor-core)
+
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/inc/ DESTINATION ${ZOR_HEADER_DIR}
+        COMPONENT development FILES_MATCHING PATTERN *.h)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/inc/ DESTINATION ${ZOR_PLATFORM_HEADER_DIR}
+        COMPONENT platform-development FILES_MATCHING PATTERN *.h)
+
+set(zor_targets zor-core zor-platform)
+if(ZOR_PLATFORM STREQUAL "host")
+  list(APPEND zor_targets zor-platform-host)
+  install(TARGETS zor-platform-host EXPORT zor-core-targets
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT platform
+                  NAMELINK_COMPONENT platform-development)
+endif()
+set_target_properties(zor-core PROPERTIES EXPORT_NAME core)
+set_target_properties(zor-platform PROPERTIES EXPORT_NAME platform)
+install(TARGETS zor-core zor-platform EXPORT zor-core-targets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime
+                NAMELINK_COMPONENT development)
+target_include_directories(zor-core INTERFACE $<INSTALL_INTERFACE:${ZOR_HEADER_DIR}>)
+target_include_directories(zor-platform INTERFACE
+                           $<INSTALL_INTERFACE:${ZOR_PLATFORM_HEADER_DIR}>)
+
+install(EXPORT zor-core-targets NAMESPACE zor:: DESTINATION ${ZOR_PACKAGE_DIR}
+        COMPONENT development)
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/package/zor-core-config.cmake.in
+  ${PROJECT_BINARY_DIR}/package/zor-core-config.cmake INSTALL_DESTINATION ${ZOR_PACKAGE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/package/zor-core-config-version.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/package/zor-core-config.cmake
+              ${PROJECT_BINARY_DIR}/package/zor-core-config-version.cmake
+        DESTINATION ${ZOR_PACKAGE_DIR} COMPONENT development)
+
+# The file finds its prefix from its own place, so that an installation may be moved.
+file(RELATIVE_PATH ZOR_PREFIX_FROM_PC
+     ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" ZOR_PREFIX_FROM_PC "${ZOR_PREFIX_FROM_PC}")
+set(ZOR_PC_PLATFORM_LIBS ${ZOR_PLATFORM_LIBRARIES})
+if(ZOR_PLATFORM STREQUAL "host")
+  set(ZOR_PC_PLATFORM_LIBS -lzor-platform-host)
+endif()
+list(JOIN ZOR_PC_PLATFORM_LIBS " " ZOR_PC_PLATFORM_LIBS)
+configure_file(${PROJECT_SOURCE_DIR}/cmake/package/zor-core.pc.in
+               ${PROJECT_BINARY_DIR}/package/zor-core.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/package/zor-core.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+foreach(tool zor-record zor-tsmon)
+  if(TARGET ${tool})
+    install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  endif()
+endforeach()
+if(TARGET zor-tsmon)
+  install(FILES ${PROJECT_SOURCE_DIR}/examples/zor-tsmon/zor-tsmon.service
+          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/zor-core-tools/examples COMPONENT tools)
+endif()

@@ -1,0 +1,72 @@
+# Debian packages: `cpack -G DEB` in a build directory makes libzor-core1, libzor-core-dev and
+# zor-core-tools.
+set(CPACK_PACKAGE_NAME zor-core)
+set(CPACK_PACKAGE_VENDOR "zor-core")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "actor runtime for television service daemons")
+set(CPACK_PACKAGE_CONTACT "zor-core maintainers <maintainers@zor-core.example>")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_ALL runtime development platform platform-development tools)
+set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzor-core${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION 
+    "Process entry, tasks with event queues, timers, watchdog pings and logging
+for service daemons, with the platform library of a development machine.")
+# The loader's cache is brought up to date once, after all packages of an installation.
+file(WRITE ${PROJECT_BINARY_DIR}/package/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/package/triggers)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libzor-core-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+    "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}-1)")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
+    "Headers of the runtime and of its platform, and the files that CMake and
+pkg-config need to find them.")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zor-core-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
+    "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION
+    "Tools for engineers: zor-record prints what a daemon has recorded and exports
+it as a trace. zor-tsmon is an example daemon that monitors a transport stream.")
+
+# Every package has its own folder of documents; Debian wants the change log compressed.
+find_program(GZIP_PROGRAM gzip REQUIRED)
+foreach(package
+    "runtime|${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME}"
+    "development|${CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME}"
+    "tools|${CPACK_DEBIAN_TOOLS_PACKAGE_NAME}")
+  string(REPLACE "|" ";" package ${package})
+  list(GET package 0 zor_component)
+  list(GET package 1 ZOR_PACKAGE_NAME)
+  set(zor_documents ${PROJECT_BINARY_DIR}/package/${ZOR_PACKAGE_NAME})
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/package/changelog.Debian.in
+                 ${zor_documents}/changelog.Debian @ONLY)
+  execute_process(COMMAND ${GZIP_PROGRAM} -9nf ${zor_documents}/changelog.Debian
+                  COMMAND_ERROR_IS_FATAL ANY)
+  install(FILES ${zor_documents}/changelog.Debian.gz
+                ${PROJECT_SOURCE_DIR}/cmake/package/copyright
+          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${ZOR_PACKAGE_NAME}
+          COMPONENT ${zor_component})
+endforeach()
+
+include(CPack)
+cpack_add_component_group(runtime)
+cpack_add_component_group(development)
+cpack_add_component_group(tools)
+cpack_add_component(runtime GROUP runtime)
+cpack_add_component(platform GROUP runtime)
+cpack_add_component(development GROUP development)
+cpack_add_component(platform-development GROUP development)
+cpack_add_component(tools GROUP tools)

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# The installed tree serves a daemon built with find_package and one built with pkg-config.
+. "$(dirname "${BASH_SOURCE[0]}")/support.sh"
+
+rm -rf "$SCRATCH"
+prefix=$SCRATCH/prefix
+cmake --install "$BUILD_DIR" --prefix "$prefix" >/dev/null
+
+# Moved after the installation: nothing in it may know where it was made for.
+mv "$prefix" "$SCRATCH/moved"
+prefix=$SCRATCH/moved
+! grep -rIl -e "$BUILD_DIR" -e "$SOURCE_DIR" "$prefix" || fail "these files name the build's folders"
+
+build_with_find_package "$prefix" "$SCRATCH/cmake"
+run_daemon "$(library_dir "$prefix")" "$SCRATCH/cmake/consumer" "counted 7"
+build_with_pkg_config "$prefix" "$SCRATCH/with-pkg-config"
+run_daemon "$(library_dir "$prefix")" "$SCRATCH/with-pkg-config" "counted 7"
+
+# The platform of the development machine is a component of its own.
+cmake --install "$BUILD_DIR" --prefix "$SCRATCH/platform" --component platform >/dev/null
+found=$(cd "$SCRATCH/platform" && find . -name '*.so*' | sort)
+[ "$found" = "$(printf '%s\n' ./lib/libzor-platform-host.so.1{,.0.0})" ] ||
+    fail "component 'platform' has: $found"
+rm -rf "$SCRATCH"

@@ -1,0 +1,47 @@
+# Shared by the tests of this folder; sourced, not run. The environment gives SOURCE_DIR, BUILD_DIR and
+# SCRATCH (a folder that the tests may fill).
+# shellcheck shell=bash
+set -euo pipefail
+
+fail() {
+    printf 'FAILED: %s\n' "$*" >&2
+    exit 1
+}
+
+PID_FILE=/tmp/.zor-daemon.pid
+
+# run_daemon LIBRARY_DIR PROGRAM EXPECTED: runs the daemon, which must end well and print a line that is
+# EXPECTED. Other builds' tests are kept from the pid file meanwhile.
+run_daemon() {
+    local output
+    exec 9>"$PID_FILE.test-lock"
+    flock 9
+    rm -f "$PID_FILE"
+    output=$(LD_LIBRARY_PATH=$1 timeout 120 "$2" 2>"$2.log" 9>&-) ||
+        fail "$2 ended with status $?; its log: $(cat "$2.log")"
+    rm -f "$PID_FILE"
+    flock -u 9
+    grep -qxF -- "$3" <<<"$output" || fail "$2 printed '$output', not '$3'"
+}
+
+# build_with_find_package PREFIX DIRECTORY: builds the consumer daemon against what is below PREFIX.
+build_with_find_package() {
+    rm -rf "$2"
+    cmake -S "$SOURCE_DIR/tests/install/consumer" -B "$2" -G Ninja -DCMAKE_PREFIX_PATH="$1" \
+        -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF -DCMAKE_CXX_FLAGS="-Wall -Wextra -Wpedantic -Werror"
+    cmake --build "$2"
+    grep -q "zor-core_DIR:PATH=$1/" "$2/CMakeCache.txt" || fail "another installation was found"
+}
+
+# build_with_pkg_config PREFIX PROGRAM
+build_with_pkg_config() {
+    local flags
+    flags=$(PKG_CONFIG_PATH=$(dirname "$(find "$1" -name zor-core.pc)") \
+        pkg-config --cflags --libs zor-core) || fail "pkg-config does not find zor-core"
+    # shellcheck disable=SC2086  # several flags
+    g++ -std=c++17 -Wall -Wextra -Wpedantic -Werror "$SOURCE_DIR/tests/install/consumer/Daemon.cpp" \
+        -o "$2" $flags
+}
+
+# library_dir PREFIX: where the library is below PREFIX.
+library_dir() { dirname "$(find "$1" -name libzor-core.so.1)"; }
