@@ -65,5 +65,8 @@ cppcheck --quiet --std=c++17 --language=c++ --enable=warning,performance,portabi
     fail "cppcheck found something (above); mend it, or silence that one line with" \
         "a cppcheck-suppress comment and the reason"
 
+say "binary interface"
+scripts/abi.sh || fail "the binary interface differs (above)"
+
 [ "$failed" -eq 0 ] || die "something is to be mended (see above)"
 say "all checks passed"
