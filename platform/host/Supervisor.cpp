@@ -15,6 +15,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "StuckThread.h"
 #include "dlog.h"
 
 namespace zorhost {
@@ -252,6 +253,7 @@ bool TCSupervisor::TakeMissLocked(long nowNsec, TSMiss* miss)
         // The handle is good: a thread that ends waits for the lock to take itself off the list.
         if (pthread_getname_np(watched->thread, miss->name, sizeof(miss->name)) != 0)
             miss->name[0] = '\0';
+        pthread_getcpuclockid(watched->thread, &miss->cpuClock);
         miss->tid = watched->tid;
         miss->timeoutNsec = watched->timeoutNsec;
         miss->lateNsec = lateNsec;
@@ -300,6 +302,7 @@ void TCSupervisor::WaitLocked(long untilNsec)
 
 void TCSupervisor::Report(const TSMiss& miss) const
 {
+    LogStuckThread(miss.name, miss.tid, miss.cpuClock);
     __dlog_print(LOG_ID_MAIN, m_aborts ? DLOG_FATAL : DLOG_ERROR, TAG,
                  "thread '%s' (%d) hangs: no sign of life within %ld ms, %ld ms late%s", miss.name,
                  static_cast<int>(miss.tid), miss.timeoutNsec / NSEC_PER_MSEC,

@@ -29,6 +29,7 @@ struct TSMiss
 {
     char name[16];
     pid_t tid;
+    clockid_t cpuClock;
     long timeoutNsec;
     long lateNsec;
 };
@@ -37,8 +38,9 @@ struct TSMiss
 ///
 /// One monitor thread, "zor-watchdog", is started by the first registration and runs until the
 /// process is gone. A thread that misses its time-out is
-/// reported through the platform log, once for each silence. ZOR_WATCHDOG in the environment says
-/// what follows: `log` nothing (the default), `abort` the end of the process.
+/// reported through the platform log, once for each silence, after its stack and whether it spins
+/// or is blocked. ZOR_WATCHDOG in the environment says what follows: `log` nothing (the default),
+/// `abort` the end of the process.
 ///
 /// Under systemd's watchdog the monitor sends WATCHDOG=1 at half of the service's interval for as
 /// long as every supervised thread is in time.

@@ -137,7 +137,7 @@ TEST(SupervisorProcessTest, LogModeReportsOnlyAndTheProgramsClockDoesNotPreventI
             g_stopsClock = true;
             TCWatchedThread silent("silent", 1, EDuty::HANG);
             REQUIRE(Log().WaitFor(Name("silent"))[0].priority == DLOG_ERROR);
-            REQUIRE(Log().Entries().size() == 1);
+            REQUIRE(Log().Entries("thread '").size() == 1);
             exit(0);
         },
         ::testing::ExitedWithCode(0), "");
