@@ -18,6 +18,7 @@ namespace {
 /// with the bare name: such a box starts itself once more by its path.
 void ShowPathInCommandLine(char** argv)
 {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): a pointer is how this value is given
     auto* const path = reinterpret_cast<char*>(getauxval(AT_EXECFN));
     if (argv[0] == nullptr || path == nullptr || strchr(argv[0], '/') != nullptr ||
         strchr(path, '/') == nullptr) {
