@@ -3,19 +3,24 @@
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdarg>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "CapturedErrors.h"
+#include "TVInfoBox.h"
 #include "Wait.h"
 
 namespace {
@@ -25,6 +30,29 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 using zortest::Eventually;
+
+constexpr char PLATFORMS_PROGRAM[] = "/usr/bin/infobox";
+
+} // namespace
+
+/// The program that the runtime starts is not installed here: the one that was built takes its
+/// place.
+extern "C" int execl(const char* path, const char* name, ...) noexcept
+{
+    // Called in the child of a vfork(): nothing is allocated.
+    char* arguments[8] = {};
+    va_list list;
+    va_start(list, name);
+    const char* argument = name;
+    for (size_t i = 0; i + 1 < std::size(arguments) && argument != nullptr; ++i) {
+        arguments[i] = const_cast<char*>(argument);
+        argument = va_arg(list, const char*);
+    }
+    va_end(list);
+    return execv(strcmp(path, PLATFORMS_PROGRAM) == 0 ? INFOBOX : path, arguments);
+}
+
+namespace {
 
 using Arguments = std::vector<std::string>;
 
@@ -311,6 +339,30 @@ TEST(InfoBoxTest, BoxThatWasStartedByItsBareNameShowsItsPathInItsCommandLine)
     ASSERT_TRUE(Eventually([&] { return !box.Errors().empty(); }));
     EXPECT_EQ(box.CommandLine(), std::string(INFOBOX) + std::string("\0-t\0007\0008\0001\0", 10));
     EXPECT_THAT(box.Errors(), StartsWith("infobox at 7,8:\n"));
+}
+
+TEST(InfoBoxTest, RuntimeShowsItsBoxesThroughThisProgram)
+{
+    const zortest::CapturedErrors errors;
+    // The box of a process that is gone becomes this one's child.
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    const pid_t process = fork();
+    if (process == 0) {
+        setsid();
+        show_message_box(10, 20, "%d boxes", 2);
+        _exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(process, &status, 0), process);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(
+        errors.WaitFor("infobox at 10,20:\n"
+                       "+---------+\n"
+                       "| 2 boxes |\n"
+                       "+---------+\n"))
+        << errors.Text();
+    EXPECT_GT(waitpid(-1, &status, 0), 0);
+    EXPECT_EQ(status, 0);
 }
 
 // Usage.
