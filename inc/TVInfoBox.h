@@ -18,5 +18,7 @@ ZOR_CORE_API void show_message_box(unsigned int x, unsigned int y, const char* f
 ZOR_CORE_API void create_message_box(unsigned int x, unsigned int y, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
 
-/// Ends all boxes, whoever has shown them, and logs how that went.
+/// Ends all boxes, whoever has shown them, and logs how that went: the status of pkill(1) as
+/// system() returns it. While SIGCHLD is ignored, as it is once a box has been shown, that is -1:
+/// the system has reaped the command before its status could be asked for.
 ZOR_CORE_API void destroy_message_box();

@@ -73,7 +73,8 @@ extern "C" int __dlog_print(log_id_t id, int priority, const char* tag, const ch
 {
     va_list args;
     va_start(args, fmt);
-    zortest::LogLine line{id, priority, tag != nullptr ? tag : "", fmt, zortest::Format(fmt, args)};
+    zortest::LogLine line{
+        id, priority, tag != nullptr ? tag : "", fmt, zortest::Format(fmt, args), tag != nullptr};
     va_end(args);
 
     const int size = static_cast<int>(line.text.size());

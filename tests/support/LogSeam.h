@@ -17,6 +17,7 @@ struct LogLine
     std::string tag;
     std::string format;
     std::string text; ///< the format with its arguments put in
+    bool hasTag;      ///< the tag was no null pointer
 };
 
 /// Forgets all entries.
