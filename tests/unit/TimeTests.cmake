@@ -12,3 +12,5 @@ zor_add_time_test(AlarmTest AlarmTest.cpp)
 zor_add_test(ServiceDebugTest SOURCES ServiceDebugTest.cpp)
 zor_add_time_test(TimersSchedulerTest TimersSchedulerTest.cpp)
 zor_add_time_test(TimerTest TimerTest.cpp)
+zor_add_time_test(TimersSchedulerClockTest
+  SchedulerClock.cpp TimersSchedulerClockTest.cpp ${time_support}/ConditionSeams.cpp)
