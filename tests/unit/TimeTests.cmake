@@ -14,3 +14,8 @@ zor_add_time_test(TimersSchedulerTest TimersSchedulerTest.cpp)
 zor_add_time_test(TimerTest TimerTest.cpp)
 zor_add_time_test(TimersSchedulerClockTest
   SchedulerClock.cpp TimersSchedulerClockTest.cpp ${time_support}/ConditionSeams.cpp)
+zor_add_time_test(TimersSchedulerModelTest
+  SchedulerClock.cpp TimersSchedulerModelTest.cpp ${time_support}/ConditionSeams.cpp)
+zor_add_test(TimersSchedulerLoadTest
+  SOURCES TaskSeams.cpp TaskSupport.cpp TimersSchedulerLoadTest.cpp
+  PROPERTIES RUN_SERIAL TRUE)
