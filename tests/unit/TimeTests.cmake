@@ -9,10 +9,13 @@ function(zor_add_time_test name)
 endfunction()
 
 zor_add_time_test(AlarmTest AlarmTest.cpp)
+zor_add_time_test(AlarmWaitTest
+  AlarmWaitTest.cpp CallbackNameSeam.cpp ${time_support}/ConditionSeams.cpp
+  ${time_support}/ThreadSeams.cpp)
 zor_add_test(ServiceDebugTest SOURCES ServiceDebugTest.cpp)
 target_compile_definitions(ServiceDebugTest
   PRIVATE SERVICE_DEBUG_TEXTS="${CMAKE_CURRENT_SOURCE_DIR}/ServiceDebugTexts.txt")
-zor_add_time_test(TimersSchedulerTest TimersSchedulerTest.cpp)
+zor_add_time_test(TimersSchedulerTest CallbackNameSeam.cpp TimersSchedulerTest.cpp)
 zor_add_time_test(TimerTest TimerTest.cpp)
 zor_add_time_test(TimersSchedulerClockTest
   SchedulerClock.cpp TimersSchedulerClockTest.cpp ${time_support}/ConditionSeams.cpp)

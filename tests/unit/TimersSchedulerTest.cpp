@@ -6,10 +6,12 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "CallbackNameSeam.h"
 #include "LogSeam.h"
 #include "TaskSupport.h"
 #include "ThreadNames.h"
@@ -108,6 +110,30 @@ TEST_F(TimersSchedulerTest, ThreadStartsWithTheFirstTimer)
     EXPECT_EQ(CountThreadsNamed("TimersScheduler"), before);
     EXPECT_EQ(Create(LONG, 0), 0u);
     EXPECT_TRUE(Eventually([&] { return CountThreadsNamed("TimersScheduler") == before + 1; }));
+}
+
+TEST_F(TimersSchedulerTest, ThreadShowsTheTimersCallbackAllItsLife)
+{
+    std::mutex mutex;
+    std::vector<std::string> names; // all are set by the scheduler's thread
+    const auto namesSoFar = [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return names;
+    };
+    const Takeover take(setCallbackNameSeam,
+                        [&](TCDebugPrintZOR* debugPrint, const std::string& name) {
+                            std::lock_guard<std::mutex> lock(mutex);
+                            names.push_back(name);
+                            setCallbackNameSeam.Real(debugPrint, name);
+                        });
+    {
+        TCTimersScheduler scheduler;
+        EXPECT_THAT(namesSoFar(), IsEmpty());
+        scheduler.CreateTimer(milliseconds(10), 2, EventTo(&m_handler, 0));
+        EXPECT_TRUE(m_trace.WaitFor(2));
+        EXPECT_THAT(namesSoFar(), ElementsAre("cb-timer"));
+    }
+    EXPECT_THAT(namesSoFar(), ElementsAre("cb-timer", ""));
 }
 
 TEST_F(TimersSchedulerTest, CountOfNFiresExactlyNTimes)
