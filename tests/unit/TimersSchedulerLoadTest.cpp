@@ -59,9 +59,15 @@ class FiringWatch
 
     std::size_t Size() const { return m_size.load(std::memory_order_acquire); }
 
+    /// Waits until there have been @p size firings, for as long as there are ever more.
     bool WaitFor(std::size_t size) const
     {
-        return Eventually([this, size] { return Size() >= size; });
+        for (std::size_t before = Size(); before < size; before = Size()) {
+            if (!Eventually([this, before] { return Size() > before; })) {
+                return false;
+            }
+        }
+        return true;
     }
 
     /// The first Size() are valid.
