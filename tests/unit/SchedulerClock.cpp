@@ -67,7 +67,10 @@ SchedulerClock::SchedulerClock(const TCTimersScheduler* scheduler)
           Notify();
           return 0;
       })
-{}
+{
+    // The name of a test program may begin with that of the scheduler's thread.
+    pthread_setname_np(pthread_self(), "test");
+}
 
 void SchedulerClock::Advance(nanoseconds time)
 {

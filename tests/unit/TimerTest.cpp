@@ -87,6 +87,9 @@ class TimerTest : public ::testing::Test
         EXPECT_TRUE(TCTask::Send(&event, true, false));
     }
 
+    /// What timers have handed over is released by the task, before anybody empties its queue.
+    ~TimerTest() override { EXPECT_TRUE(Flush(&m_task)); }
+
     ITimer::TimerHandlerParams Params()
     {
         ITimer::TimerHandlerParams params;
