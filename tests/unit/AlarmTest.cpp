@@ -13,7 +13,6 @@
 #include "Layout.h"
 #include "LogSeam.h"
 #include "StateAlarm.h"
-#include "TCDebugPrint.h"
 #include "TaskSupport.h"
 #include "ThreadNames.h"
 
@@ -300,15 +299,6 @@ TEST_F(AlarmTest, ThreadIsNamedAfterItsCreator)
     EXPECT_TRUE(Eventually([] { return CountThreadsNamed("TCAlarm:maker") == 1; }));
 }
 
-TEST_F(AlarmTest, CallbackNameIsSetWhileAFiringIsSent)
-{
-    // The receiver's task stamps nothing of it; the name is that of the alarm's own thread, which
-    // has left it again once the event is there.
-    ASSERT_TRUE(m_alarm.Create(&m_task, 10, 1));
-    EXPECT_TRUE(m_alarm.trace.WaitFor(1));
-    EXPECT_EQ(TCDebugPrintZOR::GetInstance()->GetCallbackName(), "");
-}
-
 TEST_F(AlarmTest, DestroyDropsQueuedEventsAndEndsTheThread)
 {
     Hold hold(&m_task);
@@ -344,9 +334,20 @@ TEST_F(AlarmTest, ControlFromFourThreadsAtOnce)
     for (std::thread& thread : threads) {
         thread.join();
     }
-    m_alarm.Reset(10, 1);
+    // A stopped alarm whose queued firings have been handled is silent; then it does as it is told.
+    m_alarm.Stop();
+    ASSERT_TRUE(Flush(&m_task));
     const std::size_t fired = m_alarm.trace.Size();
-    EXPECT_TRUE(m_alarm.trace.WaitFor(fired + 1));
+    m_alarm.Reset(10, 3);
+    EXPECT_TRUE(m_alarm.trace.WaitFor(fired + 3));
+    TestAlarm other;
+    ASSERT_TRUE(other.Create(&m_task, 10, 5));
+    EXPECT_TRUE(other.trace.WaitFor(5));
+    const std::vector<std::string> trace = m_alarm.trace.Get();
+    ASSERT_EQ(trace.size(), fired + 3);
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(trace[fired + i].substr(trace[fired + i].find('/')), "/" + std::to_string(i));
+    }
 }
 
 /// A state alarm that ends itself.

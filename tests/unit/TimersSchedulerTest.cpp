@@ -1,15 +1,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "CallbackNameSeam.h"
 #include "LogSeam.h"
 #include "TaskSupport.h"
 #include "ThreadNames.h"
@@ -47,6 +50,8 @@ class TimersSchedulerTest : public ::testing::Test
               return true;
           })
     {
+        // The program's name begins with that of the scheduler's thread, and threads inherit it.
+        pthread_setname_np(pthread_self(), "test");
         EXPECT_TRUE(m_task.Start());
         m_handler.Create(&m_task);
         ClearLog();
@@ -104,10 +109,34 @@ TEST(TimersSchedulerConstantsTest, LimitsAndStates)
 
 TEST_F(TimersSchedulerTest, ThreadStartsWithTheFirstTimer)
 {
-    const int before = CountThreadsNamed("TimersScheduler");
-    EXPECT_EQ(CountThreadsNamed("TimersScheduler"), before);
+    // A joined thread of an earlier test may still be listed for a moment.
+    EXPECT_TRUE(Eventually([] { return CountThreadsNamed("TimersScheduler") == 0; }));
     EXPECT_EQ(Create(LONG, 0), 0u);
-    EXPECT_TRUE(Eventually([&] { return CountThreadsNamed("TimersScheduler") == before + 1; }));
+    EXPECT_TRUE(Eventually([] { return CountThreadsNamed("TimersScheduler") == 1; }));
+}
+
+TEST_F(TimersSchedulerTest, ThreadShowsTheTimersCallbackAllItsLife)
+{
+    std::mutex mutex;
+    std::vector<std::string> names; // all are set by the scheduler's thread
+    const auto namesSoFar = [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return names;
+    };
+    const Takeover take(setCallbackNameSeam,
+                        [&](TCDebugPrintZOR* debugPrint, const std::string& name) {
+                            std::lock_guard<std::mutex> lock(mutex);
+                            names.push_back(name);
+                            setCallbackNameSeam.Real(debugPrint, name);
+                        });
+    {
+        TCTimersScheduler scheduler;
+        EXPECT_THAT(namesSoFar(), IsEmpty());
+        scheduler.CreateTimer(milliseconds(10), 2, EventTo(&m_handler, 0));
+        EXPECT_TRUE(m_trace.WaitFor(2));
+        EXPECT_THAT(namesSoFar(), ElementsAre("cb-timer"));
+    }
+    EXPECT_THAT(namesSoFar(), ElementsAre("cb-timer", ""));
 }
 
 TEST_F(TimersSchedulerTest, CountOfNFiresExactlyNTimes)
@@ -324,190 +353,4 @@ TEST_F(TimersSchedulerTest, ManyTimersAllFireAsOftenAsTheyShould)
     LetTimePass();
     EXPECT_EQ(m_trace.Size(), TIMERS * FIRINGS);
 }
-
-class Listener : public ITimerListener
-{
- public:
-    bool OnTimer(const TSEvent* event, void* userData) override
-    {
-        trace.Add(std::to_string(event->param1) + "/" + std::to_string(event->param2));
-        thread = pthread_self();
-        data = userData;
-        if (during) {
-            during();
-        }
-        return true;
-    }
-
-    Trace trace;
-    std::atomic<pthread_t> thread{0};
-    std::atomic<void*> data{nullptr};
-    std::function<void()> during;
-};
-
-class TimerTest : public ::testing::Test
-{
- protected:
-    TimerTest()
-    {
-        EXPECT_TRUE(m_task.Start());
-        m_task.onUser = [this](const TSEvent*) {
-            m_taskThread = pthread_self();
-            return true;
-        };
-        TSEvent event = EventTo(&m_task);
-        EXPECT_TRUE(TCTask::Send(&event, true, false));
-    }
-
-    ITimer::TimerHandlerParams Params()
-    {
-        ITimer::TimerHandlerParams params;
-        params.task = &m_task;
-        params.listener = m_listener;
-        params.userData = this;
-        params.userDataRelease = [this](void* data) {
-            EXPECT_EQ(data, this);
-            m_releasedOn = pthread_self();
-            ++m_releases;
-        };
-        return params;
-    }
-
-    const TaskRuntime m_runtime;
-    TestTask m_task;
-    std::atomic<pthread_t> m_taskThread{0};
-    std::atomic<pthread_t> m_releasedOn{0};
-    std::atomic<int> m_releases{0};
-    std::shared_ptr<Listener> m_listener = std::make_shared<Listener>();
-};
-
-TEST_F(TimerTest, NewTimerDoesNotFireUntilRestart)
-{
-    TCTimer timer(Params());
-    TCTimer other(Params());
-    EXPECT_TRUE(other.Restart(milliseconds(5), 3)); // as 10 ms, and exactly three times
-    EXPECT_TRUE(m_listener->trace.WaitFor(3));
-    EXPECT_TRUE(timer.Restart(milliseconds(10), 1));
-    EXPECT_TRUE(m_listener->trace.WaitFor(4));
-    EXPECT_THAT(m_listener->trace.Get(), ElementsAre("3/0", "3/1", "3/2", "1/0"));
-    EXPECT_EQ(m_listener->thread, m_taskThread);
-    EXPECT_EQ(m_listener->data, this);
-}
-
-TEST_F(TimerTest, InfiniteCountGoesOnAndCanBePaused)
-{
-    TCTimer timer(Params());
-    EXPECT_TRUE(timer.Restart(milliseconds(10), ITimer::INFINITE_FIRE));
-    EXPECT_TRUE(m_listener->trace.WaitFor(10));
-    EXPECT_TRUE(timer.Pause());
-    EXPECT_FALSE(timer.Pause());
-    EXPECT_TRUE(Flush(&m_task));
-    const std::size_t fired = m_listener->trace.Size();
-    EXPECT_TRUE(timer.Resume());
-    EXPECT_FALSE(timer.Resume());
-    EXPECT_TRUE(m_listener->trace.WaitFor(fired + 2));
-}
-
-TEST_F(TimerTest, EmptyTimerRefusesEverything)
-{
-    ClearLog();
-    TCTimer timer;
-    EXPECT_FALSE(timer.Restart(milliseconds(10), 1));
-    EXPECT_FALSE(timer.Pause());
-    EXPECT_FALSE(timer.Resume());
-    EXPECT_EQ(CountLogLines("Id[18446744073709551615] Timer not found!"), 3u);
-}
-
-TEST_F(TimerTest, DestroyedTimerIsReleasedOnceOnTheTasksThread)
-{
-    {
-        Hold hold(&m_task);
-        {
-            TCTimer timer(Params());
-            EXPECT_TRUE(timer.Restart(milliseconds(10), 3));
-            EXPECT_TRUE(Eventually([this] { return m_task.Size() > 0; }));
-        }
-        EXPECT_EQ(m_releases, 0);
-    }
-    EXPECT_TRUE(Eventually([this] { return m_releases == 1; }));
-    EXPECT_EQ(m_releasedOn, m_taskThread);
-    EXPECT_THAT(m_listener->trace.Get(), IsEmpty()); // queued firings went with the timer
-    EXPECT_EQ(m_listener.use_count(), 1);
-}
-
-TEST_F(TimerTest, TimerDestroyedWhileItsListenerRunsIsReleasedAfterwards)
-{
-    Gate entered;
-    Gate leave;
-    m_listener->during = [&] {
-        entered.Pass();
-        leave.Wait();
-    };
-    {
-        TCTimer timer(Params());
-        EXPECT_TRUE(timer.Restart(milliseconds(10), 1));
-        EXPECT_TRUE(entered.Wait());
-    }
-    EXPECT_EQ(m_releases, 0);
-    leave.Pass();
-    EXPECT_TRUE(Eventually([this] { return m_releases == 1; }));
-    EXPECT_EQ(m_releasedOn, m_taskThread);
-}
-
-/// More timers than the queue takes, destroyed while the task is in a listener.
-TEST_F(TimerTest, FullQueueDoesNotKeepAHandlerFromItsTask)
-{
-    constexpr int TIMERS = 300;
-    {
-        Hold hold(&m_task);
-        std::vector<TCTimer> timers;
-        for (int i = 0; i < TIMERS; ++i) {
-            timers.emplace_back(Params());
-        }
-        FillQueue(&m_task);
-        timers.clear();
-        EXPECT_EQ(m_releases, 0);
-    }
-    EXPECT_TRUE(Eventually([this] { return m_releases == TIMERS; }));
-    EXPECT_EQ(m_releasedOn, m_taskThread);
-}
-
-TEST_F(TimerTest, MovedTimerKeepsRunning)
-{
-    TCTimer timer;
-    {
-        TCTimer source(Params());
-        EXPECT_TRUE(source.Restart(milliseconds(10), ITimer::INFINITE_FIRE));
-        timer = std::move(source);
-        EXPECT_FALSE(source.Pause()); // NOLINT(bugprone-use-after-move): it has no timer any more
-    }
-    EXPECT_TRUE(m_listener->trace.WaitFor(m_listener->trace.Size() + 2));
-    EXPECT_EQ(m_releases, 0);
-    const TCTimer last(std::move(timer));
-    EXPECT_TRUE(m_listener->trace.WaitFor(m_listener->trace.Size() + 2));
-    EXPECT_EQ(m_releases, 0);
-}
-
-TEST_F(TimerTest, MoveOntoATimerEndsIt)
-{
-    TCTimer timer(Params());
-    timer = TCTimer(Params());
-    EXPECT_TRUE(Eventually([this] { return m_releases == 1; }));
-    EXPECT_TRUE(timer.Restart(milliseconds(10), 1));
-    EXPECT_TRUE(m_listener->trace.WaitFor(1));
-}
-
-TEST_F(TimerTest, DestroyedInTheMiddleOfItsFiringsManyTimes)
-{
-    constexpr int ROUNDS = 300;
-    for (int i = 0; i < ROUNDS; ++i) {
-        TCTimer timer(Params());
-        EXPECT_TRUE(timer.Restart(milliseconds(10), ITimer::INFINITE_FIRE));
-        if (i % 30 == 0) {
-            EXPECT_TRUE(m_listener->trace.WaitFor(m_listener->trace.Size() + 1));
-        }
-    }
-    EXPECT_TRUE(Eventually([this] { return m_releases == ROUNDS; }));
-}
-
 } // namespace
