@@ -124,9 +124,15 @@ class ZOR_CORE_API TCQueue : public TCMutex
     /// Who is looked for: the receiver, and the type if there is one.
     struct Match;
 
+    /// What an event held that another one is moved into; released when no lock is held.
+    struct Remains;
+
     bool Place(const TSEvent& event, TCSemaphore* reply, bool priority);
+    template <typename Fill>
+    bool PlaceWith(const Fill& fill, bool priority);
     TSEvent* TakeSlotLocked(bool priority);
-    bool TakeHeadLocked(TSEvent* event, bool skipSync, std::shared_ptr<ZOREventDataBase>* released);
+    bool TakeHeadLocked(TSEvent* event, bool skipSync, Remains* remains);
+    bool IsFreeLocked() const;
     bool GetMatching(TSEvent* event, const Match& match);
     bool FindMatching(const Match& match, unsigned int* found);
     bool DeleteMatching(const Match& match, std::uint64_t maxCount, unsigned int* deleted);

@@ -69,9 +69,11 @@ class ZOR_CORE_API TCSemaphore
     bool FlagCreate() const { return m_state != nullptr; }
 
  private:
+    friend class TCQueue;
+
     struct State;
 
-    State* m_state = nullptr; ///< owned; its contents are guarded by the process-wide mutex
+    State* m_state = nullptr; ///< its contents are guarded by the process-wide mutex
 };
 
 /// A recursive lock built on a semaphore.
@@ -137,6 +139,8 @@ class ZOR_CORE_API TCMutex
     bool FlagCreate() const { return m_semaphore.FlagCreate(); }
 
  private:
+    friend class TCQueue;
+
     static constexpr pthread_t NO_OWNER = 0;
 
     /// Only the calling thread itself can have stored its own id, so a relaxed read cannot be wrong

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Reply.h"
+#include "SemaphoreState.h"
 #include "TCDebugPrint.h"
 
 namespace {
@@ -60,6 +61,9 @@ class ReleaseList
     std::size_t m_size = 0;
 };
 
+/// The longest text that a string keeps in itself: assigning one allocates nothing.
+constexpr std::size_t NAME_WITHOUT_HEAP = 15;
+
 void StoreNumber(unsigned int* where, std::uint64_t number)
 {
     if (where != nullptr) {
@@ -78,6 +82,21 @@ struct TCQueue::Match
     bool operator()(const TSEvent& record) const
     {
         return record.receiver == receiver && (anyType || record.type == type);
+    }
+};
+
+/// Destroying an attachment may run code that uses the queue, and freeing a name takes its time.
+struct TCQueue::Remains
+{
+    std::shared_ptr<ZOREventDataBase> wrappedData;
+    std::string appName;
+
+    void TakeFrom(TSEvent* event)
+    {
+        wrappedData = std::move(event->wrappedData);
+        if (event->appName.capacity() > NAME_WITHOUT_HEAP) {
+            appName.swap(event->appName);
+        }
     }
 };
 
@@ -119,6 +138,9 @@ bool TCQueue::PutSync(TSEvent* event, bool sync, bool priority)
 {
     TCASSERT(FlagCreate() == true);
     TCASSERT(event != NULL);
+    if (!sync) {
+        return Place(*event, nullptr, priority);
+    }
     // The reply lives here, on the sender's stack: the sender cannot leave before it is given.
     //
     //   sender:   put ---------------- take reply (waits) --------- destroy reply
@@ -126,38 +148,93 @@ bool TCQueue::PutSync(TSEvent* event, bool sync, bool priority)
     //
     // Once it has been given, the event that points to it must not be looked at for it again.
     Reply reply;
-    if (sync && !reply.Create(0)) {
+    if (!reply.Create(0) || !Place(*event, &reply, priority)) {
         return false;
     }
-    const bool placed = Place(*event, sync ? &reply : nullptr, priority);
-    if (placed && sync) {
-        reply.Take();
-    }
-    return placed;
+    reply.Take();
+    return true;
 }
 
-/// Queues a stamped copy of @p event with that reply, and does not wait for it.
-bool TCQueue::Place(const TSEvent& event, TCSemaphore* reply, bool priority)
+/// Whether the queue's lock is free. It then stays so while the process-wide mutex is held, and
+/// that mutex alone guards the ring: what happens under it is ordered with what happens under the
+/// lock, because taking and giving the lock needs the same mutex.
+bool TCQueue::IsFreeLocked() const
 {
-    TSEvent record(event);
-    const TSAppData& appData = TCDebugPrintZOR::GetInstance()->GetAppData();
-    record.appName = appData.name;
-    record.appFlag = static_cast<std::uint8_t>(appData.value);
-    record.sync = reply;
-    record.sender = static_cast<std::uint32_t>(TCThreadSelf::Id());
+    return TCMutex::m_semaphore.m_state->CountLocked() > 0;
+}
 
-    // What a queue held when it was destroyed is still there when it has been created again. It is
-    // released behind the lock, because that may run code that uses the queue.
-    std::shared_ptr<ZOREventDataBase> released;
+/// Lets @p fill write a record into its slot and counts it. Under the process-wide mutex when the
+/// queue's lock is free, so nothing there may allocate or run foreign code; else under that lock.
+template <typename Fill>
+bool TCQueue::PlaceWith(const Fill& fill, bool priority)
+{
+    {
+        TimeMutexLock lock;
+        if (IsFreeLocked()) {
+            TSEvent* const slot = TakeSlotLocked(priority);
+            if (slot == nullptr) {
+                return false;
+            }
+            fill(slot);
+            TCSemaphore::State* const units = m_eventCount.m_state;
+            const bool wakes = units->GiveLocked();
+            lock.Unlock();
+            if (wakes) {
+                units->Wake();
+            }
+            return true;
+        }
+    }
     QueueLock lock(this);
     TSEvent* const slot = TakeSlotLocked(priority);
     if (slot == nullptr) {
         return false;
     }
-    released = std::move(slot->wrappedData);
-    *slot = std::move(record);
+    fill(slot);
     m_eventCount.Give();
     return true;
+}
+
+/// Queues a stamped copy of @p event with that reply, and does not wait for it.
+bool TCQueue::Place(const TSEvent& event, TCSemaphore* reply, bool priority)
+{
+    const TSAppData& appData = TCDebugPrintZOR::GetInstance()->GetAppData();
+    const auto sender = static_cast<std::uint32_t>(TCThreadSelf::Id());
+    // What a queue held when it was destroyed is still there when it has been created again. It is
+    // released behind the lock, because that may run code that uses the queue.
+    Remains remains;
+    if (appData.name.size() <= NAME_WITHOUT_HEAP) {
+        return PlaceWith(
+            [&](TSEvent* slot) {
+                remains.TakeFrom(slot);
+                slot->sync = reply;
+                slot->receiver = event.receiver;
+                slot->sender = sender;
+                slot->type = event.type;
+                slot->param1 = event.param1;
+                slot->param2 = event.param2;
+                slot->param3 = event.param3;
+                slot->param4 = event.param4;
+                slot->param5 = event.param5;
+                slot->param6 = event.param6;
+                slot->flag = event.flag;
+                slot->appName.assign(appData.name.data(), appData.name.size());
+                slot->appFlag = static_cast<std::uint8_t>(appData.value);
+                slot->wrappedData = event.wrappedData;
+            },
+            priority);
+    }
+    TSEvent record(event);
+    record.appName = appData.name;
+    record.appFlag = static_cast<std::uint8_t>(appData.value);
+    record.sync = reply;
+    record.sender = sender;
+    return PlaceWith(
+        [&](TSEvent* slot) {
+            remains.TakeFrom(slot);
+            *slot = std::move(record);
+        },
+        priority);
 }
 
 /// The slot that the next event goes to, counted already; null if the queue is full for it.
@@ -184,26 +261,38 @@ bool TCQueue::GetSync(TSEvent* event, unsigned long msec, bool skipSync)
 {
     TCASSERT(FlagCreate() == true);
     TCASSERT(event != NULL);
-    // Released behind the lock: destroying an attachment may run code that uses the queue.
-    std::shared_ptr<ZOREventDataBase> released;
-    while (m_eventCount.Try(msec)) {
-        QueueLock lock(this);
-        if (m_count > 0) {
-            return TakeHeadLocked(event, skipSync, &released);
+    Remains remains;
+    for (;;) {
+        TCSemaphore::State* const units = m_eventCount.m_state;
+        if (msec != 0) {
+            units->Watch();
+        }
+        TimeMutexLock shared;
+        if (!units->TryLocked(msec)) {
+            return false;
+        }
+        if (IsFreeLocked()) {
+            if (m_count > 0) {
+                return TakeHeadLocked(event, skipSync, &remains);
+            }
+        } else {
+            shared.Unlock();
+            QueueLock lock(this);
+            if (m_count > 0) {
+                return TakeHeadLocked(event, skipSync, &remains);
+            }
         }
         // A unit without an event: the wait starts again.
     }
-    return false;
 }
 
-bool TCQueue::TakeHeadLocked(TSEvent* event, bool skipSync,
-                             std::shared_ptr<ZOREventDataBase>* released)
+bool TCQueue::TakeHeadLocked(TSEvent* event, bool skipSync, Remains* remains)
 {
     TSEvent& record = m_ring[m_head];
     if (skipSync && record.sync != nullptr) {
         return false;
     }
-    *released = std::move(event->wrappedData);
+    remains->TakeFrom(event);
     *event = std::move(record);
     m_head = Wrap(m_head + 1);
     --m_count;
@@ -219,9 +308,15 @@ bool TCQueue::GetSyncQData(TSEvent* event, bool skipSync)
 {
     TCASSERT(FlagCreate() == true);
     TCASSERT(event != NULL);
-    std::shared_ptr<ZOREventDataBase> released;
+    Remains remains;
+    {
+        const TimeMutexLock lock;
+        if (IsFreeLocked()) {
+            return m_count > 0 && TakeHeadLocked(event, skipSync, &remains);
+        }
+    }
     QueueLock lock(this);
-    return m_count > 0 && TakeHeadLocked(event, skipSync, &released);
+    return m_count > 0 && TakeHeadLocked(event, skipSync, &remains);
 }
 
 bool TCQueue::GetQData(TSEvent* event)

@@ -1,5 +1,6 @@
 #include "Thread.h"
 
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <new>
 
+#include "SemaphoreState.h"
 #include "ZorApiLite.h"
 #include "ZorServiceDebugOverlay.h"
 
@@ -21,16 +23,6 @@ namespace {
 
 /// Guards the counts of all semaphores of the process; their condition variables wait on it.
 pthread_mutex_t TimeMutex = PTHREAD_MUTEX_INITIALIZER;
-
-class TimeMutexLock
-{
- public:
-    TimeMutexLock() { pthread_mutex_lock(&TimeMutex); }
-    ~TimeMutexLock() { pthread_mutex_unlock(&TimeMutex); }
-
-    TimeMutexLock(const TimeMutexLock&) = delete;
-    TimeMutexLock& operator=(const TimeMutexLock&) = delete;
-};
 
 constexpr unsigned long WAIT_FOR_EVER = ~0UL;
 
@@ -77,6 +69,29 @@ int KernelThreadId()
     return static_cast<int>(syscall(SYS_gettid));
 }
 
+/// Whether another thread can run while this one watches something. What the process is bound to
+/// when it starts counts.
+bool HasSeveralProcessors()
+{
+    cpu_set_t processors;
+    CPU_ZERO(&processors);
+    return sched_getaffinity(0, sizeof(processors), &processors) == 0 && CPU_COUNT(&processors) > 1;
+}
+
+/// False until this file's objects are made: nothing is watched before.
+const bool g_severalProcessors = HasSeveralProcessors();
+
+void Relax()
+{
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__) || defined(__arm__)
+    asm volatile("yield" ::: "memory");
+#else
+    asm volatile("" ::: "memory");
+#endif
+}
+
 bool SetNiceness(int kernelId, int priority)
 {
     constexpr int NICENESS[] = {-10, 0, 10};
@@ -90,11 +105,114 @@ bool SetNiceness(int kernelId, int priority)
 
 } // namespace
 
-struct TCSemaphore::State
+/// Sleeping on the mutex at once would make the threads that share it alternate, each paying for a
+/// switch. Trying a few times with a pause in between lets each of them work in runs.
+TimeMutexLock::TimeMutexLock()
 {
-    pthread_cond_t condition;
-    int count;
-};
+    constexpr int TRIES = 3;
+    constexpr int PAUSES = 150;
+
+    if (g_severalProcessors) {
+        for (int i = 0; i < TRIES; ++i) {
+            if (pthread_mutex_trylock(&TimeMutex) == 0) {
+                return;
+            }
+            for (int pause = 0; pause < PAUSES; ++pause) {
+                Relax();
+            }
+        }
+    }
+    pthread_mutex_lock(&TimeMutex);
+}
+
+void TimeMutexLock::Unlock()
+{
+    m_held = false;
+    pthread_mutex_unlock(&TimeMutex);
+}
+
+void TCSemaphore::State::LetGo()
+{
+    // Release: the others' use of the block comes before its end. Acquire: for the one that ends
+    // it.
+    if (holders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        pthread_cond_destroy(&condition);
+        delete this;
+    }
+}
+
+void TCSemaphore::State::Watch()
+{
+    constexpr int PAUSES = 400;
+    constexpr unsigned SKIPS = 32;
+
+    // All relaxed: the mutex decides, and a wrong guess about watching costs a little time only.
+    if (count.load(std::memory_order_relaxed) > 0 || !g_severalProcessors) {
+        return;
+    }
+    const int left = credit.load(std::memory_order_relaxed);
+    if (left == 0 && skipped.fetch_add(1, std::memory_order_relaxed) % SKIPS != SKIPS - 1) {
+        return;
+    }
+    for (int pause = 0; pause < PAUSES; ++pause) {
+        Relax();
+        if (count.load(std::memory_order_relaxed) > 0) {
+            credit.store(CREDIT, std::memory_order_relaxed);
+            return;
+        }
+    }
+    if (left > 0) {
+        credit.store(left - 1, std::memory_order_relaxed);
+    }
+}
+
+void TCSemaphore::State::TakeLocked()
+{
+    while (CountLocked() <= 0) {
+        ++waiters;
+        pthread_cond_wait(&condition, &TimeMutex);
+        --waiters;
+    }
+    AddLocked(-1);
+}
+
+bool TCSemaphore::State::TryLocked(unsigned long msec)
+{
+    if (msec == WAIT_FOR_EVER) {
+        TakeLocked();
+        return true;
+    }
+    while (CountLocked() <= 0) {
+        timespec deadline;
+        if (msec == 0 || !DeadlineAfter(msec, &deadline)) {
+            return false;
+        }
+        ++waiters;
+        const int result = pthread_cond_timedwait(&condition, &TimeMutex, &deadline);
+        --waiters;
+        if (result != 0) {
+            return false;
+        }
+    }
+    AddLocked(-1);
+    return true;
+}
+
+bool TCSemaphore::State::GiveLocked()
+{
+    AddLocked(1);
+    if (waiters == 0) {
+        return false;
+    }
+    holders.fetch_add(1, std::memory_order_relaxed); // the semaphore holds it at this moment
+    return true;
+}
+
+void TCSemaphore::State::Wake()
+{
+    pthread_cond_signal(&condition);
+    LetGo();
+}
 
 TCSemaphore::~TCSemaphore()
 {
@@ -108,7 +226,7 @@ bool TCSemaphore::Create(int count)
     if (state == nullptr || !InitMonotonicCondition(&state->condition)) {
         return false;
     }
-    state->count = count;
+    state->count.store(count, std::memory_order_relaxed);
     m_state = state.release();
     return true;
 }
@@ -116,48 +234,38 @@ bool TCSemaphore::Create(int count)
 void TCSemaphore::Take()
 {
     TCASSERT(FlagCreate() == true);
-    TimeMutexLock lock;
-    while (m_state->count <= 0) {
-        pthread_cond_wait(&m_state->condition, &TimeMutex);
-    }
-    --m_state->count;
+    m_state->Watch();
+    const TimeMutexLock lock;
+    m_state->TakeLocked();
 }
 
 bool TCSemaphore::Try(unsigned long msec)
 {
     TCASSERT(FlagCreate() == true);
-    if (msec == WAIT_FOR_EVER) {
-        Take();
-        return true;
+    if (msec != 0) {
+        m_state->Watch();
     }
-    TimeMutexLock lock;
-    while (m_state->count <= 0) {
-        timespec deadline;
-        if (msec == 0 || !DeadlineAfter(msec, &deadline) ||
-            pthread_cond_timedwait(&m_state->condition, &TimeMutex, &deadline) != 0) {
-            return false;
-        }
-    }
-    --m_state->count;
-    return true;
+    const TimeMutexLock lock;
+    return m_state->TryLocked(msec);
 }
 
 void TCSemaphore::Give()
 {
     TCASSERT(FlagCreate() == true);
-    // The signal is sent under the mutex: a taker that it releases may destroy the state block as
-    // soon as it has the mutex, and by then nothing here touches the block any more.
+    State* const state = m_state;
     TimeMutexLock lock;
-    ++m_state->count;
-    pthread_cond_signal(&m_state->condition);
+    const bool wakes = state->GiveLocked();
+    lock.Unlock(); // from here on a taker may destroy the semaphore
+    if (wakes) {
+        state->Wake();
+    }
 }
 
 void TCSemaphore::Destroy()
 {
     TCASSERT(FlagCreate() == true);
-    TimeMutexLock lock;
-    pthread_cond_destroy(&m_state->condition);
-    delete m_state;
+    const TimeMutexLock lock;
+    m_state->LetGo();
     m_state = nullptr;
 }
 

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+
+#include "Thread.h"
+
+/// What stands behind every semaphore, for the semaphore itself and for the queue, whose puts and
+/// gets work on several semaphores in one critical section.
+
+/// Holds the one mutex that guards the counts of all semaphores of the process, for a scope or
+/// until Unlock(). No foreign code runs and nothing is allocated under it.
+class TimeMutexLock
+{
+ public:
+    TimeMutexLock();
+    ~TimeMutexLock()
+    {
+        if (m_held) {
+            Unlock();
+        }
+    }
+
+    TimeMutexLock(const TimeMutexLock&) = delete;
+    TimeMutexLock& operator=(const TimeMutexLock&) = delete;
+
+    void Unlock();
+
+ private:
+    bool m_held = true;
+};
+
+/// The state block of a semaphore.
+///
+/// It lives as long as the semaphore is created, and longer while a giver has yet to wake somebody:
+/// a waiter must not be woken under the mutex, which it would only run into, and once it has its
+/// unit it may destroy the semaphore. Whoever is the last to let go deletes the block.
+///
+///   giver:   lock -- count -- hold -- unlock --------------------- signal -- let go (deletes)
+///   taker:                                    take -- destroy (lets go)
+struct TCSemaphore::State
+{
+    pthread_cond_t condition;         ///< waits on the process-wide mutex
+    std::atomic<int> count;           ///< written under the mutex; watched without it
+    int waiters = 0;                  ///< threads parked; guarded by the mutex
+    std::atomic<int> holders{1};      ///< the semaphore, and givers about to wake somebody
+    std::atomic<int> credit{CREDIT};  ///< how often in a row watching may still fail
+    std::atomic<unsigned> skipped{0}; ///< waits that did not watch
+
+    static constexpr int CREDIT = 4;
+
+    /// Lets go; the last one deletes the block.
+    void LetGo();
+
+    /// Watches the count for about as long as parking and waking would cost, without the mutex.
+    /// What it has seen means nothing until the mutex is held.
+    void Watch();
+
+    /// Waits until there is a unit and takes it. Needs the mutex, which is given back meanwhile.
+    void TakeLocked();
+    bool TryLocked(unsigned long msec);
+
+    /// Adds a unit. Needs the mutex; what it returns says whether Wake() must be called once the
+    /// mutex is unlocked.
+    [[nodiscard]] bool GiveLocked();
+    void Wake();
+
+    int CountLocked() const { return count.load(std::memory_order_relaxed); }
+    void AddLocked(int units) { count.store(CountLocked() + units, std::memory_order_relaxed); }
+};
