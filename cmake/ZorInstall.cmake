@@ -52,7 +52,11 @@ configure_file(${PROJECT_SOURCE_DIR}/cmake/package/zor-core.pc.in
 install(FILES ${PROJECT_BINARY_DIR}/package/zor-core.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-foreach(tool zor-record zor-tsmon)
+if(TARGET qv-win-util)
+  install(TARGETS qv-win-util LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/zor-core
+          COMPONENT platform)
+endif()
+foreach(tool zor-record zor-tsmon infobox)
   if(TARGET ${tool})
     install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   endif()

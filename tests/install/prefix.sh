@@ -18,7 +18,7 @@ run_daemon "$(library_dir "$prefix")" "$SCRATCH/with-pkg-config" "counted 7"
 
 # The platform of the development machine is a component of its own.
 cmake --install "$BUILD_DIR" --prefix "$SCRATCH/platform" --component platform >/dev/null
-found=$(cd "$SCRATCH/platform" && find . -name '*.so*' | sort)
-[ "$found" = "$(printf '%s\n' ./lib/libzor-platform-host.so.1{,.0.0})" ] ||
+found=$(cd "$SCRATCH/platform/lib" && find . -name '*.so*' | sort)
+[ "$found" = "$(printf '%s\n' ./libzor-platform-host.so.1{,.0.0} ./zor-core/libqv-win-util.so)" ] ||
     fail "component 'platform' has: $found"
 rm -rf "$SCRATCH"
