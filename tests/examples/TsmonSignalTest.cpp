@@ -35,9 +35,11 @@ constexpr std::uint64_t SECOND = 27 * 1000 * 1000;
 /// to two seconds of it.
 constexpr std::chrono::seconds AT_ONCE(15);
 
+/// The lines of the service and its stream, without the figures.
 constexpr const char* TABLE =
-    "SERVICE  NAME  PROVIDER  PMT PID  STREAM  TYPE\n"
-    "      1  One   Maker      0x0100  0x0101  H.264 video (0x1b)\n";
+    "      1  One                 Maker     0x0100 .*\n"
+    "         0x2000010000801C00 .cT:dtv,sP:dvb,cN:0,mj:7,mn:0,pN:1.\n"
+    "         H.264 video .0x1b.            0x0101 ";
 
 Bytes Tables(made::TableBuilder& builder)
 {
@@ -118,8 +120,8 @@ class TsmonSignalTest : public testing::Test
         EXPECT_LT(std::chrono::steady_clock::now() - start, AT_ONCE);
         EXPECT_EQ(ended.exitCode, 0) << ended.error;
         EXPECT_THAT(ended.output, ContainsRegex("Transport stream 7: 1 service in 64 packets, "
-                                                "stopped by a signal\n\n"));
-        EXPECT_THAT(ended.output, HasSubstr(TABLE));
+                                                "stopped by a signal\n"));
+        EXPECT_THAT(ended.output, ContainsRegex(TABLE));
         EXPECT_THAT(ended.error, HasSubstr(std::string("stopped by signal ") + signal));
         EXPECT_THAT(ended.error, HasSubstr("64 packets handled"));
         EXPECT_THAT(ended.error, Not(HasSubstr("zor-tsmon:")));
@@ -207,7 +209,7 @@ TEST_F(TsmonSignalTest, RealtimeRunGivesTheSameTableAsAFastOne)
     const Ended ended = RunDaemon({"--realtime", m_directory.Write("short.ts", stream)});
     EXPECT_EQ(ended.exitCode, 0) << ended.error;
     EXPECT_EQ(ended.output, OutputOf(stream));
-    EXPECT_THAT(ended.output, HasSubstr(TABLE));
+    EXPECT_THAT(ended.output, ContainsRegex(TABLE));
     EXPECT_EQ(ended.error, "");
 }
 
@@ -227,7 +229,7 @@ TEST_F(TsmonSignalTest, RealtimeWithoutAClockSaysSoAndReadsAtFullSpeed)
         m_directory.Write("clockless.ts", Tables(builder) + made::PlainPackets(30));
     const Ended ended = RunDaemon({"--realtime", path});
     EXPECT_EQ(ended.exitCode, 0);
-    EXPECT_THAT(ended.output, HasSubstr(TABLE));
+    EXPECT_THAT(ended.output, ContainsRegex(TABLE));
     EXPECT_THAT(ended.output, Not(HasSubstr("stopped")));
     EXPECT_EQ(ended.error,
               "zor-tsmon: " + path + ": carries no PCR to play it by: read at full speed\n");
