@@ -187,10 +187,11 @@ void ReaderTask::OnRead()
 {
     LogDamage();
     const StreamCounts& counts = m_stepper->Counts();
-    m_bytesRead = counts.bytes;
+    const bool hasBytes = m_bytesRead.exchange(counts.bytes) != counts.bytes;
     const std::uint64_t packets = counts.packets + counts.transportErrors;
-    if (std::exchange(m_packetsRead, packets) == packets) {
-        return; // bytes without packets do not end the wait
+    const bool hasPackets = std::exchange(m_packetsRead, packets) != packets;
+    if (!hasBytes || !hasPackets) {
+        return; // neither bytes without packets nor packets that were held back end the wait
     }
     if (m_isInputLost) {
         const std::chrono::duration<double> silence =

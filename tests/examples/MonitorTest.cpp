@@ -1,8 +1,6 @@
 #include "Monitor.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -12,6 +10,7 @@
 #include <thread>
 
 #include "Debug.h"
+#include "Pipe.h"
 #include "TaskFixture.h"
 #include "ThreadSeams.h"
 
@@ -131,9 +130,7 @@ class TableCounter : public std::streambuf
 TEST_F(MonitorTest, EveryRepeatsTheTableUntilTheEnd)
 {
     const std::string path = m_directory.Path("pipe");
-    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    const int pipe = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    ASSERT_GE(pipe, 0);
+    made::Pipe pipe(path);
     tsmon::Options options;
     options.file = path;
     options.every = std::chrono::seconds(1);
@@ -141,7 +138,7 @@ TEST_F(MonitorTest, EveryRepeatsTheTableUntilTheEnd)
     std::ostream tables(&counter);
     std::thread writer([&] {
         EXPECT_TRUE(Eventually([&] { return counter.Tables() >= 2; }));
-        close(pipe); // and with it the pipe has an end
+        pipe.Close(); // and with it the pipe has an end
     });
     tsmon::MonitorFile(options, m_signals, tables, m_noProgress);
     writer.join();
