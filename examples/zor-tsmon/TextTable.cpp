@@ -16,33 +16,28 @@ constexpr std::size_t LEAST_WIDTH = 6;
 
 constexpr const char* ELLIPSIS = "\u2026";
 
+/// Made once and never freed: it takes far longer to make than a text takes to be measured. Null on
+/// a system without it.
+locale_t Utf8Locale()
+{
+    static const locale_t locale = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    return locale;
+}
+
 /// Makes the calling thread see texts as UTF-8 for as long as it lives. wcwidth() has no other way
 /// to be told, and the process's own locale is not ours to change. On a system without the locale
 /// nothing changes, and columns of other texts than ASCII come out too wide.
 class Utf8Scope
 {
  public:
-    Utf8Scope() : m_locale(newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr))
-    {
-        if (m_locale != nullptr) {
-            m_previous = uselocale(m_locale);
-        }
-    }
-
-    ~Utf8Scope()
-    {
-        if (m_locale != nullptr) {
-            uselocale(m_previous);
-            freelocale(m_locale);
-        }
-    }
+    Utf8Scope() : m_previous(uselocale(Utf8Locale())) {}
+    ~Utf8Scope() { uselocale(m_previous); }
 
     Utf8Scope(const Utf8Scope&) = delete;
     Utf8Scope& operator=(const Utf8Scope&) = delete;
 
  private:
-    locale_t m_locale;
-    locale_t m_previous = nullptr;
+    locale_t m_previous;
 };
 
 /// The first character of a UTF-8 text, which must not be empty: how many bytes and how many
