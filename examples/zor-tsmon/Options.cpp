@@ -151,7 +151,7 @@ CommandLine ReadCommandLine(int argc, const char* const* argv)
            "N seconds, 1 to 86400, and log when packets come again")
         ->check(Seconds(1, 86400))
         ->type_name("number of seconds")
-        ->option_text("N (default: 5)");
+        ->option_text("N (default: " + std::to_string(DEFAULT_INPUT_TIMEOUT.count()) + ")");
     AddShowingOptions(app, options);
     app.failure_message([](const CLI::App* /*app*/, const CLI::Error& error) {
         return std::string("zor-tsmon: ") + error.what() +

@@ -34,8 +34,7 @@ struct ParserCounts
 class ParserTask : public TCMultiQTask, private TableSink
 {
  public:
-    /// @param services  gets MESSAGE_TABLE, MESSAGE_SECOND and, behind all of them,
-    /// MESSAGE_END;
+    /// @param services  gets MESSAGE_TABLE and MESSAGE_SECOND, and behind all tables MESSAGE_END;
     ///                  must outlive the task
     explicit ParserTask(TCHandler& services) : m_services(services) {}
 

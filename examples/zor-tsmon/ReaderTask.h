@@ -7,14 +7,12 @@
 #include <string>
 
 #include "Messages.h"
+#include "Options.h"
 #include "Stepper.h"
 #include "Task.h"
 #include "Timer.h"
 
 namespace tsmon {
-
-/// How long input may be silent before it counts as lost.
-constexpr std::chrono::seconds DEFAULT_INPUT_TIMEOUT{5};
 
 /// Reads a file into the queues of a parser, a step for each event that it sends itself, so that
 /// stop, pause and ping come in between any two. Where it has to wait (for room in a queue, for the

@@ -51,7 +51,9 @@ Figures FiguresOf(const StreamStatistics& statistics, const std::set<std::uint16
 
 void StreamStatistics::Add(const StreamStatistics& part)
 {
-    counts = part.counts;
+    if (part.counts.bytes >= counts.bytes) { // tables overtake streams that were read before
+        counts = part.counts;
+    }
     time += part.time;
     for (const auto& [pid, added] : part.pids) {
         PidStatistics& each = pids[pid];

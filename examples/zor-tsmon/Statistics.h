@@ -25,7 +25,7 @@ struct StreamStatistics
     std::chrono::microseconds time{0}; ///< of the stream's clock, in which the timed packets came
     std::map<std::uint16_t, PidStatistics> pids;
 
-    /// Adds what @p part has counted, and takes over how much had been read by then.
+    /// Adds what @p part has counted, and takes over how much had been read by then if it is more.
     void Add(const StreamStatistics& part);
 
     /// What has been counted since @p earlier, an earlier state of the same stream.

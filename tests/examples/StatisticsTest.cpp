@@ -77,4 +77,18 @@ TEST(StatisticsTest, DifferenceIsWhatHasBeenAdded)
     EXPECT_EQ(FiguresOfAll(difference).continuityErrors, 5U);
 }
 
+TEST(StatisticsTest, PartThatWasReadEarlierDoesNotTurnTheCountsBack)
+{
+    StreamStatistics later;
+    later.counts.bytes = 2000;
+    later.counts.packets = 10;
+    StreamStatistics earlier;
+    earlier.counts.bytes = 1000;
+    earlier.counts.packets = 5;
+    StreamStatistics sum;
+    sum.Add(later);
+    sum.Add(earlier);
+    EXPECT_EQ(sum.counts.packets, 10U);
+}
+
 } // namespace
