@@ -1,17 +1,34 @@
 #include "Main.h"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <iostream>
 
 #include "Monitor.h"
 #include "Options.h"
+#include "ProgressLogger.h"
 #include "Report.h"
 #include "Signals.h"
+#include "Terminal.h"
 
 namespace {
 
 /// Before Main() there are threads of the runtime's already, which must not be hit either.
 const bool g_signalsBlocked = tsmon::Signals::Block();
+
+/// The line that shows the progress; log entries keep clear of it. Both live as long as anything
+/// can log, which is longer than Main().
+tsmon::ProgressLine& MakeProgressLine()
+{
+    static auto* const line = new tsmon::ProgressLine(STDERR_FILENO);
+    if (line->IsVisible()) {
+        ZORLogs* const logs = ZORLogs::getInstance();
+        static auto* const logger = new tsmon::ProgressLogger(*line, *logs->getLogger());
+        logs->SetLoggingSystem(logger);
+    }
+    return *line;
+}
 
 } // namespace
 
@@ -29,5 +46,8 @@ int Main()
     }
     const tsmon::Options& options = *commandLine.options;
     tsmon::Signals signals;
-    return tsmon::Report(options.file, tsmon::MonitorFile(options, signals), std::cout, std::cerr);
+    const tsmon::Outcome outcome =
+        tsmon::MonitorFile(options, signals, std::cout, MakeProgressLine());
+    const tsmon::ReportStyle style = {options.format, tsmon::WidthOf(STDOUT_FILENO)};
+    return tsmon::Report(options.InputName(), outcome, style, std::cout, std::cerr);
 }

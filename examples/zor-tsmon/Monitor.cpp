@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Completion.h"
+#include "DisplayTask.h"
 #include "Log.h"
 #include "ParserTask.h"
 #include "ReaderTask.h"
@@ -27,13 +28,15 @@ Outcome Failed(const std::string& reason)
     return outcome;
 }
 
-/// The three tasks and what becomes of them. Each is created after the one that it sends to, and
-/// ends before it, so none ever sends to a task that is not there.
+/// The tasks and what becomes of them. Each is created after the one that it sends to, and ends
+/// before it, so none ever sends to a task that is not there.
 class Monitor
 {
  public:
-    Monitor(const Options& options, Signals& signals)
-        : m_signals(signals), m_reader(options.file, options.realtime, m_parser)
+    Monitor(const Options& options, Signals& signals, std::ostream& tables, ProgressLine& progress)
+        : m_signals(signals),
+          m_reader(options.file, options.realtime, m_parser, options.inputTimeout),
+          m_display(options, {m_reader, m_parser, m_services}, tables, progress)
     {}
 
     Outcome Run()
@@ -57,7 +60,7 @@ class Monitor
         }
         const bool isRead = m_reader.Start();
         if (isRead) {
-            AwaitEnd();
+            RunDisplay();
             EndTask(m_reader);
         }
         EndTask(m_parser);
@@ -66,6 +69,19 @@ class Monitor
         }
         LogHandled();
         return Collect();
+    }
+
+    /// What it shows can be done without.
+    void RunDisplay()
+    {
+        const bool isShown = m_display.IsNeeded() && m_display.Start();
+        if (m_display.IsNeeded() && !isShown) {
+            ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_WARN, "no task to show the progress");
+        }
+        AwaitEnd();
+        if (isShown) {
+            EndTask(m_display);
+        }
     }
 
     Outcome Collect()
@@ -78,6 +94,8 @@ class Monitor
         outcome.failure = m_reader.Failure().empty() ? m_parser.Failure() : m_reader.Failure();
         outcome.counts = m_reader.Counts();
         outcome.table = *std::move(table);
+        outcome.statistics = m_parser.Statistics();
+        outcome.inputLosses = m_reader.InputLosses();
         outcome.stopped = m_reader.IsStopped();
         outcome.lacksClock = m_reader.LacksClock();
         return outcome;
@@ -155,18 +173,20 @@ class Monitor
     ServicesTask m_services{m_done};
     ParserTask m_parser{m_services};
     ReaderTask m_reader;
+    DisplayTask m_display;
 };
 
 } // namespace
 
-Outcome MonitorFile(const Options& options, Signals& signals)
+Outcome MonitorFile(const Options& options, Signals& signals, std::ostream& tables,
+                    ProgressLine& progress)
 {
-    const char* path = options.file.c_str();
-    ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO, "reading %s", path);
-    Outcome outcome = Monitor(options, signals).Run();
+    const std::string name = options.InputName();
+    ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO, "reading %s", name.c_str());
+    Outcome outcome = Monitor(options, signals, tables, progress).Run();
     ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO, "end of %s: %llu packets, %llu damaged, %zu services",
-                   path, AsLogged(outcome.counts.packets), AsLogged(outcome.counts.Damaged()),
-                   outcome.table.Services().size());
+                   name.c_str(), AsLogged(outcome.counts.packets),
+                   AsLogged(outcome.counts.Damaged()), outcome.table.Services().size());
     return outcome;
 }
 

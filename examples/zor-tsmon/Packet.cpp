@@ -8,6 +8,8 @@ constexpr std::uint8_t TRANSPORT_ERROR = 0x80;
 constexpr std::uint8_t UNIT_START = 0x40;
 constexpr std::uint8_t ADAPTATION_FIELD = 0x20;
 constexpr std::uint8_t PAYLOAD = 0x10;
+constexpr std::uint8_t COUNTER = 0x0F;
+constexpr std::uint8_t DISCONTINUITY = 0x80;
 constexpr std::size_t HEADER_SIZE = 4;
 constexpr std::size_t START_CODE_SIZE = 3;
 
@@ -30,9 +32,25 @@ bool HasTransportError(const std::uint8_t* packet)
     return (packet[1] & TRANSPORT_ERROR) != 0;
 }
 
+std::uint8_t ContinuityCounterOf(const std::uint8_t* packet)
+{
+    return packet[3] & COUNTER;
+}
+
+bool HasPayload(const std::uint8_t* packet)
+{
+    return (packet[3] & PAYLOAD) != 0;
+}
+
+bool AnnouncesDiscontinuity(const std::uint8_t* packet)
+{
+    const bool hasFlags = (packet[3] & ADAPTATION_FIELD) != 0 && packet[HEADER_SIZE] > 0;
+    return hasFlags && (packet[HEADER_SIZE + 1] & DISCONTINUITY) != 0;
+}
+
 bool HasSoundPayload(const std::uint8_t* packet)
 {
-    if ((packet[3] & PAYLOAD) == 0) {
+    if (!HasPayload(packet)) {
         return false;
     }
     std::size_t begin = PayloadBegin(packet);
@@ -47,7 +65,7 @@ bool HasSoundPayload(const std::uint8_t* packet)
 
 bool BeginsUnit(const std::uint8_t* packet)
 {
-    const bool starts = (packet[1] & UNIT_START) != 0 && (packet[3] & PAYLOAD) != 0;
+    const bool starts = (packet[1] & UNIT_START) != 0 && HasPayload(packet);
     return starts && PayloadBegin(packet) < PACKET_SIZE;
 }
 

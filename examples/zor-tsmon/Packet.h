@@ -22,6 +22,15 @@ std::uint16_t PidOf(const std::uint8_t* packet);
 /// Whether a demodulator before us gave the packet up as broken.
 bool HasTransportError(const std::uint8_t* packet);
 
+/// The counter, 0 to 15, that goes up with each packet of a PID that has a payload.
+std::uint8_t ContinuityCounterOf(const std::uint8_t* packet);
+
+/// Whether the packet says that it has a payload.
+bool HasPayload(const std::uint8_t* packet);
+
+/// Whether the packet announces that counters and clock may jump here.
+bool AnnouncesDiscontinuity(const std::uint8_t* packet);
+
 /// Whether the packet carries a payload that lies inside it: a broken adaptation field or section
 /// pointer would lead a section decoder past the packet's end.
 bool HasSoundPayload(const std::uint8_t* packet);

@@ -25,12 +25,25 @@ bool IsDirectory(int file)
     return fstat(file, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
+/// Standard input is opened anew: whoever else has it must not find that it does not wait any more.
+const char* OpenedPath(const std::string& path)
+{
+    return path == STANDARD_INPUT ? "/dev/stdin" : path.c_str();
+}
+
 } // namespace
+
+std::optional<std::uint64_t> SizeOf(const std::string& path)
+{
+    struct stat status = {};
+    const bool isFile = stat(OpenedPath(path), &status) == 0 && S_ISREG(status.st_mode);
+    return isFile ? std::optional(static_cast<std::uint64_t>(status.st_size)) : std::nullopt;
+}
 
 PacketFile::PacketFile(const std::string& path) : m_chunk(PACKETS_PER_READ * PACKET_SIZE)
 {
     // Neither the opening of a pipe nor its reading may wait for whoever writes to it.
-    m_file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    m_file = open(OpenedPath(path), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (m_file < 0) {
         throw SystemError("cannot be opened");
     }

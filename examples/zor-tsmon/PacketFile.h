@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -16,13 +18,20 @@ class InputError : public std::runtime_error
     using std::runtime_error::runtime_error;
 };
 
+/// The path that stands for standard input.
+constexpr const char* STANDARD_INPUT = "-";
+
+/// The size of the file at @p path in bytes; nothing if it is no regular file.
+std::optional<std::uint64_t> SizeOf(const std::string& path);
+
 /// Reads the packets of a transport stream file, a block at a time.
 ///
 /// One thread at a time may use it; it holds the file open as long as it lives.
 class PacketFile
 {
  public:
-    /// Opens the file. Throws InputError if that fails or @p path is a directory.
+    /// Opens the file, or standard input anew. Throws InputError if that fails or @p path is a
+    /// directory.
     explicit PacketFile(const std::string& path);
     ~PacketFile();
 

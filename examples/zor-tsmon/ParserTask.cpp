@@ -3,6 +3,7 @@
 #include <exception>
 #include <utility>
 
+#include "Batch.h"
 #include "Log.h"
 
 namespace tsmon {
@@ -10,12 +11,19 @@ namespace tsmon {
 namespace {
 
 constexpr unsigned int WAIT_MSEC = 100;
+constexpr int TICK_MSEC = 1000;
+constexpr int FOR_EVER = -1;
 
 } // namespace
 
 bool ParserTask::Start()
 {
     return Create("TsParser", WAIT_MSEC, STACK_SIZE, QUEUE_COUNT, WATCHDOG_TIME);
+}
+
+std::optional<TickStatistics> ParserTask::AskStatistics()
+{
+    return Ask<TickStatistics>(*this, true);
 }
 
 bool ParserTask::t_Create()
@@ -26,7 +34,19 @@ bool ParserTask::t_Create()
     } catch (const std::exception& error) {
         m_failure = error.what();
     }
+    if (!m_alarm.Create(this, MESSAGE_TICK, TICK_MSEC, FOR_EVER)) {
+        ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_WARN, "no alarm: statistics come at the end only");
+    }
     return true; // the packets are taken in any case: nobody is left waiting for room
+}
+
+/// On the task's own thread no event of the alarm can be under way.
+void ParserTask::t_Destroy()
+{
+    if (m_alarm.FlagCreate()) {
+        m_alarm.Destroy();
+    }
+    TCMultiQTask::t_Destroy();
 }
 
 bool ParserTask::t_OnEvent(const TSEvent* event)
@@ -38,6 +58,12 @@ bool ParserTask::t_OnEvent(const TSEvent* event)
         case MESSAGE_END:
             OnEnd(*event);
             return true;
+        case MESSAGE_TICK:
+            OnTick();
+            return true;
+        case MESSAGE_ASK:
+            Reply(*event, m_statistics);
+            return true;
         default:
             return TCMultiQTask::t_OnEvent(event);
     }
@@ -45,18 +71,20 @@ bool ParserTask::t_OnEvent(const TSEvent* event)
 
 void ParserTask::OnPackets(const TSEvent& event)
 {
-    const auto* block = dynamic_cast<ZORManagedEventData<PacketBlock>*>(event.wrappedData.get());
-    if (block == nullptr) {
+    const auto* attached = dynamic_cast<ZORManagedEventData<Batch>*>(event.wrappedData.get());
+    if (attached == nullptr) {
         return;
     }
-    for (std::size_t index = 0; index < block->data.Count(); ++index) {
-        ++m_counts.perPid[PidOf(block->data.Packet(index))];
+    const PacketBlock& packets = attached->data.packets;
+    for (std::size_t index = 0; index < packets.Count(); ++index) {
+        ++m_counts.perPid[PidOf(packets.Packet(index))];
     }
+    m_statistics.total.Add(attached->data.statistics);
     if (event.param1 == QUEUE_STREAMS) {
-        m_counts.streamPackets += block->data.Count();
+        m_counts.streamPackets += packets.Count();
     } else {
-        m_counts.tablePackets += block->data.Count();
-        Find(block->data);
+        m_counts.tablePackets += packets.Count();
+        Find(packets);
     }
 }
 
@@ -92,6 +120,18 @@ void ParserTask::OnEnd(const TSEvent& event)
         end.param1 = QUEUE_STREAMS;
         TCMultiQTask::Send(&end, false, false, QUEUE_STREAMS);
     }
+}
+
+void ParserTask::OnTick()
+{
+    m_statistics.lastSecond = m_statistics.total.Since(m_atTick);
+    m_atTick = m_statistics.total;
+    TSEvent event;
+    event.receiver = &m_services;
+    event.type = MESSAGE_SECOND;
+    event.flag = true;
+    event.setWrappedData(m_statistics.lastSecond);
+    TCTask::Send(&event, false, false); // if there is no room, this second is not logged
 }
 
 void ParserTask::OnPrograms(const ProgramAssociation& programs)

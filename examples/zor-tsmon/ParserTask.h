@@ -4,11 +4,14 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "Messages.h"
 #include "Packet.h"
 #include "ServiceFinder.h"
+#include "StateAlarm.h"
+#include "Statistics.h"
 #include "Task.h"
 
 namespace tsmon {
@@ -25,17 +28,27 @@ struct ParserCounts
 
 /// Looks for tables in the packets of one queue, and counts those of both, tables first. What is
 /// found is logged and sent on.
+///
+/// Owns the statistics of the stream, and answers who asks for them. An alarm of its own has it
+/// send on what came in each second.
 class ParserTask : public TCMultiQTask, private TableSink
 {
  public:
-    /// @param services  gets MESSAGE_TABLE and, behind all of them, MESSAGE_END; must outlive the
-    ///                  task
+    /// @param services  gets MESSAGE_TABLE and MESSAGE_SECOND, and behind all tables MESSAGE_END;
+    ///                  must outlive the task
     explicit ParserTask(TCHandler& services) : m_services(services) {}
 
     /// Creates the task. EndTask() ends it.
     bool Start();
 
+    /// Asks for the statistics of what has been handled so far. Any thread but the task's own may
+    /// call while the task is created.
+    ///
+    /// @return nothing if the queue is full
+    std::optional<TickStatistics> AskStatistics();
+
     bool t_Create() override;
+    void t_Destroy() override;
     bool t_OnEvent(const TSEvent* event) override;
 
     /// How often the receiver of the tables had no room for one. Any thread may call.
@@ -45,11 +58,13 @@ class ParserTask : public TCMultiQTask, private TableSink
 
     const std::string& Failure() const { return m_failure; }
     const ParserCounts& Counts() const { return m_counts; }
+    const StreamStatistics& Statistics() const { return m_statistics.total; }
 
  private:
     void OnPackets(const TSEvent& event);
     void Find(const PacketBlock& block);
     void OnEnd(const TSEvent& event);
+    void OnTick();
 
     void OnPrograms(const ProgramAssociation& programs) override;
     void OnProgramMap(const ProgramMap& map) override;
@@ -65,6 +80,9 @@ class ParserTask : public TCMultiQTask, private TableSink
     std::unique_ptr<ServiceFinder> m_finder; ///< null after a failure
     std::string m_failure;
     ParserCounts m_counts;
+    TCStateAlarm m_alarm;
+    TickStatistics m_statistics;
+    StreamStatistics m_atTick; ///< the total at the last tick
 };
 
 } // namespace tsmon

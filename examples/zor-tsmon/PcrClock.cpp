@@ -9,7 +9,6 @@ namespace tsmon {
 namespace {
 
 constexpr std::uint8_t HAS_ADAPTATION_FIELD = 0x20;
-constexpr std::uint8_t DISCONTINUITY = 0x80;
 constexpr std::uint8_t HAS_PCR = 0x10;
 constexpr std::size_t PCR_FIELD_SIZE = 7; ///< flags and reference
 
@@ -24,11 +23,6 @@ constexpr std::uint64_t LONGEST_GAP = UINT64_C(5) * 1000 * 1000 * TICKS_PER_MICR
 constexpr int SILENCE = 100;
 
 constexpr std::chrono::seconds LONGEST_LAG(1);
-
-bool AnnouncesJump(const std::uint8_t* packet)
-{
-    return (packet[5] & DISCONTINUITY) != 0;
-}
 
 } // namespace
 
@@ -58,7 +52,8 @@ bool PcrClock::Push(const std::uint8_t* packet)
         return false;
     }
     const std::uint64_t ticks = (*pcr + PCR_RANGE - m_last) % PCR_RANGE;
-    const bool continuous = m_pid && followed && !AnnouncesJump(packet) && ticks <= LONGEST_GAP;
+    const bool continuous =
+        m_pid && followed && !AnnouncesDiscontinuity(packet) && ticks <= LONGEST_GAP;
     m_elapsed += continuous ? ticks : 0;
     m_pid = pid;
     m_last = *pcr;

@@ -3,6 +3,7 @@
 #include <exception>
 #include <utility>
 
+#include "CallbackTimer.h"
 #include "Log.h"
 
 namespace tsmon {
@@ -19,8 +20,9 @@ unsigned long long AsLogged(std::uint64_t number)
 
 } // namespace
 
-ReaderTask::ReaderTask(std::string path, bool realtime, TCMultiQTask& parser)
-    : m_path(std::move(path)), m_realtime(realtime), m_parser(parser)
+ReaderTask::ReaderTask(std::string path, bool realtime, TCMultiQTask& parser,
+                       std::chrono::milliseconds inputTimeout)
+    : m_path(std::move(path)), m_realtime(realtime), m_parser(parser), m_inputTimeout(inputTimeout)
 {}
 
 bool ReaderTask::Start()
@@ -39,6 +41,18 @@ void ReaderTask::StopReading()
     event.type = MESSAGE_STOP;
     event.flag = true;
     SendPatiently(event, true);
+}
+
+bool ReaderTask::t_Create()
+{
+    m_inputTimer = MakeTimer(*this, [this] { OnInputTimeout(); });
+    return true;
+}
+
+void ReaderTask::t_Destroy()
+{
+    m_inputTimer = TCTimer();
+    TCTask::t_Destroy();
 }
 
 bool ReaderTask::t_OnEvent(const TSEvent* event)
@@ -60,9 +74,16 @@ void ReaderTask::t_Idle()
     Step();
 }
 
+void ReaderTask::t_OnPause(const TSEvent* event)
+{
+    TCTask::t_OnPause(event);
+    m_inputTimer.Pause();
+}
+
 void ReaderTask::t_OnResume(const TSEvent* event)
 {
     TCTask::t_OnResume(event);
+    m_inputTimer.Resume();
     if (m_stepper) {
         m_stepper->RestartPace();
     }
@@ -96,18 +117,22 @@ bool ReaderTask::DoStep()
     const auto now = std::chrono::steady_clock::now();
     switch (m_failure.empty() ? m_stepper->Advance(now) : Stepper::Step::END) {
         case Stepper::Step::READ:
-            LogDamage();
+            OnRead();
             return true;
         case Stepper::Step::BATCH: {
             Batch batch = m_stepper->Take();
             m_unsent = ToParser(MESSAGE_PACKETS, batch.elementary ? QUEUE_STREAMS : QUEUE_TABLES);
-            m_unsent->setWrappedData(std::move(batch.packets));
+            m_unsent->setWrappedData(std::move(batch));
             return SendUnsent();
         }
         case Stepper::Step::END:
+            EndWaitForInput();
             m_unsent = ToParser(MESSAGE_END, QUEUE_STREAMS);
             return SendUnsent();
         default:
+            if (m_stepper->AwaitsInput()) {
+                AwaitInput();
+            }
             return false;
     }
 }
@@ -156,6 +181,48 @@ void ReaderTask::OnStop()
     } catch (const std::exception& error) {
         m_failure = error.what(); // the end follows
     }
+}
+
+void ReaderTask::OnRead()
+{
+    LogDamage();
+    const StreamCounts& counts = m_stepper->Counts();
+    const bool hasBytes = m_bytesRead.exchange(counts.bytes) != counts.bytes;
+    const std::uint64_t packets = counts.packets + counts.transportErrors;
+    const bool hasPackets = std::exchange(m_packetsRead, packets) != packets;
+    if (!hasBytes || !hasPackets) {
+        return; // neither bytes without packets nor packets that were held back end the wait
+    }
+    if (m_isInputLost) {
+        const std::chrono::duration<double> silence =
+            std::chrono::steady_clock::now() - m_waitingSince;
+        ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_WARN, "input is back after %.1f s", silence.count());
+    }
+    EndWaitForInput();
+}
+
+void ReaderTask::AwaitInput()
+{
+    if (!std::exchange(m_isAwaitingInput, true)) {
+        m_waitingSince = std::chrono::steady_clock::now();
+        m_inputTimer.Restart(m_inputTimeout, 1);
+    }
+}
+
+void ReaderTask::EndWaitForInput()
+{
+    if (std::exchange(m_isAwaitingInput, false)) {
+        m_inputTimer.Restart(m_inputTimeout, 0); // takes back a firing that is queued already
+        m_isInputLost = false;
+    }
+}
+
+void ReaderTask::OnInputTimeout()
+{
+    m_isInputLost = true;
+    ++m_inputLosses;
+    ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_WARN, "input lost: no packet for %.1f s",
+                   std::chrono::duration<double>(m_inputTimeout).count());
 }
 
 void ReaderTask::LogDamage()

@@ -1,26 +1,34 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 
 #include "Messages.h"
+#include "Options.h"
 #include "Stepper.h"
 #include "Task.h"
+#include "Timer.h"
 
 namespace tsmon {
 
 /// Reads a file into the queues of a parser, a step for each event that it sends itself, so that
 /// stop, pause and ping come in between any two. Where it has to wait (for room in a queue, for the
 /// stream's clock or for input) it sends itself nothing, and goes on when it is idle.
+///
+/// A timer runs while it waits for input, and reports a loss of input when it fires: once, until
+/// packets have come again. A pause halts the timer too.
 class ReaderTask : public TCTask
 {
  public:
     /// @param realtime  whether to read at the stream's own clock
     /// @param parser    gets MESSAGE_PACKETS, each in the queue of its kind, and behind all of them
     ///                  one MESSAGE_END in QUEUE_STREAMS; must outlive the task
-    ReaderTask(std::string path, bool realtime, TCMultiQTask& parser);
+    /// @param inputTimeout  how long input that is waited for may bring no packet
+    ReaderTask(std::string path, bool realtime, TCMultiQTask& parser,
+               std::chrono::milliseconds inputTimeout = DEFAULT_INPUT_TIMEOUT);
 
     /// Creates the task and has it begin. EndTask() ends it.
     bool Start();
@@ -29,12 +37,22 @@ class ReaderTask : public TCTask
     /// thread but the task's own may call while the task is created.
     void StopReading();
 
+    bool t_Create() override;
+    void t_Destroy() override;
     bool t_OnEvent(const TSEvent* event) override;
     void t_Idle() override;
+    void t_OnPause(const TSEvent* event) override;
     void t_OnResume(const TSEvent* event) override;
 
     /// How often a queue had no room for a block, or for the end. Any thread may call.
     std::uint64_t Refusals() const { return m_refusals; }
+
+    /// How many bytes have been read. Any thread may call.
+    std::uint64_t BytesRead() const { return m_bytesRead; }
+
+    /// How often input was lost, and whether it is now. Any thread may call.
+    std::uint64_t InputLosses() const { return m_inputLosses; }
+    bool IsInputLost() const { return m_isInputLost; }
 
     // What follows may be read while the task is paused, and once it has ended.
 
@@ -56,12 +74,25 @@ class ReaderTask : public TCTask
     void OnStop();
     void LogDamage();
 
+    void OnRead();
+    void AwaitInput();
+    void EndWaitForInput();
+    void OnInputTimeout();
+
     const std::string m_path;
     const bool m_realtime;
     TCMultiQTask& m_parser;
+    const std::chrono::milliseconds m_inputTimeout;
     std::atomic<std::uint64_t> m_refusals{0};
+    std::atomic<std::uint64_t> m_bytesRead{0}; ///< written by the task's thread, as are the next
+    std::atomic<std::uint64_t> m_inputLosses{0};
+    std::atomic<bool> m_isInputLost{false};
 
     // The task's thread's only while it runs.
+    TCTimer m_inputTimer; ///< runs while input is waited for
+    bool m_isAwaitingInput = false;
+    std::chrono::steady_clock::time_point m_waitingSince;
+    std::uint64_t m_packetsRead = 0;  ///< sound or not
     std::optional<Stepper> m_stepper; ///< from the first step on, if the file could be opened
     std::optional<TSEvent> m_unsent;  ///< made for the parser, not yet in its queue
     bool m_hasEnded = false;          ///< the end is with the parser

@@ -76,4 +76,12 @@ std::optional<std::uint16_t> ServiceTable::TransportStreamId() const
     return m_programs ? std::optional(m_programs->transportStreamId) : std::nullopt;
 }
 
+std::optional<std::uint16_t> ServiceTable::AnnouncedStreamId() const
+{
+    if (!m_programs && m_descriptions) {
+        return m_descriptions->transportStreamId;
+    }
+    return TransportStreamId();
+}
+
 } // namespace tsmon

@@ -36,6 +36,10 @@ class ServiceTable : public TableSink
     /// The stream's id; nothing before its association has been seen.
     std::optional<std::uint16_t> TransportStreamId() const;
 
+    /// The same, taken from the descriptions before the association has been seen. Known if there
+    /// are services.
+    std::optional<std::uint16_t> AnnouncedStreamId() const;
+
  private:
     std::optional<ProgramAssociation> m_programs;
     std::map<std::uint16_t, ProgramMap> m_maps; ///< of services in m_programs, by service id

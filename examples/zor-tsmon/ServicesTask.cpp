@@ -1,5 +1,10 @@
 #include "ServicesTask.h"
 
+#include <cstdio>
+
+#include "Log.h"
+#include "Statistics.h"
+
 namespace tsmon {
 
 namespace {
@@ -21,6 +26,16 @@ void Enter(ServiceTable& table, const ServiceDescriptions& descriptions)
     table.OnDescriptions(descriptions);
 }
 
+std::string RateText(const Figures& figures)
+{
+    if (!figures.bitRate) {
+        return "no clock";
+    }
+    char text[48];
+    std::snprintf(text, sizeof(text), "%.1f kbit/s", *figures.bitRate / 1000);
+    return text;
+}
+
 } // namespace
 
 bool ServicesTask::Start()
@@ -30,13 +45,7 @@ bool ServicesTask::Start()
 
 std::optional<ServiceTable> ServicesTask::Ask()
 {
-    ServiceTable answer;
-    TSEvent event;
-    event.receiver = this;
-    event.type = MESSAGE_ASK;
-    event.flag = true;
-    event.setWrappedData(&answer);
-    return Send(&event, true, false) ? std::optional(answer) : std::nullopt;
+    return tsmon::Ask<ServiceTable>(*this, false);
 }
 
 bool ServicesTask::t_OnEvent(const TSEvent* event)
@@ -46,7 +55,10 @@ bool ServicesTask::t_OnEvent(const TSEvent* event)
             OnTable(*event);
             return true;
         case MESSAGE_ASK:
-            OnAsk(*event);
+            Reply(*event, m_table);
+            return true;
+        case MESSAGE_SECOND:
+            OnSecond(*event);
             return true;
         case MESSAGE_END:
             m_done.Set();
@@ -63,12 +75,24 @@ void ServicesTask::OnTable(const TSEvent& event)
     }
 }
 
-void ServicesTask::OnAsk(const TSEvent& event) const
+void ServicesTask::OnSecond(const TSEvent& event) const
 {
-    using Place = ZORManagedEventData<ServiceTable*>;
-    if (const auto* place = dynamic_cast<Place*>(event.wrappedData.get())) {
-        *place->data = m_table; // the asker waits, so its place is there
+    using Attached = ZORManagedEventData<StreamStatistics>;
+    const auto* second = dynamic_cast<Attached*>(event.wrappedData.get());
+    if (second == nullptr) {
+        return;
     }
+    std::string services;
+    for (const Service& service : m_table.Services()) {
+        const Figures figures = FiguresOf(second->data, service);
+        services += "; " + std::to_string(service.id) + ": " + RateText(figures) + ", " +
+                    std::to_string(figures.continuityErrors) + " errors";
+    }
+    const Figures all = FiguresOfAll(second->data);
+    ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO,
+                   "last second: %llu packets, %s, %llu continuity errors%s",
+                   static_cast<unsigned long long>(all.packets), RateText(all).c_str(),
+                   static_cast<unsigned long long>(all.continuityErrors), services.c_str());
 }
 
 } // namespace tsmon

@@ -9,7 +9,8 @@
 
 namespace tsmon {
 
-/// Owns the table of services: is told of tables by events, and answers who asks.
+/// Owns the table of services: is told of tables by events, and answers who asks. It also logs the
+/// services' figures of each second.
 class ServicesTask : public TCTask
 {
  public:
@@ -29,7 +30,7 @@ class ServicesTask : public TCTask
 
  private:
     void OnTable(const TSEvent& event);
-    void OnAsk(const TSEvent& event) const;
+    void OnSecond(const TSEvent& event) const;
 
     Completion& m_done;
     ServiceTable m_table; ///< the task's thread's only

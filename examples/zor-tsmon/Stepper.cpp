@@ -17,6 +17,7 @@ Stepper::Stepper(const std::string& path, bool realtime) : m_file(path), m_realt
 
 Stepper::Step Stepper::Advance(Pacer::TimePoint now)
 {
+    m_awaitsInput = false;
     if (!m_batches.empty()) {
         const std::optional<std::chrono::microseconds> due = m_batches.front().due;
         return m_stopped || !due || m_pacer.IsDue(*due, now) ? Step::BATCH : Step::WAIT;
@@ -25,6 +26,7 @@ Stepper::Step Stepper::Advance(Pacer::TimePoint now)
         return Step::END;
     }
     if (!m_file.HasInput()) {
+        m_awaitsInput = true;
         return Step::WAIT;
     }
     PacketBlock block;
@@ -60,21 +62,25 @@ void Stepper::Sort(const PacketBlock& block)
     for (std::size_t index = 0; index < block.Count(); ++index) {
         const std::uint8_t* packet = block.Packet(index);
         if (m_realtime && PcrOf(packet)) {
-            Append(tables, false);
-            Append(streams, true);
+            Append(tables, streams);
             m_clock.Push(packet);
         }
+        m_meter.Push(packet);
         (m_sorter.IsElementary(packet) ? streams : tables).Append(packet);
     }
-    Append(tables, false);
-    Append(streams, true);
+    Append(tables, streams);
 }
 
-void Stepper::Append(PacketBlock& packets, bool elementary)
+void Stepper::Append(PacketBlock& tables, PacketBlock& streams)
 {
-    if (packets.Count() > 0) {
-        const auto due = m_clock.IsRunning() ? std::optional(m_clock.Time()) : std::nullopt;
-        m_batches.push_back({std::exchange(packets, {}), elementary, due});
+    const auto due = m_clock.IsRunning() ? std::optional(m_clock.Time()) : std::nullopt;
+    for (PacketBlock* packets : {&tables, &streams}) {
+        if (packets->Count() > 0) {
+            StreamStatistics statistics = m_meter.Take();
+            statistics.counts = m_file.Counts();
+            m_batches.push_back(
+                {std::exchange(*packets, {}), packets == &streams, due, std::move(statistics)});
+        }
     }
 }
 

@@ -6,9 +6,11 @@
 #include <optional>
 #include <string>
 
+#include "Batch.h"
 #include "Packet.h"
 #include "PacketFile.h"
 #include "PcrClock.h"
+#include "StreamMeter.h"
 
 namespace tsmon {
 
@@ -25,14 +27,6 @@ class StreamSorter
 
  private:
     std::bitset<0x2000> m_elementary; ///< by PID
-};
-
-/// Packets that are handed over together.
-struct Batch
-{
-    PacketBlock packets;
-    bool elementary = false;                      ///< of elementary streams, all of them; else none
-    std::optional<std::chrono::microseconds> due; ///< time of the stream's; nothing before it began
 };
 
 /// Reads a file in small steps that never wait, so that whoever takes them can be interrupted
@@ -58,6 +52,9 @@ class Stepper
     /// Does the next step. Throws InputError if reading fails.
     Step Advance(Pacer::TimePoint now);
 
+    /// Whether it was for input that the last step had to wait, and not for the clock.
+    bool AwaitsInput() const { return m_awaitsInput; }
+
     /// Hands over the batch that Advance() has just announced.
     Batch Take();
 
@@ -78,12 +75,14 @@ class Stepper
 
  private:
     void Sort(const PacketBlock& block);
-    void Append(PacketBlock& packets, bool elementary);
+    void Append(PacketBlock& tables, PacketBlock& streams);
 
     PacketFile m_file;
     const bool m_realtime;
     bool m_ended = false;
     bool m_stopped = false;
+    bool m_awaitsInput = false;
+    StreamMeter m_meter;
     StreamSorter m_sorter;
     PcrClock m_clock;
     Pacer m_pacer;

@@ -59,7 +59,7 @@ std::vector<std::string> EnvironmentWith(const std::string& log)
     std::vector<std::string> environment = {"ZOR_DLOG=" + log};
     for (char** each = environ; *each != nullptr; ++each) {
         const std::string variable = *each;
-        if (variable.rfind("ZOR_DLOG=", 0) != 0) {
+        if (variable.rfind("ZOR_DLOG=", 0) != 0 && variable.rfind("COLUMNS=", 0) != 0) {
             environment.push_back(variable);
         }
     }

@@ -46,6 +46,69 @@ TEST(OptionsTest, RealtimeIsOffUnlessAskedFor)
     EXPECT_EQ(realtime.options->file, "a.ts");
 }
 
+TEST(OptionsTest, DefaultsAreATableAtTheEnd)
+{
+    const CommandLine line = Read({"a.ts"});
+    ASSERT_TRUE(line.options.has_value());
+    EXPECT_EQ(line.options->format, tsmon::Format::TEXT);
+    EXPECT_EQ(line.options->every.count(), 0);
+    EXPECT_EQ(line.options->inputTimeout, std::chrono::seconds(5));
+    EXPECT_EQ(line.options->InputName(), "a.ts");
+}
+
+TEST(OptionsTest, ValuesAreTaken)
+{
+    const CommandLine line = Read({"--every", "86400", "--input-timeout=1", "--format=text", "-"});
+    ASSERT_TRUE(line.options.has_value()) << line.error;
+    EXPECT_EQ(line.options->every, std::chrono::seconds(86400));
+    EXPECT_EQ(line.options->inputTimeout, std::chrono::seconds(1));
+    EXPECT_EQ(line.options->format, tsmon::Format::TEXT);
+    EXPECT_EQ(line.options->InputName(), "standard input");
+    const CommandLine json = Read({"--format", "json", "a.ts"});
+    ASSERT_TRUE(json.options.has_value()) << json.error;
+    EXPECT_EQ(json.options->format, tsmon::Format::JSON);
+}
+
+TEST(OptionsTest, UnknownFormatIsNamedWithThoseThatThereAre)
+{
+    for (const char* format : {"xml", "JSON", ""}) {
+        const CommandLine line = Read({"--format", format, "a.ts"});
+        ExpectRefused(line);
+        EXPECT_THAT(line.error, HasSubstr("--format: '" + std::string(format) +
+                                          "' is no format; there are text and json"));
+    }
+}
+
+TEST(OptionsTest, SecondsThatAreNoneAreNamedWithTheirRange)
+{
+    for (const char* option : {"--every", "--input-timeout"}) {
+        for (const char* value : {"0", "86401", "1.5", "soon", "", "5s", "99999999999"}) {
+            const CommandLine line = Read({option, value, "a.ts"});
+            ExpectRefused(line);
+            EXPECT_THAT(line.error, HasSubstr(std::string(option) + ": '" + value +
+                                              "' is not a number of seconds from 1 to 86400"));
+        }
+        const std::string negative = std::string(option) + "=-1";
+        ExpectRefused(Read({negative.c_str(), "a.ts"}));
+    }
+}
+
+TEST(OptionsTest, OptionWithoutItsValueIsNamed)
+{
+    for (const char* option : {"--every", "--input-timeout", "--format"}) {
+        const CommandLine line = Read({"a.ts", option});
+        ExpectRefused(line);
+        EXPECT_THAT(line.error, HasSubstr(option));
+    }
+}
+
+TEST(OptionsTest, RepeatedTablesAndOneDocumentExcludeEachOther)
+{
+    const CommandLine line = Read({"--format", "json", "--every", "5", "a.ts"});
+    ExpectRefused(line);
+    EXPECT_THAT(line.error, HasSubstr("--every: cannot be had with --format json"));
+}
+
 TEST(OptionsTest, FileMayLookLikeAnOptionBehindTwoDashes)
 {
     const CommandLine line = Read({"--", "-x.ts"});
@@ -81,9 +144,11 @@ TEST(OptionsTest, HelpExplainsTheProgram)
         EXPECT_FALSE(line.options.has_value());
         EXPECT_EQ(line.exitCode, 0);
         EXPECT_EQ(line.error, "");
-        for (const char* text : {"Usage: zor-tsmon [OPTIONS] FILE", "--version", "--realtime",
-                                 "Exit codes:", "Signals:", "SIGINT", "SIGTERM", "SIGUSR1",
-                                 "SIGUSR2", "Examples:", "ZOR_DLOG", "/tmp/.zor-daemon.pid"}) {
+        for (const char* text :
+             {"Usage: zor-tsmon [OPTIONS] FILE", "--version", "--realtime", "--every N",
+              "--format text|json (default: text)", "--input-timeout N (default: 5)", "seconds",
+              "kbit", "COLUMNS", "Exit codes:", "Signals:", "SIGINT", "SIGTERM", "SIGUSR1",
+              "SIGUSR2", "Examples:", "ZOR_DLOG", "/tmp/.zor-daemon.pid"}) {
             EXPECT_THAT(line.output, HasSubstr(text));
         }
     }

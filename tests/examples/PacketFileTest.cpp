@@ -130,4 +130,51 @@ TEST(PacketFileTest, StoppedFileGivesWhatItHeldBack)
     EXPECT_EQ(file.Counts().Damaged(), 0U);
 }
 
+/// Makes a file the process's standard input for as long as it lives.
+class StandardInput
+{
+ public:
+    explicit StandardInput(const std::string& path) : m_before(dup(STDIN_FILENO))
+    {
+        const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        EXPECT_GE(dup2(file, STDIN_FILENO), 0);
+        close(file);
+    }
+
+    ~StandardInput()
+    {
+        dup2(m_before, STDIN_FILENO);
+        close(m_before);
+    }
+
+    StandardInput(const StandardInput&) = delete;
+    StandardInput& operator=(const StandardInput&) = delete;
+
+ private:
+    int m_before;
+};
+
+TEST(PacketFileTest, DashIsStandardInput)
+{
+    const made::TempDirectory directory;
+    const made::Bytes packets = made::PlainPackets(10);
+    const StandardInput input(directory.Write("a.ts", packets));
+    tsmon::PacketFile file(tsmon::STANDARD_INPUT);
+    tsmon::PacketBlock block;
+    while (file.Read(block)) {
+    }
+    EXPECT_EQ(file.Counts().packets, 10U);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFL) & O_NONBLOCK, 0) << "who shares it still waits";
+    EXPECT_EQ(tsmon::SizeOf(tsmon::STANDARD_INPUT), packets.size());
+}
+
+TEST(PacketFileTest, SizeIsKnownOfRegularFilesOnly)
+{
+    const made::TempDirectory directory;
+    EXPECT_EQ(tsmon::SizeOf(directory.Write("a.ts", made::PlainPackets(3))),
+              3 * tsmon::PACKET_SIZE);
+    EXPECT_FALSE(tsmon::SizeOf(directory.Path("")).has_value());
+    EXPECT_FALSE(tsmon::SizeOf(directory.Path("missing")).has_value());
+}
+
 } // namespace

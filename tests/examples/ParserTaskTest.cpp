@@ -7,8 +7,10 @@
 #include <thread>
 #include <vector>
 
+#include "Batch.h"
 #include "ReaderTask.h"
 #include "ServicesTask.h"
+#include "StreamMeter.h"
 #include "TaskFixture.h"
 
 namespace {
@@ -16,7 +18,7 @@ namespace {
 using made::Bytes;
 using made::ElementaryPackets;
 using made::PlainPackets;
-using tsmon::PacketBlock;
+using tsmon::Batch;
 using tsmon::ParserTask;
 using tsmon::ServicesTask;
 using zortest::Eventually;
@@ -27,13 +29,16 @@ constexpr std::uint16_t PID = 0x101;
 constexpr std::size_t MANY_PACKETS = 300 * 64;
 constexpr std::size_t ROOM = 240; ///< of a queue
 
-PacketBlock BlockOf(const Bytes& packets)
+Batch BatchOf(const Bytes& packets)
 {
-    PacketBlock block;
+    Batch batch;
+    tsmon::StreamMeter meter;
     for (std::size_t begin = 0; begin < packets.size(); begin += tsmon::PACKET_SIZE) {
-        block.Append(packets.data() + begin);
+        batch.packets.Append(packets.data() + begin);
+        meter.Push(packets.data() + begin);
     }
-    return block;
+    batch.statistics = meter.Take();
+    return batch;
 }
 
 /// @p count associations, each with a new version; the stream's id is the association's number.
@@ -82,7 +87,7 @@ class ParserTaskTest : public testing::Test
         event.receiver = &m_parser;
         event.type = type;
         event.param1 = queue;
-        event.setWrappedData(BlockOf(packets));
+        event.setWrappedData(BatchOf(packets));
         return TCMultiQTask::Send(&event, false, false, queue);
     }
 
@@ -162,7 +167,7 @@ TEST_F(ParserTaskTest, TablesAreHandledBeforeStreamsThatCameFirst)
         event.receiver = &parser;
         event.type = tsmon::MESSAGE_PACKETS;
         event.param1 = queue;
-        event.setWrappedData(BlockOf(PlainPackets(1)));
+        event.setWrappedData(BatchOf(PlainPackets(1)));
         EXPECT_TRUE(TCMultiQTask::Send(&event, false, false, queue));
     }
     TSEvent end;
@@ -245,6 +250,47 @@ TEST_F(ParserTaskTest, SlowParserHandlesEveryPacketThatWasRead)
     EXPECT_EQ(m_parser.Counts().streamPackets, MANY_PACKETS);
     EXPECT_EQ(m_parser.Counts().perPid.at(0x100), MANY_PACKETS);
     EXPECT_EQ(m_parser.Counts().perPid.at(PID), MANY_PACKETS);
+}
+
+TEST_F(ParserTaskTest, StatisticsAreThoseOfAllPacketsThatWereHandled)
+{
+    Start();
+    const Bytes first = ElementaryPackets(PID, 3);
+    Bytes second = ElementaryPackets(PID, 5);
+    second.erase(second.begin() + tsmon::PACKET_SIZE, second.begin() + 2 * tsmon::PACKET_SIZE);
+    SendPackets(first, tsmon::QUEUE_STREAMS);
+    SendPackets(second, tsmon::QUEUE_STREAMS);
+    SendPackets(PlainPackets(2), tsmon::QUEUE_TABLES);
+    SendEnd();
+    ASSERT_TRUE(AwaitEnd());
+    const std::optional<tsmon::TickStatistics> statistics = m_parser.AskStatistics();
+    ASSERT_TRUE(statistics.has_value());
+    EXPECT_EQ(statistics->total.pids.at(PID).packets, 7U);
+    EXPECT_EQ(statistics->total.pids.at(PID).continuityErrors, 1U);
+    EXPECT_EQ(statistics->total.pids.at(0x100).packets, 2U);
+    tsmon::EndTask(m_parser);
+    EXPECT_EQ(m_parser.Statistics().pids.at(PID).packets, 7U);
+}
+
+TEST_F(ParserTaskTest, AlarmTicksTheStatisticsOncePerSecond)
+{
+    Start();
+    SendPackets(ElementaryPackets(PID, 7), tsmon::QUEUE_STREAMS);
+    const auto packetsOfLastSecond = [this] {
+        const std::optional<tsmon::TickStatistics> statistics = m_parser.AskStatistics();
+        EXPECT_TRUE(statistics.has_value());
+        return FiguresOfAll(statistics->lastSecond).packets;
+    };
+    EXPECT_TRUE(Eventually([&] { return packetsOfLastSecond() == 7; }));
+    EXPECT_TRUE(Eventually([&] { return packetsOfLastSecond() == 0; })) << "nothing came since";
+    EXPECT_EQ(m_parser.AskStatistics()->total.pids.at(PID).packets, 7U);
+}
+
+TEST_F(ParserTaskTest, SecondsReachTheServices)
+{
+    m_services.GateAt(tsmon::MESSAGE_SECOND);
+    Start();
+    EXPECT_TRUE(m_services.AwaitArrival());
 }
 
 TEST_F(ParserTaskTest, AskersGetTheTableWhileItGrows)

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <thread>
+
+#include "Pipe.h"
 #include "TaskFixture.h"
 
 namespace {
@@ -38,10 +41,11 @@ class ReaderTaskTest : public testing::Test
         StartOn(m_directory.Write("a.ts", stream), realtime);
     }
 
-    void StartOn(const std::string& path, bool realtime)
+    void StartOn(const std::string& path, bool realtime,
+                 std::chrono::milliseconds inputTimeout = tsmon::DEFAULT_INPUT_TIMEOUT)
     {
         ASSERT_TRUE(m_parser.Start());
-        m_reader.emplace(path, realtime, m_parser);
+        m_reader.emplace(path, realtime, m_parser, inputTimeout);
         ASSERT_TRUE(m_reader->Start());
     }
 
@@ -197,6 +201,84 @@ TEST_F(ReaderTaskTest, FileThatCannotBeOpenedIsAFailureAndTheEnd)
     End();
     EXPECT_EQ(m_reader->Failure(), "cannot be opened: No such file or directory");
     EXPECT_EQ(m_parser.Ends(), 1);
+}
+
+/// A reader of a pipe, which nobody has written to, that soon takes its input for lost.
+class SilentInputTest : public ReaderTaskTest
+{
+ protected:
+    SilentInputTest()
+    {
+        m_parser.OpenGate();
+        StartOn(m_path, false, TIMEOUT);
+    }
+
+    bool AwaitLosses(std::uint64_t number)
+    {
+        return Eventually(
+            [&] { return m_reader->InputLosses() == number && m_reader->IsInputLost(); });
+    }
+
+    static constexpr std::chrono::milliseconds TIMEOUT{20};
+
+    const std::string m_path = m_directory.Path("pipe");
+    made::Pipe m_pipe{m_path};
+};
+
+TEST_F(SilentInputTest, LossIsReportedOnce)
+{
+    ASSERT_TRUE(AwaitLosses(1));
+    const auto until = std::chrono::steady_clock::now() + 10 * TIMEOUT;
+    while (std::chrono::steady_clock::now() < until) {
+        ASSERT_EQ(m_reader->InputLosses(), 1U);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+TEST_F(SilentInputTest, PacketsEndTheLossAndTheNextSilenceIsAnother)
+{
+    for (std::uint64_t loss = 1; loss <= 3; ++loss) {
+        ASSERT_TRUE(AwaitLosses(loss));
+        m_pipe.Write(PlainPackets(30));
+    }
+    EXPECT_TRUE(Eventually([this] { return m_reader->BytesRead() == 3 * 30 * PACKET_SIZE; }));
+}
+
+TEST_F(SilentInputTest, BytesWithoutPacketsDoNotEndTheLoss)
+{
+    ASSERT_TRUE(AwaitLosses(1));
+    m_pipe.Write(Bytes(5000, 0xAA));
+    EXPECT_TRUE(Eventually([this] { return m_reader->BytesRead() == 5000; }));
+    EXPECT_TRUE(TCTask::Ping(&*m_reader, 60 * 1000)) << "what was read has been handled";
+    EXPECT_TRUE(m_reader->IsInputLost());
+    EXPECT_EQ(m_reader->InputLosses(), 1U);
+}
+
+TEST_F(SilentInputTest, EndOfTheInputEndsTheLoss)
+{
+    ASSERT_TRUE(AwaitLosses(1));
+    m_pipe.Close();
+    EXPECT_TRUE(m_parser.AwaitEnd());
+    End();
+    EXPECT_FALSE(m_reader->IsInputLost());
+    EXPECT_EQ(m_reader->Failure(), "");
+}
+
+TEST_F(SilentInputTest, StopEndsTheWaitThoughInputIsLost)
+{
+    ASSERT_TRUE(AwaitLosses(1));
+    m_reader->StopReading();
+    EXPECT_TRUE(m_parser.AwaitEnd());
+}
+
+TEST_F(ReaderTaskTest, WaitForTheClockIsNoLossOfInput)
+{
+    m_parser.OpenGate();
+    const Bytes stream =
+        PcrPacket(PID, 0) + PlainPackets(1) + PcrPacket(PID, SECOND / 2) + PlainPackets(1);
+    StartOn(m_directory.Write("a.ts", stream), true, std::chrono::milliseconds(20));
+    EXPECT_TRUE(m_parser.AwaitEnd());
+    EXPECT_EQ(m_reader->InputLosses(), 0U);
 }
 
 } // namespace

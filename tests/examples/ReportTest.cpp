@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 namespace {
@@ -28,9 +29,10 @@ class ReportTest : public testing::Test
             {7, 0, 0, {{1, "Новости", "新聞"}, {3, "", "Maker"}, {65535, "Far", "Maker"}}});
     }
 
-    int Report() { return tsmon::Report("a.ts", m_outcome, m_out, m_err); }
+    int Report() { return tsmon::Report("a.ts", m_outcome, m_style, m_out, m_err); }
 
     Outcome m_outcome;
+    tsmon::ReportStyle m_style;
     std::ostringstream m_out;
     std::ostringstream m_err;
 };
@@ -42,13 +44,22 @@ TEST_F(ReportTest, SoundStreamIsPrintedAsATable)
     EXPECT_EQ(m_err.str(), "");
     EXPECT_EQ(m_out.str(),
               "Transport stream 7: 4 services in 10 packets\n"
+              "No clock to measure bit rates by, 0 continuity errors\n"
               "\n"
-              "SERVICE  NAME     PROVIDER  PMT PID  STREAM  TYPE\n"
-              "      1  Новости  新聞       0x0100  0x0101  H.264 video (0x1b)\n"
-              "                                     0x0102  AAC audio (0x0f), deu\n"
-              "      2  -        -          0x0200       -  no PMT\n"
-              "      3  -        Maker      0x0300       -  no elementary streams\n"
-              "  65535  Far      Maker           -       -  not in the PAT\n");
+              "SERVICE  NAME                   PROVIDER     PID  PACKETS  KBIT/S  ERRORS\n"
+              "      1  Новости                新聞      0x0100        0       -       0\n"
+              "         0x2000010000801C00 (cT:dtv,sP:dvb,cN:0,mj:7,mn:0,pN:1)\n"
+              "         H.264 video (0x1b)               0x0101        0       -       0\n"
+              "         AAC audio (0x0f), deu            0x0102        0       -       0\n"
+              "      2  -                      -         0x0200        0       -       0\n"
+              "         0x2000010001001C00 (cT:dtv,sP:dvb,cN:0,mj:7,mn:0,pN:2)\n"
+              "         no PMT\n"
+              "      3  -                      Maker     0x0300        0       -       0\n"
+              "         0x2000010001801C00 (cT:dtv,sP:dvb,cN:0,mj:7,mn:0,pN:3)\n"
+              "         no elementary streams\n"
+              "  65535  Far                    Maker          -        0       -       0\n"
+              "         0x2000017FFF801C00 (cT:dtv,sP:dvb,cN:0,mj:7,mn:0,pN:65535)\n"
+              "         not in the PAT\n");
 }
 
 TEST_F(ReportTest, DamageIsCountedBehindTheTable)
@@ -134,8 +145,9 @@ TEST_F(ReportTest, RunStoppedBeforeTheFirstTableIsNoError)
     EXPECT_EQ(Report(), 0);
     EXPECT_EQ(m_err.str(), "");
     EXPECT_EQ(m_out.str(),
-              "Transport stream without a PAT: 0 services in 0 packets, stopped by a signal\n\n"
-              "SERVICE  NAME  PROVIDER  PMT PID  STREAM  TYPE\n");
+              "Transport stream without a PAT: 0 services in 0 packets, stopped by a signal\n"
+              "No clock to measure bit rates by, 0 continuity errors\n\n"
+              "SERVICE  NAME  PROVIDER  PID  PACKETS  KBIT/S  ERRORS\n");
 }
 
 TEST_F(ReportTest, DamageBeforeTheStopIsAnError)
@@ -144,6 +156,30 @@ TEST_F(ReportTest, DamageBeforeTheStopIsAnError)
     m_outcome.stopped = true;
     m_outcome.counts.lostSync = 2;
     EXPECT_EQ(Report(), 1);
+    EXPECT_NE(m_err.str().find("2 damaged packets"), std::string::npos);
+}
+
+TEST_F(ReportTest, JsonIsPrintedEvenIfNothingCouldBeRead)
+{
+    m_style.format = tsmon::Format::JSON;
+    m_outcome = {};
+    m_outcome.failure = "cannot be opened: No such file or directory";
+    EXPECT_EQ(Report(), 1);
+    const auto document = nlohmann::json::parse(m_out.str());
+    EXPECT_EQ(document["failure"], m_outcome.failure);
+    EXPECT_EQ(document["services"].size(), 0U);
+    EXPECT_EQ(m_err.str(), "zor-tsmon: a.ts: cannot be opened: No such file or directory\n");
+}
+
+TEST_F(ReportTest, JsonTakesThePlaceOfTheTable)
+{
+    m_style.format = tsmon::Format::JSON;
+    AddServices();
+    m_outcome.counts.lostSync = 2;
+    EXPECT_EQ(Report(), 1);
+    const auto document = nlohmann::json::parse(m_out.str());
+    EXPECT_EQ(document["services"].size(), 4U);
+    EXPECT_EQ(document["damagedPackets"]["total"], 2);
     EXPECT_NE(m_err.str().find("2 damaged packets"), std::string::npos);
 }
 

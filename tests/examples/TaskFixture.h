@@ -4,6 +4,7 @@
 
 #include <mutex>
 
+#include "Batch.h"
 #include "Messages.h"
 #include "Packet.h"
 #include "StreamBuilder.h"
@@ -79,15 +80,15 @@ class CollectingParser : public TCMultiQTask
             ++m_ends;
             return true;
         }
-        auto* data =
-            dynamic_cast<ZORManagedEventData<tsmon::PacketBlock>*>(event->wrappedData.get());
+        auto* data = dynamic_cast<ZORManagedEventData<tsmon::Batch>*>(event->wrappedData.get());
         if (event->type != tsmon::MESSAGE_PACKETS || data == nullptr) {
             return TCMultiQTask::t_OnEvent(event);
         }
         EXPECT_EQ(m_ends, 0) << "nothing comes behind the end";
-        const std::uint8_t* first = data->data.Packet(0);
+        const tsmon::PacketBlock& packets = data->data.packets;
+        const std::uint8_t* first = packets.Packet(0);
         Bytes& kept = event->param1 == tsmon::QUEUE_STREAMS ? m_streams : m_tables;
-        kept.insert(kept.end(), first, first + data->data.Count() * tsmon::PACKET_SIZE);
+        kept.insert(kept.end(), first, first + packets.Count() * tsmon::PACKET_SIZE);
         return true;
     }
 

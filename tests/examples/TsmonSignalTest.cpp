@@ -1,15 +1,13 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <thread>
 
 #include "DaemonRun.h"
+#include "Pipe.h"
 #include "StreamBuilder.h"
 #include "TempDirectory.h"
 #include "Wait.h"
@@ -20,6 +18,7 @@ using made::Bytes;
 using made::Daemon;
 using made::Ended;
 using made::PcrPacket;
+using made::Pipe;
 using made::RunDaemon;
 using testing::ContainsRegex;
 using testing::HasSubstr;
@@ -35,9 +34,11 @@ constexpr std::uint64_t SECOND = 27 * 1000 * 1000;
 /// to two seconds of it.
 constexpr std::chrono::seconds AT_ONCE(15);
 
+/// The lines of the service and its stream, without the figures.
 constexpr const char* TABLE =
-    "SERVICE  NAME  PROVIDER  PMT PID  STREAM  TYPE\n"
-    "      1  One   Maker      0x0100  0x0101  H.264 video (0x1b)\n";
+    "      1  One                 Maker     0x0100 .*\n"
+    "         0x2000010000801C00 .cT:dtv,sP:dvb,cN:0,mj:7,mn:0,pN:1.\n"
+    "         H.264 video .0x1b.            0x0101 ";
 
 Bytes Tables(made::TableBuilder& builder)
 {
@@ -56,48 +57,6 @@ Bytes StreamOf(int seconds)
     }
     return stream;
 }
-
-/// The write end of a pipe that a daemon reads, kept open until Close().
-class Pipe
-{
- public:
-    explicit Pipe(const std::string& path)
-    {
-        EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
-        // For both directions, so that the opening waits for nobody.
-        m_file = open(path.c_str(), O_RDWR | O_CLOEXEC);
-        EXPECT_GE(m_file, 0);
-    }
-
-    ~Pipe() { Close(); }
-
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-
-    /// @p bytes must fit into the pipe.
-    void Write(const Bytes& bytes) const
-    {
-        EXPECT_EQ(write(m_file, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    }
-
-    std::size_t Unread() const
-    {
-        int count = 0;
-        EXPECT_EQ(ioctl(m_file, FIONREAD, &count), 0);
-        return static_cast<std::size_t>(count);
-    }
-
-    void Close()
-    {
-        if (m_file >= 0) {
-            close(m_file);
-        }
-        m_file = -1;
-    }
-
- private:
-    int m_file = -1;
-};
 
 class TsmonSignalTest : public testing::Test
 {
@@ -118,8 +77,8 @@ class TsmonSignalTest : public testing::Test
         EXPECT_LT(std::chrono::steady_clock::now() - start, AT_ONCE);
         EXPECT_EQ(ended.exitCode, 0) << ended.error;
         EXPECT_THAT(ended.output, ContainsRegex("Transport stream 7: 1 service in 64 packets, "
-                                                "stopped by a signal\n\n"));
-        EXPECT_THAT(ended.output, HasSubstr(TABLE));
+                                                "stopped by a signal\n"));
+        EXPECT_THAT(ended.output, ContainsRegex(TABLE));
         EXPECT_THAT(ended.error, HasSubstr(std::string("stopped by signal ") + signal));
         EXPECT_THAT(ended.error, HasSubstr("64 packets handled"));
         EXPECT_THAT(ended.error, Not(HasSubstr("zor-tsmon:")));
@@ -207,7 +166,7 @@ TEST_F(TsmonSignalTest, RealtimeRunGivesTheSameTableAsAFastOne)
     const Ended ended = RunDaemon({"--realtime", m_directory.Write("short.ts", stream)});
     EXPECT_EQ(ended.exitCode, 0) << ended.error;
     EXPECT_EQ(ended.output, OutputOf(stream));
-    EXPECT_THAT(ended.output, HasSubstr(TABLE));
+    EXPECT_THAT(ended.output, ContainsRegex(TABLE));
     EXPECT_EQ(ended.error, "");
 }
 
@@ -227,7 +186,7 @@ TEST_F(TsmonSignalTest, RealtimeWithoutAClockSaysSoAndReadsAtFullSpeed)
         m_directory.Write("clockless.ts", Tables(builder) + made::PlainPackets(30));
     const Ended ended = RunDaemon({"--realtime", path});
     EXPECT_EQ(ended.exitCode, 0);
-    EXPECT_THAT(ended.output, HasSubstr(TABLE));
+    EXPECT_THAT(ended.output, ContainsRegex(TABLE));
     EXPECT_THAT(ended.output, Not(HasSubstr("stopped")));
     EXPECT_EQ(ended.error,
               "zor-tsmon: " + path + ": carries no PCR to play it by: read at full speed\n");

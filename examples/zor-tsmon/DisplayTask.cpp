@@ -1,0 +1,101 @@
+#include "DisplayTask.h"
+
+#include <unistd.h>
+
+#include <chrono>
+
+#include "CallbackTimer.h"
+#include "PacketFile.h"
+#include "TableReport.h"
+#include "Terminal.h"
+
+namespace tsmon {
+
+namespace {
+
+constexpr unsigned int IDLE_MSEC = 1000;
+constexpr std::chrono::milliseconds REDRAW_INTERVAL{200};
+
+/// It writes to terminals and pipes, which may keep it waiting for as long as they like.
+constexpr unsigned long UNSUPERVISED = 0;
+
+} // namespace
+
+DisplayTask::DisplayTask(const Options& options, const ShownTasks& shown, std::ostream& tables,
+                         ProgressLine& progress)
+    : m_options(options), m_shown(shown), m_tables(tables), m_progress(progress)
+{}
+
+bool DisplayTask::Start()
+{
+    return Create("TsDisplay", IDLE_MSEC, STACK_SIZE, UNSUPERVISED);
+}
+
+bool DisplayTask::t_Create()
+{
+    if (m_progress.IsVisible()) {
+        m_size = SizeOf(m_options.file);
+        m_progressTimer = MakeTimer(*this, [this] { DrawProgress(); });
+        m_progressTimer.Restart(REDRAW_INTERVAL, ITimer::INFINITE_FIRE);
+        DrawProgress();
+    }
+    if (m_options.every.count() > 0) {
+        m_tableTimer = MakeTimer(*this, [this] { PrintTableAgain(); });
+        m_tableTimer.Restart(m_options.every, ITimer::INFINITE_FIRE);
+    }
+    return true;
+}
+
+void DisplayTask::t_Destroy()
+{
+    m_progressTimer = TCTimer();
+    m_tableTimer = TCTimer();
+    m_progress.Clear();
+    TCTask::t_Destroy();
+}
+
+void DisplayTask::DrawProgress()
+{
+    const std::optional<ServiceTable> table = m_shown.services.Ask();
+    const std::optional<TickStatistics> statistics = m_shown.parser.AskStatistics();
+    if (!table || !statistics) {
+        return; // one of them is busy; the next firing comes soon
+    }
+    Progress progress;
+    progress.name = m_options.InputName();
+    progress.bytes = m_shown.reader.BytesRead();
+    progress.size = m_size;
+    progress.services = table->Services().size();
+    progress.bitRate = FiguresOfAll(statistics->lastSecond).bitRate;
+    progress.continuityErrors = FiguresOfAll(statistics->total).continuityErrors;
+    progress.isInputLost = m_shown.reader.IsInputLost();
+    m_progress.Draw(progress);
+}
+
+void DisplayTask::PrintTableAgain()
+{
+    std::optional<ServiceTable> table = m_shown.services.Ask();
+    std::optional<TickStatistics> statistics = m_shown.parser.AskStatistics();
+    if (!table || !statistics) {
+        return;
+    }
+    Outcome outcome;
+    outcome.counts = statistics->total.counts;
+    outcome.table = *std::move(table);
+    outcome.statistics = std::move(statistics->total);
+    outcome.inputLosses = m_shown.reader.InputLosses();
+    if (m_options.realtime) {
+        outcome.lastSecond = std::move(statistics->lastSecond);
+    }
+    const auto print = [&] {
+        PrintTable(outcome, WidthOf(STDOUT_FILENO), m_tables);
+        m_tables << std::endl; // an empty line, and all of it goes out now
+    };
+    if (isatty(STDOUT_FILENO) == 1) {
+        m_progress.Around(print);
+    } else {
+        print(); // a pipe may be full for long, which must not hold up who wants to log
+    }
+}
+
+} // namespace tsmon

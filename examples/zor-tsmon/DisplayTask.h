@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <ostream>
+#include <string>
+
+#include "Options.h"
+#include "Outcome.h"
+#include "ParserTask.h"
+#include "ProgressLine.h"
+#include "ReaderTask.h"
+#include "ServicesTask.h"
+#include "Task.h"
+#include "Timer.h"
+
+namespace tsmon {
+
+/// Who knows what is to be shown.
+struct ShownTasks
+{
+    const ReaderTask& reader;
+    ParserTask& parser;
+    ServicesTask& services;
+};
+
+/// Shows on the way how far the reading has come: timers have it redraw the progress line and
+/// repeat the table. It owns nothing that it shows, but asks for it.
+class DisplayTask : public TCTask
+{
+ public:
+    /// The tasks, the stream and the line must outlive the task; its thread uses them until it has
+    /// ended.
+    DisplayTask(const Options& options, const ShownTasks& shown, std::ostream& tables,
+                ProgressLine& progress);
+
+    /// Whether there is anything to show on the way.
+    bool IsNeeded() const { return m_progress.IsVisible() || m_options.every.count() > 0; }
+
+    /// Creates the task. EndTask() ends it, and with it the line is gone.
+    bool Start();
+
+    bool t_Create() override;
+    void t_Destroy() override;
+
+ private:
+    void DrawProgress();
+    void PrintTableAgain();
+
+    const Options& m_options;
+    const ShownTasks m_shown;
+    std::ostream& m_tables;
+    ProgressLine& m_progress;
+
+    // The task's thread's only while it runs.
+    std::optional<std::uint64_t> m_size; ///< of the file
+    TCTimer m_progressTimer;
+    TCTimer m_tableTimer;
+};
+
+} // namespace tsmon

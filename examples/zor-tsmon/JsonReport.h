@@ -1,0 +1,16 @@
+#pragma once
+
+#include <ostream>
+#include <string>
+
+#include "Outcome.h"
+
+namespace tsmon {
+
+/// Prints what was found and counted as one JSON document, and a line end.
+///
+/// Bit rates are bits per second of the stream's clock; what is not known is null. Texts that are
+/// no UTF-8 are made so: what is wrong in them becomes U+FFFD.
+void PrintJson(const std::string& path, const Outcome& outcome, std::ostream& out);
+
+} // namespace tsmon
