@@ -29,7 +29,10 @@ class ZOR_CORE_API TCAlarm : protected TCThread, public TCHandler
         EVENT_ALARM = 0,
     };
 
+    /// Runs around t_OnAlarm(), on the task's thread, with the context that it was set with.
     using EventCallback = bool (*)(const TSEvent*, const void*);
+
+    /// The same as an object; the alarm keeps a copy.
     using Callback = std::function<bool(const TSEvent*)>;
 
     /// An interval that never passes, and a count that never runs out.
@@ -97,8 +100,11 @@ class ZOR_CORE_API TCAlarm : protected TCThread, public TCHandler
     bool GetEventCallback(int type, EventCallback* before, EventCallback* after,
                           const void** context);
 
-    /// Sets a callback; an empty one clears it.
+    /// Sets the callback before t_OnAlarm(), in place of the one from SetEventCallback(); an empty
+    /// one clears it. The alarm need not be created; no lock guards it.
     void SetCallbackBefore(Callback callback);
+
+    /// The same for the callback after t_OnAlarm().
     void SetCallbackAfter(Callback callback);
 
     /// Runs callbacks and hook for one firing, on the task's thread. Asserts "event != NULL".

@@ -15,7 +15,9 @@ class ZOR_CORE_API TCDebugMenuUtility
     /// Whether @p text is one decimal digit or more and nothing else, by the global locale.
     static bool IsNumber(const std::string& text);
 
-    /// Separators of a menu's screens, with a line end.
+    /// Separator of a menu's screens: 36 "=" and a line end.
     static const char* const thickLine;
+
+    /// Separator of a menu's screens: 36 "-" and a line end.
     static const char* const thinLine;
 };

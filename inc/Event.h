@@ -23,10 +23,11 @@ template <typename T>
 class ZOR_CORE_API ZORManagedEventData : public ZOREventDataBase
 {
  public:
+    /// Takes @p value over.
     explicit ZORManagedEventData(T value) : data(std::move(value)) {}
     ~ZORManagedEventData() override = default;
 
-    T data;
+    T data; ///< no lock guards it: who holds the event may use it
 };
 
 /// The one message of the system: what one thread asks of a handler on another.
@@ -39,10 +40,15 @@ class ZOR_CORE_API ZORManagedEventData : public ZOREventDataBase
 struct ZOR_CORE_API TSEvent
 {
     TSEvent() = default;
+
+    /// A copy shares the attachment.
     TSEvent(const TSEvent&) = default;
+
+    /// The same; the old attachment is released.
     TSEvent& operator=(const TSEvent&) = default;
     ~TSEvent() = default;
 
+    /// Leaves @p other with an empty name and no attachment.
     TSEvent(TSEvent&& other) noexcept : TSEvent() { *this = std::move(other); }
 
     /// Leaves @p other with an empty name and no attachment, and no memory of this event's old name
@@ -82,12 +88,12 @@ struct ZOR_CORE_API TSEvent
     TCHandler* receiver = nullptr; ///< who is to handle the event; not owned
     std::uint32_t sender = 0;      ///< low 32 bits of the sending thread's id; set by the queue
     unsigned long type = 0;        ///< what it means to the receiver
-    std::uint32_t param1 = 0;
-    std::uint32_t param2 = 0;
-    std::uint32_t param3 = 0xFFFF;       ///< 0xFFFF stands for: not set
-    std::uint16_t param4 = 0xFFFF;       ///< 0xFFFF stands for: not set
+    std::uint32_t param1 = 0;      ///< what this and the next five mean depends on the type
+    std::uint32_t param2 = 0;      ///< see param1
+    std::uint32_t param3 = 0xFFFF; ///< 0xFFFF stands for: not set
+    std::uint16_t param4 = 0xFFFF; ///< 0xFFFF stands for: not set
     std::uint64_t param5 = ~UINT64_C(0); ///< all ones stand for: not set
-    std::uint64_t param6 = 0;
+    std::uint64_t param6 = 0;            ///< see param1
     bool flag = false;        ///< whether the send and the handling go through the trap points
     std::string appName;      ///< application that the sender worked for; set by the queue
     std::uint8_t appFlag = 0; ///< that application's number; set by the queue

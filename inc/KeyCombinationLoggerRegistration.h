@@ -22,12 +22,14 @@ class ZOR_CORE_API KeyCombinationLoggerRegistration
     /// Unregisters the combinations and unloads the library. Nothing happens without Initialize().
     static void Exit();
 
-    /// Path of the library and names of its functions. They may be changed before Initialize().
-    static const char* m_LIBRARY_PATH;
-    static const char* m_KEY_COMBINATION_INITIALIZE;
-    static const char* m_KEY_COMBINATION_FINALIZE;
-    static const char* m_KEY_COMBINATION_ADD_HANDLER;
-    static const char* m_KEY_COMBINATION_REMOVE_HANDLER;
+    // Path of the library and names of its functions. They may be changed before Initialize(), for
+    // texts that live on until Exit() has returned.
+
+    static const char* m_LIBRARY_PATH;                   ///< "/usr/lib64/libqv-win-util.so"
+    static const char* m_KEY_COMBINATION_INITIALIZE;     ///< "KeyCombination_Initialize"
+    static const char* m_KEY_COMBINATION_FINALIZE;       ///< "KeyCombination_Finalize"
+    static const char* m_KEY_COMBINATION_ADD_HANDLER;    ///< "KeyCombination_Add_Handler"
+    static const char* m_KEY_COMBINATION_REMOVE_HANDLER; ///< "KeyCombination_Remove_Handler"
 
     /// The loaded library, null while there is none.
     static void* m_handle;

@@ -10,8 +10,10 @@
 /// Main()'s result as the exit status of the process. The pid file is left behind: whatever
 /// supervises the daemon removes it before the next start.
 
-/// The arguments of `main()`, unchanged. Set before Main() runs; the strings stay the system's.
+/// How many arguments `main()` was given, its own name among them. Set before Main() runs.
 ZOR_CORE_API extern int gArgc;
+
+/// The arguments of `main()`, unchanged. Set before Main() runs; the strings stay the system's.
 ZOR_CORE_API extern char** gArgv;
 
 /// The application's entry, defined by the application. It runs on the process's first thread with

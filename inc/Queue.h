@@ -81,28 +81,36 @@ class ZOR_CORE_API TCQueue : public TCMutex
     /// Get() without waiting and without touching the semaphore.
     bool GetQData(TSEvent* event);
 
-    /// Takes the oldest event for @p receiver (and of @p type) whose sender does not wait, from
+    /// Takes the oldest event for @p receiver and of @p type whose sender does not wait, from
     /// anywhere in the queue. The others keep their order.
     ///
     /// @return whether there was one
     bool Get(TSEvent* event, const TCHandler* receiver, unsigned long type);
+
+    /// The same for events of any type.
     bool Get(TSEvent* event, const TCHandler* receiver);
 
-    /// Counts the queued events for @p receiver (and of @p type).
+    /// Counts the queued events for @p receiver.
     ///
     /// @param found  where to store the number; may be null
     /// @return whether there are any
     bool Find(const TCHandler* receiver, unsigned int* found);
+
+    /// The same for events of @p type only.
     bool Find(const TCHandler* receiver, unsigned long type, unsigned int* found);
 
-    /// Removes the queued events for @p receiver (and of @p type; at most @p maxCount, the oldest
-    /// first). A sender that waits for a removed event is released and told that it was handled;
-    /// the event's attachment is released before the call returns.
+    /// Removes the queued events for @p receiver. A sender that waits for a removed event is
+    /// released and told that it was handled; the event's attachment is released before the call
+    /// returns, behind the queue's lock.
     ///
     /// @param deleted  where to store the number removed; may be null
     /// @return whether any was removed
     bool Delete(const TCHandler* receiver, unsigned int* deleted);
+
+    /// The same for events of @p type only.
     bool Delete(const TCHandler* receiver, unsigned long type, unsigned int* deleted);
+
+    /// The same for at most @p maxCount events of @p type, the oldest first.
     bool DeleteEx(const TCHandler* receiver, unsigned long type, unsigned int maxCount,
                   unsigned int* deleted);
 

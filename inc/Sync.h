@@ -31,7 +31,7 @@ struct ZOR_CORE_API PTSyncDetInfo
 class ZOR_CORE_API TCSyncDet
 {
  public:
-    static constexpr int MAX_SYNC_TASKS = 64;
+    static constexpr int MAX_SYNC_TASKS = 64; ///< entries of the table
 
     /// Makes the table. Asserts "!FlagCreate()" and "!m_pLock".
     ///

@@ -24,13 +24,12 @@
 /// below. The life of a task, in order:
 ///
 /// 1. Create() makes queue, handler and thread, in this order, and enters the task into the
-/// registry.
+///    registry.
 /// 2. The thread runs t_Create(), registers with the watchdog and runs the loop.
 /// 3. The owner sends EVENT_EXIT. Nothing does that for it.
 /// 4. The loop ends; the thread runs t_Destroy() and is gone.
 /// 5. Destroy() takes the task out of the registry, waits for the thread and releases the handler
-/// and
-///    the queue, in this order.
+///    and the queue, in this order.
 ///
 /// Unless said otherwise an operation may be called from any thread and asserts
 /// "FlagCreate() == true".
@@ -117,9 +116,8 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     /// @param name          its name, of which the first 15 characters are used
     /// @param waitTime      milliseconds without an event after which t_Idle() runs
     /// @param stackSize     of the thread, in bytes
-    /// @param watchdogTime  time-out given to the watchdog service, in its unit; 1 to 4 become 5,
-    /// and
-    ///                      0 leaves the task unsupervised
+    /// @param watchdogTime  time-out given to the watchdog service, in seconds; 1 to 4 become 5,
+    ///                      and 0 leaves the task unsupervised
     /// @return whether everything could be made; nothing is left behind if not
     ///
     /// Asserts "FlagCreate() == false" and "name != NULL".
@@ -183,11 +181,35 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     using TCHandler::FlagCreate;
 
  protected:
-    /// Handlers of the event types, run on the task's thread by the dispatch.
+    // Handlers of the event types, run on the task's thread by the dispatch.
+
+    /// Runs t_OnExit() between its callbacks, and has the loop end after the event.
+    ///
+    /// @return what hook and callbacks answered
     bool OnExit(const TSEvent* event);
+
+    /// Runs t_OnUser() between its callbacks.
+    ///
+    /// @return what hook and callbacks answered
     bool OnUser(const TSEvent* event);
+
+    /// Notifies the watchdog if the task is supervised, and answers the ping if an answer is waited
+    /// for. Asserts "event != NULL".
+    ///
+    /// @return true
     bool OnPing(const TSEvent* event);
+
+    /// Runs t_OnClearQueue() and answers the request. One without a reply ends the process by
+    /// std::bad_cast. Asserts "event != NULL".
+    ///
+    /// @return what t_OnClearQueue() returned
     bool OnClearQueue(const TSEvent* event);
+
+    /// Runs t_OnPause(), acknowledges, waits until the task is resumed, notifying the watchdog once
+    /// a second, and runs t_OnResume(). Asserts "event != NULL"; a request without a reply throws
+    /// std::future_error.
+    ///
+    /// @return true
     bool OnPause(const TSEvent* event);
 
  private:

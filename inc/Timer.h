@@ -77,8 +77,8 @@ class ZOR_CORE_API ITimer
 ///
 /// The listener is called on the task's thread. Destroying a timer drops the firings that are
 /// queued and hands what the listener is called with over to the task, which releases it on its own
-/// thread when it comes to that: a call that is running is never cut short. The task must outlive
-/// its timers.
+/// thread when it comes to that: a call that is running is never cut short. If the task's loop has
+/// ended, whoever destroys the task releases it. The task must outlive its timers.
 class ZOR_CORE_API TCTimer : public ITimer
 {
  public:

@@ -29,6 +29,7 @@
 class TSCodeLocation
 {
  public:
+    /// The texts and the line by which tools know the call site.
     constexpr TSCodeLocation(const char* function, const char* file, int line)
         : function(function), file(file), line(line)
     {}
@@ -58,9 +59,9 @@ class TSCodeLocation
         return id;
     }
 
-    const char* const function;
-    const char* const file;
-    const int line;
+    const char* const function; ///< signature of the calling function
+    const char* const file;     ///< source file
+    const int line;             ///< line in it
 
  private:
     static constexpr int ID_BITS = 32;
@@ -74,9 +75,9 @@ template <typename A1>
 class TCArgList1
 {
  public:
-    static constexpr unsigned int COUNT = 1;
+    static constexpr unsigned int COUNT = 1; ///< number of arguments
 
-    explicit TCArgList1(A1 event) : event(event) {}
+    explicit TCArgList1(A1 event) : event(event) {} ///< keeps the reference
 
     /// Calls @p visit with each argument, in order.
     template <typename Visit>
@@ -85,7 +86,7 @@ class TCArgList1
         visit(event);
     }
 
-    A1 event;
+    A1 event; ///< a reference to the pointer
 };
 
 /// The arguments of a send: the event, and whether it is synchronous and a priority one.
@@ -93,19 +94,21 @@ template <typename A1, typename A2, typename A3>
 class TCArgList3
 {
  public:
-    static constexpr unsigned int COUNT = 3;
+    static constexpr unsigned int COUNT = 3; ///< number of arguments
 
+    /// Keeps the references.
     TCArgList3(A1 event, A2 sync, A3 priority) : event(event), sync(sync), priority(priority) {}
 
+    /// Calls @p visit with each argument, in order.
     template <typename Visit>
     void ForEach(const Visit& visit) const
     {
         visit(event), visit(sync), visit(priority);
     }
 
-    A1 event;
-    A2 sync;
-    A3 priority;
+    A1 event;    ///< a reference to the pointer
+    A2 sync;     ///< whether the sender waits
+    A3 priority; ///< whether the event overtakes the others
 };
 
 /// The arguments of a send to one of several queues.
@@ -113,22 +116,24 @@ template <typename A1, typename A2, typename A3, typename A4>
 class TCArgList4
 {
  public:
-    static constexpr unsigned int COUNT = 4;
+    static constexpr unsigned int COUNT = 4; ///< number of arguments
 
+    /// Keeps the references.
     TCArgList4(A1 event, A2 sync, A3 priority, A4 queue)
         : event(event), sync(sync), priority(priority), queue(queue)
     {}
 
+    /// Calls @p visit with each argument, in order.
     template <typename Visit>
     void ForEach(const Visit& visit) const
     {
         visit(event), visit(sync), visit(priority), visit(queue);
     }
 
-    A1 event;
-    A2 sync;
-    A3 priority;
-    A4 queue;
+    A1 event;    ///< a reference to the pointer
+    A2 sync;     ///< whether the sender waits
+    A3 priority; ///< whether the event overtakes the others
+    A4 queue;    ///< index of the queue
 };
 
 /// Makes the records of a call. To be used while recording is on.
@@ -213,6 +218,7 @@ template <typename A1>
 void EvaluateArguments(ht::TSTrapItem& /*item*/, const TCArgList1<A1>& /*args*/)
 {}
 
+/// The same for the two flags of a send, which are values 2 and 3 of a condition.
 template <typename A1, typename A2, typename A3>
 void EvaluateArguments(ht::TSTrapItem& item, const TCArgList3<A1, A2, A3>& args)
 {
@@ -221,6 +227,8 @@ void EvaluateArguments(ht::TSTrapItem& item, const TCArgList3<A1, A2, A3>& args)
     helper.EvaluateTrapItem(3, args.priority);
 }
 
+/// The same for the flags and the index of the queue, which is value 4: looked at only if what came
+/// before it held.
 template <typename A1, typename A2, typename A3, typename A4>
 void EvaluateArguments(ht::TSTrapItem& item, const TCArgList4<A1, A2, A3, A4>& args)
 {

@@ -17,7 +17,7 @@ struct FunctionIndices
     int classBegin = -1;    ///< the class name without its template arguments;
     int classEnd = -1;      ///< the function's range for a function without a class
     int functionBegin = -1; ///< the function name without its template arguments
-    int functionEnd = -1;
+    int functionEnd = -1;   ///< its last character
 };
 
 /// The last component of a path.
@@ -45,8 +45,12 @@ constexpr const char* BaseName(const char* path)
 class SignatureReader
 {
  public:
+    /// @param text  the signature; it must outlive the reader
     constexpr explicit SignatureReader(std::string_view text) : m_text(text) {}
 
+    /// Reads the whole text; to be called once.
+    ///
+    /// @return the indices; the whole text counts as the function if there is none in it
     constexpr FunctionIndices Read()
     {
         while (!m_done && m_at < m_text.size() && !StartsWith(" [")) {

@@ -128,8 +128,8 @@ enum EServiceProfile : int
 /// A handle of two numbers.
 struct ZOR_CORE_API ZORHandle
 {
-    std::int32_t first = 0;
-    std::int32_t second = 0;
+    std::int32_t first = 0;  ///< shown first
+    std::int32_t second = 0; ///< shown behind it
 };
 
 /// How the television receives. Only the last two fields are shown.
@@ -137,7 +137,7 @@ struct ZOR_CORE_API TSTvMode
 {
     std::int32_t tvServiceFields[4] = {}; ///< the TV service's own
     std::int32_t broadcastType = -1;      ///< -2 auto, -1 undefined, 0 air, 1 cable, 2 satellite
-    EServiceMode serviceMode = SERVICE_MODE_UNKNOWN;
+    EServiceMode serviceMode = SERVICE_MODE_UNKNOWN; ///< by whose set of rules
 };
 
 /// The texts. All functions are pure and may be called from any thread; the strings are the
@@ -164,6 +164,7 @@ class ZOR_CORE_API TCZorServiceDebug
 class ZOR_CORE_API TCCallbackNameSetter
 {
  public:
+    /// Sets @p name, which is copied.
     explicit TCCallbackNameSetter(const std::string& name);
 
     /// Sets the empty name, not the one from before.

@@ -44,7 +44,9 @@
 
 /// A destination of log entries. Applications derive from it to add their own.
 ///
-/// Every operation may be called by any number of threads at once.
+/// Every operation may be called by any number of threads at once. The runtime also logs while it
+/// holds locks of its own: a logger may send an event without waiting, but must not use timers, nor
+/// wait for a task.
 class ZOR_CORE_API IZORLogger
 {
  public:
@@ -87,9 +89,11 @@ class ZOR_CORE_API ZORLoggerDLOG : public IZORLogger
 
     static const std::string m_id; ///< "ZOR DLOG logger"
 
-    /// Formats of a line with and without an application name. They may be exchanged at any time
-    /// for texts that take the same arguments and that live on.
+    /// Format of a line with an application name. It may be exchanged at any time for a text that
+    /// takes the same arguments and that lives on.
     static std::atomic<const char*> m_logFmt;
+
+    /// The same for a line without an application name.
     static std::atomic<const char*> m_logFmtNoApp;
 };
 
@@ -110,6 +114,8 @@ class ZOR_CORE_API ZORLoggerDLOG2023 : public IZORLogger
 
     /// As ZORLoggerDLOG::m_logFmt, with the arguments of this layout.
     static std::atomic<const char*> m_logFmt;
+
+    /// The same for a line without an application name.
     static std::atomic<const char*> m_logFmtNoApp;
 };
 
@@ -117,8 +123,8 @@ class ZOR_CORE_API ZORLoggerDLOG2023 : public IZORLogger
 class ZOR_CORE_API ZORLoggerLegacy : public IZORLogger
 {
  public:
-    using LevelMapping = std::map<log_priority, EDebugLevel>;
-    using ModuleMapping = std::map<std::string, int, std::less<>>;
+    using LevelMapping = std::map<log_priority, EDebugLevel>;      ///< by priority
+    using ModuleMapping = std::map<std::string, int, std::less<>>; ///< by tag
 
     /// The one logger of this kind, usable until the very end of the process. The first call fills
     /// those of the mapping tables that are still empty.
@@ -134,9 +140,11 @@ class ZOR_CORE_API ZORLoggerLegacy : public IZORLogger
 
     static const std::string m_id; ///< "ZOR Legacy logger"
 
-    /// The tables, which outlive every static destructor. An application may fill them before the
-    /// first Instance(); once the logger is in use only the logger may touch them.
+    /// The levels, which outlive every static destructor. An application may fill the table before
+    /// the first Instance(); once the logger is in use only the logger may touch it.
     static LevelMapping& m_levelMapping;
+
+    /// The same for the module numbers.
     static ModuleMapping& m_moduleMapping;
 
  private:

@@ -22,8 +22,8 @@ enum EDebugLevel : int
 /// number that the application chose.
 struct TSAppData
 {
-    std::string name;
-    signed char value = 0;
+    std::string name;      ///< of the application
+    signed char value = 0; ///< its number
 };
 
 /// The debug-print library: it prints entries and keeps application data and callback name.
@@ -82,6 +82,7 @@ class ZOR_PLATFORM_API TCDebugPrintZOR : public TCDebugPrint
 class ZOR_PLATFORM_API TCScopeTrace
 {
  public:
+    /// @param fmt  printf-style text, of which 255 characters are kept for the end of the scope
     explicit TCScopeTrace(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
     ~TCScopeTrace();
 

@@ -32,9 +32,9 @@ struct ZOR_PLATFORM_API TCCallLocation
     TCCallLocation(const char* function, const char* file, int line);
     ~TCCallLocation();
 
-    std::string function;
-    std::string file;
-    int line;
+    std::string function;                   ///< the calling function's signature
+    std::string file;                       ///< source file
+    int line;                               ///< line in it
     std::vector<std::string> argumentTypes; ///< readable names of the types
     std::vector<bool> inputs;               ///< whether a record before the call has the argument
     std::vector<std::uint16_t> sizes;       ///< in bytes, or SIZE_IN_RECORD
@@ -70,10 +70,9 @@ class ZOR_PLATFORM_API TSCallItemHelper
     /// Appends @p size bytes at @p pointer, and the pointer itself.
     void Store(const void* pointer, std::size_t size);
 
-    /// Appends a value.
-    void StoreFixed(bool value);
-    void StoreFixed(unsigned int value);
-    void StoreFixed(std::uint64_t value);
+    void StoreFixed(bool value);          ///< Appends a value.
+    void StoreFixed(unsigned int value);  ///< Appends a value.
+    void StoreFixed(std::uint64_t value); ///< Appends a value.
 
     /// Appends a null pointer.
     void AddNull(const void* pointer);
@@ -109,7 +108,7 @@ class ZOR_PLATFORM_API TCStorage
 /// The CPU time that a call took on its own thread.
 struct TSCPUStatistic
 {
-    std::uint64_t cpuNsec = 0;
+    std::uint64_t cpuNsec = 0; ///< nanoseconds
 };
 
 /// Measures CPU time from Start() to its own end.
@@ -128,6 +127,7 @@ class ZOR_PLATFORM_API TSCPUStatisticHelper
     TSCPUStatisticHelper(const TSCPUStatisticHelper&) = delete;
     TSCPUStatisticHelper& operator=(const TSCPUStatisticHelper&) = delete;
 
+    /// Begins to measure; without it nothing is stored.
     void Start();
 
  private:
@@ -142,7 +142,7 @@ class ZOR_PLATFORM_API TSCPUStatisticHelper
 class ZOR_PLATFORM_API TCDirection
 {
  public:
-    static constexpr unsigned int ALL = ~0U;
+    static constexpr unsigned int ALL = ~0U; ///< every argument is an input
 
     /// @param count   number of arguments, at most 32
     /// @param inputs  bit n is set if argument n (from 0) is an input
@@ -168,7 +168,7 @@ class ZOR_PLATFORM_API TCDirection
 /// which happens before the process has a second thread.
 struct ZOR_PLATFORM_API TIStorageManagerState
 {
-    static std::atomic<bool> enabled;
+    static std::atomic<bool> enabled; ///< set at most once, while the process is loaded
 };
 
 /// The recording storage manager. To be used while TIStorageManagerState::enabled is set.

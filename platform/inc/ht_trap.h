@@ -21,6 +21,7 @@ using TCTrapKey = std::pair<int, std::string>;
 /// One comparison of a trap condition: the value at `index` against the one given here.
 struct ZOR_PLATFORM_API TSTrapTest
 {
+    /// How the value is read.
     enum EKind : int
     {
         SIGNED = 0,   ///< the value as a signed number of its own size
@@ -28,6 +29,7 @@ struct ZOR_PLATFORM_API TSTrapTest
         BYTES = 2,    ///< the value's bytes as they lie in memory; compared for (in)equality only
     };
 
+    /// What must hold between the call's value and the given one.
     enum ERelation : int
     {
         EQUAL,
@@ -41,21 +43,25 @@ struct ZOR_PLATFORM_API TSTrapTest
     /// @param index     0 for the result, n for the n-th argument (from 1)
     /// @param relation  holds between the call's value (left) and the given one (right)
     static TSTrapTest Signed(unsigned int index, ERelation relation, std::int64_t value);
+
+    /// The same for a value that is read as UNSIGNED.
     static TSTrapTest Unsigned(unsigned int index, ERelation relation, std::uint64_t value);
+
+    /// The same for a value that is read as BYTES; @p relation is EQUAL or NOT_EQUAL.
     static TSTrapTest Bytes(unsigned int index, ERelation relation, std::string value);
 
-    unsigned int index = 0;
-    EKind kind = SIGNED;
-    ERelation relation = EQUAL;
-    std::uint64_t number = 0; ///< SIGNED and UNSIGNED: the bits of the number
-    std::string bytes;        ///< BYTES
+    unsigned int index = 0;     ///< which value of the call: 0 the result, n the n-th argument
+    EKind kind = SIGNED;        ///< how it is read
+    ERelation relation = EQUAL; ///< what must hold
+    std::uint64_t number = 0;   ///< SIGNED and UNSIGNED: the bits of the number
+    std::string bytes;          ///< BYTES
 };
 
 /// How often the calls at a location were held against its condition, and how often they met it.
 struct TSTrapCounts
 {
-    std::uint64_t evaluated = 0;
-    std::uint64_t matched = 0;
+    std::uint64_t evaluated = 0; ///< calls that were held against the condition
+    std::uint64_t matched = 0;   ///< calls that met it
 };
 
 /// A trap point: all comparisons for one code location. Fixed once it is set.
@@ -64,6 +70,8 @@ class ZOR_PLATFORM_API TSTrapCondition
  public:
     static constexpr unsigned int VALUES = 5; ///< the result and at most four arguments
 
+    /// @param key    a normalised location
+    /// @param tests  all of them must hold; they are copied
     TSTrapCondition(TCTrapKey key, const std::vector<TSTrapTest>& tests);
 
     /// Whether there are comparisons of the value at @p index.
@@ -85,12 +93,13 @@ class ZOR_PLATFORM_API TSTrapCondition
 /// One call held against one condition. Belongs to the calling thread.
 struct ZOR_PLATFORM_API TSTrapItem
 {
+    /// An item that matches so far.
     explicit TSTrapItem(std::shared_ptr<const TSTrapCondition> condition);
 
     /// Holds the call's result against the comparisons of index 0.
     void EvaluateResult(bool value);
 
-    std::shared_ptr<const TSTrapCondition> condition;
+    std::shared_ptr<const TSTrapCondition> condition;  ///< shared with the patterns
     bool matches = true;                               ///< whether every comparison held so far
     std::int64_t values[TSTrapCondition::VALUES] = {}; ///< what was evaluated, for the log
     unsigned int known = 0;                            ///< bit n is set if values[n] is
@@ -107,9 +116,13 @@ class ZOR_PLATFORM_API TCTrapArgumentHelper
     /// Holds a flag against all comparisons of @p index.
     void EvaluateTrapItem(unsigned int index, bool value);
 
-    /// Hold a number against one comparison, by its kind.
+    /// Holds a number against one comparison of kind SIGNED.
     void EvaluateSigned(const TSTrapTest& test, std::int64_t value);
+
+    /// Holds a number against one comparison of kind UNSIGNED.
     void EvaluateUnsigned(const TSTrapTest& test, std::uint64_t value);
+
+    /// Holds the bytes of a value against one comparison of kind BYTES.
     void EvaluateBytes(const TSTrapTest& test, const std::string& value);
 
  private:
@@ -129,6 +142,7 @@ class ZOR_PLATFORM_API TCTrapArgumentHelper
 class ZOR_PLATFORM_API TCTrapPattern
 {
  public:
+    /// The one instance.
     static TCTrapPattern* Instance();
 
     /// Whether any condition is set: one relaxed load.

@@ -1,0 +1,141 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "Markdown.h"
+
+namespace {
+
+using ::testing::Contains;
+using ::testing::Ge;
+using ::testing::HasSubstr;
+using ::testing::SizeIs;
+using zortest::Block;
+using zortest::FindAll;
+
+/// The documents, by their names below the source tree.
+std::vector<std::string> Documents()
+{
+    std::vector<std::string> names = {"README.md", "CONTRIBUTING.md"};
+    for (const std::string& name : zortest::SourceFiles("docs", ".md")) {
+        names.push_back("docs/" + name);
+    }
+    return names;
+}
+
+/// All sources of the runtime, one behind the other.
+std::string RuntimeSources()
+{
+    std::string text;
+    for (const auto& [directory, extension] :
+         {std::pair<const char*, const char*>("src", ".cpp"), {"inc", ".h"}}) {
+        for (const std::string& name : zortest::SourceFiles(directory, extension)) {
+            text += zortest::SourceText(std::string(directory) + '/' + name);
+        }
+    }
+    return text;
+}
+
+TEST(DocumentTest, TutorialShowsEachStepToTheLetter)
+{
+    const std::vector<Block> blocks =
+        zortest::BlocksOf(zortest::SourceText("docs/writing-a-daemon.md"));
+    const std::vector<std::string> steps = zortest::SourceFiles("docs/tutorial", ".cpp");
+    ASSERT_THAT(steps, SizeIs(6));
+    for (const std::string& step : steps) {
+        std::string shown;
+        for (const Block& block : blocks) {
+            if (block.note == "tutorial/" + step) {
+                shown += (shown.empty() ? "" : "\n") + block.text;
+            }
+        }
+        EXPECT_EQ(shown, zortest::SourceText("docs/tutorial/" + step)) << step;
+    }
+}
+
+TEST(DocumentTest, NoCodeOfTheTutorialIsOutsideItsSteps)
+{
+    const std::vector<std::string> steps = zortest::SourceFiles("docs/tutorial", ".cpp");
+    for (const Block& block : zortest::BlocksOf(zortest::SourceText("docs/writing-a-daemon.md"))) {
+        if (block.language == "cpp") {
+            ASSERT_THAT(block.note, HasSubstr("tutorial/")) << block.text;
+            EXPECT_THAT(steps, Contains(block.note.substr(sizeof("tutorial/") - 1)));
+        }
+    }
+}
+
+TEST(DocumentTest, ReadmeShowsTheSmallestDaemonToTheLetter)
+{
+    const std::vector<Block> blocks = zortest::BlocksOf(zortest::SourceText("README.md"));
+    const auto code = std::find_if(blocks.begin(), blocks.end(),
+                                   [](const Block& block) { return block.language == "cpp"; });
+    ASSERT_NE(code, blocks.end());
+    EXPECT_EQ(code->text, zortest::SourceText("examples/hello/hello.cpp"));
+}
+
+TEST(DocumentTest, EveryLinkLeadsSomewhere)
+{
+    for (const std::string& document : Documents()) {
+        const std::string directory = document.substr(0, document.rfind('/') + 1);
+        const std::string prose = zortest::ProseOf(zortest::SourceText(document));
+        for (const std::string& link : FindAll(prose, R"(\]\(([^)#]+)\))")) {
+            const bool elsewhere = link.find("://") != std::string::npos;
+            EXPECT_TRUE(elsewhere || zortest::SourceExists(directory + link))
+                << document << " links to " << link;
+        }
+    }
+}
+
+TEST(DocumentTest, ReadmeLinksEveryDocument)
+{
+    const std::string readme = zortest::SourceText("README.md");
+    const std::vector<std::string> documents = zortest::SourceFiles("docs", ".md");
+    EXPECT_THAT(documents, SizeIs(Ge(4U)));
+    for (const std::string& name : documents) {
+        EXPECT_THAT(readme, HasSubstr("(docs/" + name + ")"));
+    }
+}
+
+TEST(DocumentTest, QuotedAssertionsAreTheRuntimes)
+{
+    const std::string sources = RuntimeSources();
+    const std::vector<std::string> quoted =
+        FindAll(zortest::SourceText("docs/debugging.md"), "\n\\| `([^`]*)` \\| asserted \\|");
+    ASSERT_THAT(quoted, SizeIs(Ge(10U)));
+    for (const std::string& text : quoted) {
+        EXPECT_THAT(sources, HasSubstr("TCASSERT(" + text + ");"));
+    }
+}
+
+TEST(DocumentTest, QuotedLogLinesAreTheRuntimes)
+{
+    const std::string sources = RuntimeSources();
+    const std::vector<std::string> quoted =
+        FindAll(zortest::SourceText("docs/debugging.md"), "\n\\| `([^`]*)` \\| logged \\|");
+    ASSERT_THAT(quoted, SizeIs(Ge(5U)));
+    for (const std::string& text : quoted) {
+        EXPECT_THAT(sources, HasSubstr(text));
+    }
+}
+
+/// What a document calls by a name that stands in backquotes and has the shape of a source file is
+/// one.
+TEST(DocumentTest, EveryFileThatIsNamedExists)
+{
+    for (const std::string& document : Documents()) {
+        const std::string prose = zortest::ProseOf(zortest::SourceText(document));
+        for (const std::string& name : FindAll(prose,
+                                               "`((src|inc|platform|tests|docs|scripts|examples)/"
+                                               "[A-Za-z0-9_/.-]+\\.(cpp|h|md|sh|txt))`")) {
+            if (name != "inc/Name.h" && name != "src/Name.cpp" &&
+                name != "tests/unit/NameTest.cpp") { // CONTRIBUTING's pattern for a new component
+                EXPECT_TRUE(zortest::SourceExists(name)) << document << " names " << name;
+            }
+        }
+    }
+}
+
+} // namespace

@@ -1,0 +1,112 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "DaemonProcess.h"
+#include "Markdown.h"
+#include "PidFile.h"
+#include "Wait.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using zortest::DaemonProcess;
+using zortest::Eventually;
+
+class TutorialTest : public ::testing::Test
+{
+ protected:
+    /// What the tutorial says that a step prints.
+    static std::string Promised(const std::string& step)
+    {
+        return zortest::BlockWithNote(m_blocks, "output of " + step);
+    }
+
+    const static std::vector<zortest::Block> m_blocks;
+
+    zortest::PidFileGuard m_pidFile;
+};
+
+const std::vector<zortest::Block> TutorialTest::m_blocks =
+    zortest::BlocksOf(zortest::SourceText("docs/writing-a-daemon.md"));
+
+/// A step that ends by itself.
+class TutorialStepTest : public TutorialTest, public ::testing::WithParamInterface<const char*>
+{};
+
+TEST_P(TutorialStepTest, PrintsWhatTheTutorialSays)
+{
+    DaemonProcess daemon(GetParam(), {}, {"ZOR_DLOG=none"});
+    ASSERT_TRUE(daemon.WaitForEnd());
+    EXPECT_EQ(daemon.ExitStatus(), 0) << daemon.Errors();
+    EXPECT_EQ(daemon.Output(), Promised(GetParam()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Tutorial, TutorialStepTest,
+                         ::testing::Values("step1_empty", "step2_task", "step3_messages",
+                                           "step4_timer", "step5_pause"),
+                         [](const auto& info) { return std::string(info.param); });
+
+class SupervisedStepTest : public TutorialTest
+{
+ protected:
+    static constexpr char SERVING[] = "Main: serving\n";
+    static constexpr char STEP[] = "step6_supervised";
+
+    static bool HasPrinted(const DaemonProcess& daemon, const std::string& text)
+    {
+        return Eventually([&] { return daemon.Output() == text; });
+    }
+};
+
+TEST_F(SupervisedStepTest, PausesResumesAndStopsOnSignals)
+{
+    DaemonProcess daemon(STEP, {}, {"ZOR_DLOG=none"});
+    std::string printed = SERVING;
+    ASSERT_TRUE(HasPrinted(daemon, printed)) << daemon.Output();
+    kill(daemon.Pid(), SIGUSR1);
+    ASSERT_TRUE(HasPrinted(daemon, printed += "Main: paused\n")) << daemon.Output();
+    kill(daemon.Pid(), SIGUSR2);
+    ASSERT_TRUE(HasPrinted(daemon, printed += "Main: resumed\n")) << daemon.Output();
+    kill(daemon.Pid(), SIGTERM);
+    ASSERT_TRUE(daemon.WaitForEnd());
+    EXPECT_EQ(daemon.ExitStatus(), 0) << daemon.Errors();
+    EXPECT_EQ(daemon.Output(), Promised(STEP));
+}
+
+TEST_F(SupervisedStepTest, StopsWhilePaused)
+{
+    DaemonProcess daemon(STEP, {}, {"ZOR_DLOG=stderr"});
+    ASSERT_TRUE(HasPrinted(daemon, SERVING)) << daemon.Output();
+    kill(daemon.Pid(), SIGUSR1);
+    ASSERT_TRUE(HasPrinted(daemon, std::string(SERVING) + "Main: paused\n")) << daemon.Output();
+    kill(daemon.Pid(), SIGTERM);
+    ASSERT_TRUE(daemon.WaitForEnd());
+    EXPECT_EQ(daemon.ExitStatus(), 0) << daemon.Errors();
+    EXPECT_THAT(daemon.Errors(), Not(HasSubstr("Was not resumed before destroying.")));
+}
+
+TEST_F(SupervisedStepTest, HangIsReportedByTheWatchdog)
+{
+    DaemonProcess daemon(STEP, {"--hang"}, {"ZOR_DLOG=stderr:ERROR", "ZOR_WATCHDOG=log"});
+    ASSERT_TRUE(
+        Eventually([&] { return daemon.Errors().find("thread 'Meter'") != std::string::npos; }));
+    EXPECT_THAT(daemon.Errors(), HasSubstr("hangs: no sign of life within 5000 ms"));
+    kill(daemon.Pid(), SIGTERM);
+    daemon.EndInput();
+    ASSERT_TRUE(daemon.WaitForEnd());
+    EXPECT_EQ(daemon.ExitStatus(), 0) << daemon.Errors();
+}
+
+TEST_F(SupervisedStepTest, HangEndsTheProcessIfTheWatchdogAborts)
+{
+    DaemonProcess daemon(STEP, {"--hang"}, {"ZOR_DLOG=none", "ZOR_WATCHDOG=abort"});
+    ASSERT_TRUE(daemon.WaitForEnd());
+    EXPECT_EQ(daemon.Signal(), SIGABRT) << daemon.Errors();
+}
+
+} // namespace
