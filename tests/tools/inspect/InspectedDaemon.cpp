@@ -206,6 +206,12 @@ class Worker : public Base
         std::printf("task %s %d\n", this->Name(), static_cast<int>(m_kernelId));
     }
 
+    bool IsGone() const
+    {
+        const std::string path = "/proc/self/task/" + std::to_string(m_kernelId);
+        return access(path.c_str(), F_OK) != 0;
+    }
+
     /// Whether the thread waits for an event.
     bool IsIdle() const { return Waits::Instance().Get(m_kernelId) == Wait::TIMED; }
 
@@ -388,6 +394,16 @@ void Paused()
     Post(task, ORDER_NOTHING);
 }
 
+/// A task that has ended its loop and is not destroyed.
+void Ended()
+{
+    Single* const task = StartTask("Gone");
+    TSEvent event = EventTo(task, ORDER_NOTHING);
+    event.type = TCTask::EVENT_EXIT;
+    Require(TCTask::Send(&event, false, false), "a send fails");
+    Require(Eventually([&] { return task->IsGone(); }), "the thread does not end");
+}
+
 void Hung()
 {
     Single* const task = StartTask("Hung");
@@ -500,7 +516,9 @@ void Traced()
 void Idle()
 {
     Single* const task = StartTask("Idle");
-    Require(Eventually([&] { return task->IsIdle(); }), "the task does not settle");
+    Multi* const many = StartMultiTask("Many", 2);
+    Require(Eventually([&] { return task->IsIdle() && many->IsIdle(); }),
+            "the tasks do not settle");
 }
 
 const std::map<std::string, std::function<void()>> MODES = {
@@ -520,6 +538,7 @@ const std::map<std::string, std::function<void()>> MODES = {
     {"recorded", Recorded},
     {"full", FullQueue},
     {"paused", Paused},
+    {"ended", Ended},
     {"hung", Hung},
     {"call-to-hung", CallToHung},
     {"multi-queue", MultiQueue},

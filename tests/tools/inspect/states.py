@@ -13,6 +13,15 @@ class StateFacts:
         self.assertEqual((task["state"], task["depth"]), ("waiting", 0))
         self.assertEqual(task["thread"], daemon.tasks["Idle"])
         self.assertRegex(text, rf"\n  Idle +{daemon.tasks['Idle']} +0 +waiting\n")
+        self.assertEqual(task_named(report, "Many")["state"], "waiting")
+        self.assertRegex(text, rf"\n  Many +{daemon.tasks['Many']} +0\+0 +waiting\n")
+
+    def test_ATaskWhoseThreadHasEndedIsNotRunning(self):
+        _, report, text = self.look_at("ended")
+        task = task_named(report, "Gone")
+        self.assertEqual((task["state"], task["thread"]), ("not running", None))
+        self.assertTrue(task["registered"])
+        self.assertRegex(text, r"\n  Gone +- +0 +not running: its thread has ended\n")
 
     def test_ATaskThatHangsIsInTheHandlerOfItsEvent(self):
         daemon, report, text = self.look_at("hung")

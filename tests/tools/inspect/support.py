@@ -13,6 +13,7 @@ import unittest
 TOOL = os.environ["ZOR_INSPECT"]
 DAEMON = os.environ["ZOR_INSPECTED_DAEMON"]
 LIBRARIES = os.environ["ZOR_LIBRARIES"]
+BUILD = os.environ["ZOR_BUILD"]
 SCHEMA = os.environ["ZOR_INSPECT_SCHEMA"]
 DEADLINE = 120  # seconds; only a defect makes anything take that long
 
@@ -111,7 +112,7 @@ class InspectCase(unittest.TestCase):
         return daemon
 
     def folder(self):
-        folder = tempfile.TemporaryDirectory(prefix="zor-inspect-test-")
+        folder = tempfile.TemporaryDirectory(prefix="zor-inspect test ")
         self.addCleanup(folder.cleanup)
         return folder.name
 

@@ -7,7 +7,7 @@ import stat
 import subprocess
 
 import jsonschema
-from support import DAEMON, DEADLINE, LIBRARIES, SCHEMA, TOOL, InspectCase
+from support import BUILD, DAEMON, DEADLINE, LIBRARIES, SCHEMA, TOOL, InspectCase
 from support import eventually, kill_quietly, task_named, text
 
 OK = 0
@@ -100,6 +100,20 @@ class Output(InspectCase):
         daemon = self.start("idle")
         report = json.loads(self.run_tool("--json", "--record-file", "/nowhere", daemon.pid).out)
         self.assertIn("/nowhere", report["records"]["problem"])
+
+
+class Installed(InspectCase):
+    def test_TheInstalledToolIsComplete(self):
+        prefix = self.folder()
+        install = ["cmake", "--install", BUILD, "--component", "tools", "--prefix", prefix]
+        subprocess.run(install, check=True, stdout=subprocess.DEVNULL)
+        daemon = self.start("deadlock2")
+        tool = os.path.join(prefix, "bin", "zor-inspect")
+        run = subprocess.run([tool, str(daemon.pid)], capture_output=True, text=True, check=False)
+        self.assertEqual((run.returncode, run.stderr), (OK, ""))
+        self.assertIn("deadlock: A -> B -> A\n", run.stdout)
+        schema = os.path.join(prefix, "share", "zor-core", "zor-inspect.schema.json")
+        self.assertEqual(load(schema), load(SCHEMA))
 
 
 class Process(InspectCase):

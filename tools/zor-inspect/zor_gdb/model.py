@@ -43,8 +43,11 @@ class Reader:
     def read(self):
         addresses = self._tasks()
         for address in addresses:
-            task = memory.object_at(address, "TCTask")
-            self.handlers.task_names[address] = memory.char_array(task["m_taskName"])
+            self.handlers.task_names[address] = self._part(
+                "a task's name",
+                lambda a=address: memory.char_array(memory.object_at(a, "TCTask")["m_taskName"]),
+                "?",
+            )
         tasks = self._each("a task", addresses, self._task)
         self._lock("registry", memory.variable("TCTaskList::m_mutex"))
         result = {

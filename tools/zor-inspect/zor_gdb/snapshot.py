@@ -28,12 +28,17 @@ def _clocks():
     }
 
 
+def _quoted(path):
+    """The path as one word of a gdb command."""
+    return "'" + path.replace("\\", "\\\\").replace("'", "\\'") + "'"
+
+
 def _preload(request):
     """Has gdb read the symbols of what the process has mapped, before the process is stopped: what
     is loaded on attaching shares them."""
     for path in request["mapped"]:
         try:
-            gdb.execute(f"add-inferior -exec {path}", to_string=True)
+            gdb.execute(f"add-inferior -exec {_quoted(path)}", to_string=True)
         except gdb.error:
             pass  # it may be gone, or be no program
 
@@ -82,7 +87,7 @@ def _run(request):
         gdb.execute(command, to_string=True)
     gdb.execute("set language c++", to_string=True)
     if request.get("program"):
-        gdb.execute(f"file {request['program']}", to_string=True)
+        gdb.execute(f"file {_quoted(request['program'])}", to_string=True)
     return _attach(request) if request.get("pid") else _open_core(request)
 
 
