@@ -301,8 +301,7 @@ def _waits_for_reply(thread):
 
 
 def _handled_event(task):
-    """Whether the task's event is one that it handles now. Before it has taken one, what lies in
-    its place is left over from earlier calls."""
+    """Whether the task handles an event now, and it could be read."""
     return bool(task["event"] and task["loop"] and task["loop"][0] == LOOP_BODY)
 
 

@@ -26,6 +26,8 @@ def pointer_size():
 
 
 def read(address, size):
+    if not 0 <= address < 1 << 8 * pointer_size():
+        raise gdb.MemoryError(f"there is no memory at {address:#x}")  # a null table's entry
     return bytes(gdb.selected_inferior().read_memory(address, size))
 
 

@@ -7,6 +7,7 @@ out in `analysis`, when the process runs again.
 import gdb
 
 from . import memory, objects, rtti, threads
+from .analysis import LOOP_BODY
 
 ALL_ONES = (1 << 64) - 1
 TICK_MASK = 0xFFFFFFFF
@@ -71,7 +72,7 @@ class Reader:
     def _part(self, what, read, otherwise):
         try:
             return read()
-        except (gdb.error, gdb.MemoryError, KeyError) as error:
+        except (gdb.error, gdb.MemoryError, ArithmeticError, LookupError, ValueError) as error:
             self.remarks.append(f"{what} cannot be read: {error}")
             return otherwise
 
@@ -126,9 +127,9 @@ class Reader:
         return described
 
     def _loop_event(self, thread):
-        """The event that the loop has taken last, if it can be read. One without a receiver has
-        not been taken yet."""
-        if thread is None or not thread.event:
+        """The event that is being handled. Before the loop has taken one, what lies in its place
+        is left over from earlier calls."""
+        if thread is None or not thread.event or thread.inside_loop()[:1] != [LOOP_BODY]:
             return None
         return self._part(
             "a handled event",
