@@ -121,7 +121,19 @@ def _find(type_, name):
     raise KeyError(name)
 
 
-# Containers of the standard library, by the layout that its ABI fixes.
+# Types of the standard library, by the layout that its ABI fixes: not every compiler describes them.
+
+
+def std_string(address):
+    """The text of a std::string; None if it cannot be read."""
+    try:
+        length = pointer_at(address + pointer_size())
+        if length > LONGEST_STRING:
+            return None
+        text = read(pointer_at(address), length) if length else b""
+    except gdb.MemoryError:
+        return None
+    return text.decode("utf-8", "replace")
 
 
 def std_list(value):

@@ -108,25 +108,6 @@ class Senders:
         }
 
 
-def _string(data, base, at):
-    """The std::string at an offset of data, which has been read from base."""
-    start = at + memory.offset("TSEvent", "appName", "_M_dataplus", "_M_p")
-    length_at = at + memory.offset("TSEvent", "appName", "_M_string_length")
-    address = memory.integer(data, start, memory.pointer_size())
-    length = memory.integer(data, length_at, memory.pointer_size())
-    if length == 0 or length > memory.LONGEST_STRING:
-        return "" if length == 0 else None
-    inside = address - base
-    try:
-        if 0 <= inside <= len(data) - length:
-            text = data[inside : inside + length]
-        else:
-            text = memory.read(address, length)
-    except gdb.MemoryError:
-        return None
-    return text.decode("utf-8", "replace")
-
-
 def event_from(data, base, at, handlers, senders):
     """One event as plain data; data has been read from the address base."""
     number = {
@@ -143,7 +124,7 @@ def event_from(data, base, at, handlers, senders):
         "sender": senders.describe(number["sender"]),
         "synchronous": number["sync"] != 0,
         "reply": number["sync"],
-        "application": _string(data, base, at),
+        "application": memory.std_string(base + at + memory.offset("TSEvent", "appName")),
         "application_flag": number["appFlag"],
         "flag": bool(number["flag"]),
         "attachment": _attachment(data, at),
@@ -163,7 +144,8 @@ def _set(value, unset):
 
 
 def _attachment(data, at):
-    where = at + memory.offset("TSEvent", "wrappedData", "_M_ptr")
+    """The class of the attachment. A shared pointer begins with the pointer."""
+    where = at + memory.offset("TSEvent", "wrappedData")
     address = memory.integer(data, where, memory.pointer_size())
     return rtti.class_name(address) if address else None
 

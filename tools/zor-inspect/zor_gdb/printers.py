@@ -85,8 +85,11 @@ class EventPrinter:
             name = f"param{number}"
             if int(value[name]) != self.UNSET.get(name):
                 yield name, value[name]
-        for name in ("flag", "appName", "appFlag", "wrappedData"):
-            yield name, value[name]
+        yield "flag", value["flag"]
+        if value.address is not None:
+            yield "appName", f'"{memory.std_string(memory.address_of(value["appName"])) or ""}"'
+        yield "appFlag", int(value["appFlag"])
+        yield "wrappedData", value["wrappedData"]
 
 
 class QueuePrinter:
