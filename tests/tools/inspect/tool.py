@@ -3,6 +3,7 @@
 import json
 import os
 import shutil
+import signal
 import stat
 import subprocess
 
@@ -124,6 +125,16 @@ class Process(InspectCase):
             self.assertGreater(report["stopped_seconds"], 0)
             self.assertEqual(daemon.status("TracerPid"), "0")
             self.assertTrue(daemon.is_alive())
+
+    def test_AStoppedProcessStaysStopped(self):
+        daemon = self.start("idle")
+        os.kill(daemon.pid, signal.SIGSTOP)
+        self.assertTrue(eventually(lambda: daemon.status("State").startswith("T")))
+        report = json.loads(self.run_tool("--json", daemon.pid).out)
+        self.assertEqual(task_named(report, "Idle")["state"], "waiting")
+        self.assertTrue(eventually(lambda: daemon.status("State") == "T (stopped)"))
+        os.kill(daemon.pid, signal.SIGCONT)
+        self.assertTrue(daemon.is_alive())
 
     def test_ADeadlockIsFoundInUnderThreeSecondsOfWork(self):
         daemon = self.start("deadlock2")

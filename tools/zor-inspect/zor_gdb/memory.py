@@ -121,7 +121,8 @@ def _find(type_, name):
     raise KeyError(name)
 
 
-# Types of the standard library, by the layout that its ABI fixes: not every compiler describes them.
+# Types of the standard library, by the layout that its ABI fixes: not every compiler describes
+# them.
 
 
 def std_string(address):

@@ -39,7 +39,6 @@ class Reader:
         self.senders = objects.Senders(self.threads)
         self.mutexes = []
         self.gates = []
-        self.event_counts = []
 
     def read(self):
         addresses = self._tasks()
@@ -62,7 +61,6 @@ class Reader:
         result["threads"] = [self._thread(thread) for thread in self.threads]
         result["mutexes"] = self.mutexes
         result["gates"] = self.gates
-        result["event_counts"] = self.event_counts
         result["remarks"] = self.remarks
         return result
 
@@ -146,9 +144,6 @@ class Reader:
             count = min(int(task["m_queueSize"]), 256) if array else 0
             size = memory.pointer_size()
             queues += [memory.pointer_at(array + i * size) for i in range(1, count)]
-            self.event_counts.append(
-                {"semaphore": memory.address_of(task["m_notifySemaphore"]), "task": name}
-            )
         read = [(index, name, queue, multi) for index, queue in enumerate(queues)]
         return self._each("a queue", read, self._queue)
 
@@ -156,9 +151,6 @@ class Reader:
         index, name, address, multi = item
         queue = memory.object_at(address, "TCQueue")
         label = f"queue {index} of {name}" if multi else f"queue of {name}"
-        self.event_counts.append(
-            {"semaphore": memory.address_of(queue["m_eventCount"]), "task": name}
-        )
         return {
             "index": index,
             "depth": int(queue["m_count"]),
@@ -204,9 +196,9 @@ class Reader:
         for address in memory.std_tree(scheduler["m_pausedTimers"]):
             data = memory.read(address, 16)
             left[memory.integer(data, 0, 8)] = memory.integer(data, 8, 8, signed=True)
-        self.scheduler_owner = objects.std_mutex_owner(scheduler["m_mutex"])
+        owner = objects.std_mutex_owner(scheduler["m_mutex"])
         self.mutexes.append(
-            {"label": "timers", "owner_thread": self.scheduler_owner, "created": True, "depth": 1}
+            {"label": "timers", "owner_thread": owner, "created": True, "depth": 1}
         )
         states = objects.enumeration("TimerState")
         timers = []

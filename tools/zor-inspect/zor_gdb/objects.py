@@ -52,7 +52,6 @@ class Handlers:
 
     def __init__(self):
         self.task_names = {}  # by the address of the task, filled in by the model
-        self.task_threads = {}  # kernel id of its thread, likewise
         self._known = {}
 
     def describe(self, address):

@@ -19,9 +19,8 @@ ENDED = 0xFFFFFFFF
 class Thread:
     """One thread. Addresses are 0 where there is nothing."""
 
-    def __init__(self, tid, number):
+    def __init__(self, tid):
         self.tid = tid
-        self.number = number
         self.pthread = 0
         self.name = None
         self.frames = []  # dictionaries, innermost first
@@ -98,7 +97,7 @@ def _pthread(thread):
 
 
 def _read(gdb_thread):
-    thread = Thread(gdb_thread.ptid[1] or gdb_thread.ptid[2], gdb_thread.num)
+    thread = Thread(gdb_thread.ptid[1] or gdb_thread.ptid[2])
     gdb_thread.switch()
     thread.pthread = _pthread(gdb_thread)
     thread.name = gdb_thread.name
