@@ -83,10 +83,10 @@ class Daemon:
 class Run:
     """What one run of the tool came to."""
 
-    def __init__(self, *arguments, **settings):
+    def __init__(self, *arguments, tool=TOOL, **settings):
         before = resource.getrusage(resource.RUSAGE_CHILDREN)
         done = subprocess.run(
-            [TOOL, *map(str, arguments)],
+            [tool, *map(str, arguments)],
             stdin=subprocess.DEVNULL,
             capture_output=True,
             text=True,
@@ -115,6 +115,14 @@ class InspectCase(unittest.TestCase):
         folder = tempfile.TemporaryDirectory(prefix="zor-inspect test ")
         self.addCleanup(folder.cleanup)
         return folder.name
+
+    def installed_tool(self):
+        """The tool, installed into a folder of the test's."""
+        prefix = self.folder()
+        os.chmod(prefix, 0o755)
+        install = ["cmake", "--install", BUILD, "--component", "tools", "--prefix", prefix]
+        subprocess.run(install, check=True, stdout=subprocess.DEVNULL)
+        return os.path.join(prefix, "bin", "zor-inspect")
 
     def core_of(self, daemon):
         """A core of the daemon, made by gdb: the system may keep none, or send them elsewhere."""

@@ -8,10 +8,9 @@ import stat
 import subprocess
 
 import jsonschema
-from support import BUILD, DAEMON, DEADLINE, LIBRARIES, SCHEMA, TOOL, InspectCase
+from support import DAEMON, DEADLINE, LIBRARIES, SCHEMA, TOOL, InspectCase
 from support import eventually, kill_quietly, task_named, text
 
-OK = 0
 USAGE = 1
 NO_TARGET = 2
 NO_PERMISSION = 3
@@ -105,14 +104,10 @@ class Output(InspectCase):
 
 class Installed(InspectCase):
     def test_TheInstalledToolIsComplete(self):
-        prefix = self.folder()
-        install = ["cmake", "--install", BUILD, "--component", "tools", "--prefix", prefix]
-        subprocess.run(install, check=True, stdout=subprocess.DEVNULL)
+        tool = self.installed_tool()
         daemon = self.start("deadlock2")
-        tool = os.path.join(prefix, "bin", "zor-inspect")
-        run = subprocess.run([tool, str(daemon.pid)], capture_output=True, text=True, check=False)
-        self.assertEqual((run.returncode, run.stderr), (OK, ""))
-        self.assertIn("deadlock: A -> B -> A\n", run.stdout)
+        self.assertIn("deadlock: A -> B -> A\n", self.run_tool(daemon.pid, tool=tool).out)
+        prefix = os.path.dirname(os.path.dirname(tool))
         schema = os.path.join(prefix, "share", "zor-core", "zor-inspect.schema.json")
         self.assertEqual(load(schema), load(SCHEMA))
 
@@ -203,9 +198,13 @@ class Errors(InspectCase):
         self.assertIn(f"traced by process {daemon.pid}", message)
 
     def test_SomebodyElsesProcessIsRefused(self):
-        # Root may look into every process: it looks as nobody.
-        settings = {"user": 65534, "group": 65534, "extra_groups": []} if os.geteuid() == 0 else {}
-        target = self.start("idle").pid if settings else 1
+        target, settings = 1, {}
+        if os.geteuid() == 0:
+            # Root may look into every process. It looks as nobody, whom the build folder may be
+            # closed to.
+            target = self.start("idle").pid
+            settings = {"user": 65534, "group": 65534, "extra_groups": []}
+            settings["tool"] = self.installed_tool()
         message = self.fail_tool(NO_PERMISSION, target, **settings)
         self.assertIn(f"process {target} may not be looked into", message)
 
