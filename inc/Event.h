@@ -39,6 +39,9 @@ class ZOR_CORE_API ZORManagedEventData : public ZOREventDataBase
 /// The order and the widths of the fields are binding.
 struct ZOR_CORE_API TSEvent
 {
+    /// The longest name that is kept without memory of its own.
+    static constexpr std::size_t NAME_WITHOUT_HEAP = 15;
+
     TSEvent() = default;
 
     /// A copy shares the attachment.
@@ -66,9 +69,12 @@ struct ZOR_CORE_API TSEvent
         param5 = other.param5;
         param6 = other.param6;
         flag = other.flag;
-        appName.swap(other.appName);
         if (this != &other) {
-            std::string().swap(other.appName);
+            appName = std::move(other.appName);
+            if (other.appName.capacity() > NAME_WITHOUT_HEAP) {
+                std::string().swap(other.appName); // it got this one's old memory
+            }
+            other.appName.clear();
         }
         appFlag = other.appFlag;
         wrappedData = std::move(other.wrappedData);

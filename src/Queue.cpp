@@ -61,9 +61,6 @@ class ReleaseList
     std::size_t m_size = 0;
 };
 
-/// The longest text that a string keeps in itself: assigning one allocates nothing.
-constexpr std::size_t NAME_WITHOUT_HEAP = 15;
-
 void StoreNumber(unsigned int* where, std::uint64_t number)
 {
     if (where != nullptr) {
@@ -94,7 +91,7 @@ struct TCQueue::Remains
     void TakeFrom(TSEvent* event)
     {
         wrappedData = std::move(event->wrappedData);
-        if (event->appName.capacity() > NAME_WITHOUT_HEAP) {
+        if (event->appName.capacity() > TSEvent::NAME_WITHOUT_HEAP) {
             appName.swap(event->appName);
         }
     }
@@ -203,7 +200,7 @@ bool TCQueue::Place(const TSEvent& event, TCSemaphore* reply, bool priority)
     // What a queue held when it was destroyed is still there when it has been created again. It is
     // released behind the lock, because that may run code that uses the queue.
     Remains remains;
-    if (appData.name.size() <= NAME_WITHOUT_HEAP) {
+    if (appData.name.size() <= TSEvent::NAME_WITHOUT_HEAP) {
         return PlaceWith(
             [&](TSEvent* slot) {
                 remains.TakeFrom(slot);

@@ -41,6 +41,9 @@ class TimeMutexLock
 ///   taker:                                    take -- destroy (lets go)
 struct TCSemaphore::State
 {
+    explicit State(const TCSemaphore* semaphore) : owner(semaphore) {}
+
+    const TCSemaphore* const owner;   ///< for debuggers: whose state a sleeping thread waits on
     pthread_cond_t condition;         ///< waits on the process-wide mutex
     std::atomic<int> count;           ///< written under the mutex; watched without it
     int waiters = 0;                  ///< threads parked; guarded by the mutex

@@ -222,7 +222,7 @@ TCSemaphore::~TCSemaphore()
 bool TCSemaphore::Create(int count)
 {
     TCASSERT(FlagCreate() == false);
-    std::unique_ptr<State> state(new (std::nothrow) State);
+    std::unique_ptr<State> state(new (std::nothrow) State(this));
     if (state == nullptr || !InitMonotonicCondition(&state->condition)) {
         return false;
     }

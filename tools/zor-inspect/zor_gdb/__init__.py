@@ -1,0 +1,6 @@
+"""What zor-inspect and a plain gdb session know of the runtime's objects.
+
+The modules that import `gdb` run inside gdb: `memory`, `rtti`, `threads`, `objects`, `model`,
+`snapshot` and `printers`. The others run in the launcher, on the plain data that these hand over:
+the process has been let go by then, and nothing that takes time keeps it stopped.
+"""

@@ -1,0 +1,362 @@
+"""What follows from a snapshot: who waits for whom, since when, and where that goes round.
+
+Pure functions over the plain data that `model` has read; no gdb here.
+
+A thread waits for another if it sleeps, without a time-out, for a semaphore without units that only
+the other one can give: the lock that the other one holds, the reply to an event that the other one
+has queued or handles, or the end of the other one. That is taken from the semaphores themselves:
+the table of synchronous calls lists a call until its caller has woken up and taken it out, and
+lacks those to the further queues of a task.
+"""
+
+TICK_MASK = 0xFFFFFFFF
+HANDLE_MASK = 0xFFFFFFFF
+LOOP_BODY = "TCTask::Deliver"
+# The functions that wait for a reply, themselves.
+REPLY_WAITERS = ("TCQueue::PutSync", "TCMultiQTask::m_Send")
+
+
+def analyse(model, clocks):
+    """The report: the model with states, calls, waits and deadlocks."""
+    view = _View(model, clocks)
+    waits = view.waits()
+    calls = view.calls(waits)
+    return {
+        "deadlocks": _deadlocks(waits, view),
+        "tasks": [view.task(task, calls) for task in model["tasks"]],
+        "calls": calls,
+        "waits": waits,
+        "timers": [_timer(timer, clocks) for timer in model["timers"]],
+        "alarms": model["alarms"],
+        "locks": view.locks(),
+        "threads": [view.thread(thread) for thread in model["threads"]],
+        "remarks": model["remarks"],
+    }
+
+
+def _timer(timer, clocks):
+    described = dict(timer)
+    due = timer["due_ns"]
+    known = due is not None and clocks is not None
+    described["due_in_ms"] = (due - clocks["monotonic_ns"]) / 1e6 if known else None
+    return described
+
+
+class _View:
+    """The snapshot with what is looked up in it."""
+
+    def __init__(self, model, clocks):
+        self.model = model
+        self.clocks = clocks
+        self.threads = {thread["thread"]: thread for thread in model["threads"]}
+        self.by_handle = {thread["handle"]: thread for thread in model["threads"]}
+        self.by_semaphore = {}
+        for thread in model["threads"]:
+            if thread["semaphore"]:
+                self.by_semaphore.setdefault(thread["semaphore"], []).append(thread)
+        self.task_of_thread = {
+            task["thread"]: task for task in model["tasks"] if task["thread"] is not None
+        }
+        self.replies = self._find_replies()
+
+    def name(self, tid):
+        task = self.task_of_thread.get(tid)
+        if task:
+            return task["name"]
+        thread = self.threads.get(tid)
+        return (thread["name"] if thread else None) or f"thread {tid}"
+
+    def _find_replies(self):
+        """The events that somebody waits for, by the semaphore of the reply."""
+        found = {}
+        for task in self.model["tasks"]:
+            for queue in task["queues"]:
+                for position, event in enumerate(queue["events"]):
+                    if event["reply"]:
+                        found[event["reply"]] = {
+                            "task": task,
+                            "event": event,
+                            "place": "queued",
+                            "queue": queue["index"],
+                            "position": position,
+                        }
+            if _handled_event(task) and task["event"]["reply"]:
+                found[task["event"]["reply"]] = {
+                    "task": task,
+                    "event": task["event"],
+                    "place": "handled",
+                    "queue": None,
+                    "position": None,
+                }
+        return found
+
+    # Waits
+
+    def waits(self):
+        locks = {m["semaphore"]: m for m in self.model["mutexes"] if m.get("semaphore")}
+        gates = {gate["semaphore"]: gate["thread"] for gate in self.model["gates"]}
+        found = []
+        for thread in self.model["threads"]:
+            semaphore = thread["semaphore"]
+            if not thread["endless"] or thread["units"] is None or thread["units"] > 0:
+                continue
+            if semaphore in locks:
+                found.append(self._lock_wait(thread, locks[semaphore]))
+            elif semaphore in gates:
+                end_of = gates[semaphore]
+                text = f"the end of thread {self.name(end_of)}"
+                found.append(self._wait(thread, "end", text, end_of))
+            elif semaphore in self.replies:
+                task = self.replies[semaphore]["task"]
+                text = f"the reply of {task['name']} to a synchronous send"
+                found.append(self._wait(thread, "reply", text, task["thread"], task["name"]))
+        return found
+
+    def _wait(self, thread, kind, text, target, target_name=None):
+        return {
+            "thread": thread["thread"],
+            "name": self.name(thread["thread"]),
+            "kind": kind,
+            "what": text,
+            "target_thread": target,
+            "target": target_name or (self.name(target) if target is not None else None),
+        }
+
+    def _lock_wait(self, thread, mutex):
+        holder = self.by_handle.get(mutex["owner"]) if mutex["owner"] else None
+        text = f"the lock of the {mutex['label']}"
+        return self._wait(thread, "lock", text, holder["thread"] if holder else None)
+
+    def locks(self):
+        described = []
+        for mutex in self.model["mutexes"]:
+            if not mutex["created"]:
+                continue
+            holder = mutex.get("owner_thread") or 0
+            if not holder and mutex.get("owner"):
+                thread = self.by_handle.get(mutex["owner"])
+                holder = thread["thread"] if thread else -1
+            waiting = self.by_semaphore.get(mutex.get("semaphore"), [])
+            described.append(
+                {
+                    "lock": mutex["label"],
+                    "held": holder != 0,
+                    "holder_thread": holder if holder > 0 else None,
+                    "holder": self.name(holder) if holder > 0 else None,
+                    "depth": mutex["depth"] if holder else 0,
+                    "waiting": [self.name(thread["thread"]) for thread in waiting],
+                }
+            )
+        return described
+
+    # Calls
+
+    def calls(self, waits):
+        entries = [dict(entry) for entry in self.model["sync_table"] or []]
+        found = []
+        for wait in waits:
+            if wait["kind"] == "reply":
+                semaphore = self.threads[wait["thread"]]["semaphore"]
+                found.append(self._replied_call(wait, self.replies[semaphore], entries))
+        others = [self._other_call(entry) for entry in entries]
+        return found + others + self._unlisted(found, entries)
+
+    def _age(self, start_tick):
+        if self.clocks is None:
+            return None
+        return ((self.clocks["tick_ms"] - start_tick) & TICK_MASK) / 1000
+
+    def _receives(self, entry, task):
+        thread = self.threads.get(task["thread"])
+        if thread and thread["handle"]:
+            return thread["handle"] & HANDLE_MASK == entry["receiver_id"]
+        return task["name"] == entry["receiver"]
+
+    def _replied_call(self, wait, reply, entries):
+        """A call whose event is known. Takes its entry out of the table, if it has one."""
+        task = reply["task"]
+        entry = None
+        for candidate in entries:
+            if candidate["caller_thread"] == wait["thread"] and self._receives(candidate, task):
+                entry = candidate
+                entries.remove(candidate)
+                break
+        return {
+            "caller": wait["name"],
+            "caller_thread": wait["thread"],
+            "receiver": task["name"],
+            "receiver_thread": task["thread"],
+            "age_s": self._age(entry["start_tick_ms"]) if entry else None,
+            "start_tick_ms": entry["start_tick_ms"] if entry else None,
+            "listed": entry is not None,
+            "place": reply["place"],
+            "queue": reply["queue"],
+            "position": reply["position"],
+            "event_type": reply["event"]["type"],
+            "event_type_name": reply["event"]["type_name"],
+            "reply": reply["event"]["reply"],
+        }
+
+    def _other_call(self, entry):
+        """A call in the table without an event: made directly, just begun or ended, or lost."""
+        receiver = None
+        for task in self.model["tasks"]:
+            if self._receives(entry, task):
+                receiver = task
+        thread = self.threads.get(entry["caller_thread"])
+        if receiver and receiver["thread"] == entry["caller_thread"]:
+            place = "direct"
+        elif thread and _waits_for_reply(thread):
+            place = "lost"
+        else:
+            place = "under way"
+        return _call_without_event(
+            self.name(entry["caller_thread"]) if thread else entry["caller"],
+            entry["caller_thread"],
+            receiver["name"] if receiver else entry["receiver"],
+            receiver["thread"] if receiver else None,
+            place,
+            self._age(entry["start_tick_ms"]),
+            entry["start_tick_ms"],
+        )
+
+    def _unlisted(self, calls, entries):
+        """The threads that wait for a reply to nothing that is known: their event is gone."""
+        known = {call["caller_thread"] for call in calls}
+        known |= {entry["caller_thread"] for entry in entries}
+        return [
+            _call_without_event(
+                self.name(thread["thread"]), thread["thread"], None, None, "lost", None, None
+            )
+            for thread in self.model["threads"]
+            if thread["thread"] not in known and _waits_for_reply(thread)
+        ]
+
+    # Tasks and threads
+
+    def task(self, task, calls):
+        described = {key: task[key] for key in task if key not in ("loop", "in_loop", "event")}
+        described["state"], described["detail"] = _state(task)
+        described["event"] = task["event"] if described["state"] == "in handler" else None
+        described["since"] = self._since(task, calls) if described["event"] else None
+        described["depth"] = sum(queue["depth"] for queue in task["queues"])
+        described["queues"] = [
+            {key: queue[key] for key in queue if key != "lock"}
+            | {"lock": self._holder(self.model["mutexes"][queue["lock"]])}
+            for queue in task["queues"]
+        ]
+        return described
+
+    def _holder(self, mutex):
+        thread = self.by_handle.get(mutex["owner"]) if mutex["owner"] else None
+        return self.name(thread["thread"]) if thread else None
+
+    def _since(self, task, calls):
+        """How long the handler has been running, from what is known: it had begun when it made the
+        oldest call that it waits in, and its own event was sent before it began."""
+        own = [c["age_s"] for c in calls if c["caller_thread"] == task["thread"]]
+        own = [age for age in own if age is not None]
+        reply = task["event"]["reply"]
+        caused = [c["age_s"] for c in calls if reply and c["reply"] == reply]
+        return {"at_least_s": max(own, default=None), "at_most_s": caused[0] if caused else None}
+
+    def thread(self, thread):
+        task = self.task_of_thread.get(thread["thread"])
+        return {
+            "thread": thread["thread"],
+            "name": thread["name"],
+            "task": task["name"] if task else None,
+            "stack": thread["stack"],
+        }
+
+
+def _call_without_event(caller, caller_thread, receiver, receiver_thread, place, age, tick):
+    return {
+        "caller": caller,
+        "caller_thread": caller_thread,
+        "receiver": receiver,
+        "receiver_thread": receiver_thread,
+        "age_s": age,
+        "start_tick_ms": tick,
+        "listed": tick is not None,
+        "place": place,
+        "queue": None,
+        "position": None,
+        "event_type": None,
+        "event_type_name": None,
+        "reply": 0,
+    }
+
+
+def _waits_for_reply(thread):
+    """Whether the thread sleeps for the reply to a synchronous send."""
+    functions = [frame["function"] for frame in thread["stack"]]
+    if not thread["endless"] or thread["units"] is None or thread["units"] > 0:
+        return False
+    if "TCSemaphore::Take" not in functions:
+        return False
+    behind = functions[functions.index("TCSemaphore::Take") :]
+    callers = [function for function in behind if not function.startswith("TCSemaphore::")]
+    return bool(callers) and callers[0] in REPLY_WAITERS
+
+
+def _handled_event(task):
+    """Whether the task handles an event now, and it could be read."""
+    return bool(task["event"] and task["loop"] and task["loop"][0] == LOOP_BODY)
+
+
+def _state(task):
+    """The task's state and what there is to say about it."""
+    if task["ended"]:
+        return "not running", "its thread has ended"
+    if task["thread"] is None:
+        return "not running", "its thread has not begun"
+    if task["paused"]:
+        return "paused", None
+    if not task["in_loop"]:
+        if task["running"]:
+            return "running", "its loop cannot be seen"
+        return "not running", "its loop has ended" if task["exiting"] else "its loop has not begun"
+    if _handled_event(task) and task["event"]["receiver"]["address"]:
+        return "in handler", None
+    if task["loop"] and task["loop"][0] in ("TCQueue::GetSync", "TCSemaphore::Try"):
+        return "waiting", None
+    return "running", "between two events, or in its idle hook"
+
+
+def _deadlocks(waits, view):
+    """The circles: each thread waits for one other at most, so every circle is found by going on
+    until a thread comes again."""
+    target = {w["thread"]: w for w in waits if w["target_thread"] is not None}
+    order = {task["thread"]: i for i, task in enumerate(view.model["tasks"])}
+    seen = set()
+    found = []
+    for start in target:
+        path = []
+        thread = start
+        while thread in target and thread not in seen:
+            seen.add(thread)
+            path.append(thread)
+            thread = target[thread]["target_thread"]
+        if thread in path:
+            circle = path[path.index(thread) :]
+            first = min(circle, key=lambda tid: order.get(tid, len(order)))
+            turn = circle.index(first)
+            found.append(_deadlock(circle[turn:] + circle[:turn], target, view))
+    return found
+
+
+def _deadlock(circle, target, view):
+    names = [view.name(thread) for thread in circle]
+    return {
+        "chain": names + names[:1],
+        "threads": [
+            {
+                "thread": thread,
+                "name": view.name(thread),
+                "waits_for": target[thread]["what"],
+                "stack": view.threads[thread]["stack"],
+            }
+            for thread in circle
+        ],
+    }

@@ -1,0 +1,107 @@
+"""The script that zor-inspect has gdb run: attaches or opens the core, reads, lets go, and leaves
+what it has read in a file. Runs inside gdb.
+
+The request is a JSON object in a file that ZOR_INSPECT_REQUEST names; the answer goes to the file
+that the request names.
+"""
+
+import json
+import os
+import sys
+import time
+
+import gdb
+
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+
+from zor_gdb import memory, model  # noqa: E402
+
+TICKS_PER_SECOND = os.sysconf("SC_CLK_TCK")
+
+
+def _clocks():
+    """The clocks that the runtime stamps with, read while the process is stopped."""
+    ticks = int(round(os.times().elapsed * TICKS_PER_SECOND))
+    return {
+        "tick_ms": (1000 // TICKS_PER_SECOND) * ticks,
+        "monotonic_ns": time.clock_gettime_ns(time.CLOCK_MONOTONIC),
+    }
+
+
+def _quoted(path):
+    """The path as one word of a gdb command."""
+    return "'" + path.replace("\\", "\\\\").replace("'", "\\'") + "'"
+
+
+def _preload(request):
+    """Has gdb read the symbols of what the process has mapped, before the process is stopped: what
+    is loaded on attaching shares them."""
+    for path in request["mapped"]:
+        try:
+            gdb.execute(f"add-inferior -exec {_quoted(path)}", to_string=True)
+        except gdb.error:
+            pass  # it may be gone, or be no program
+
+
+def _attach(request):
+    _preload(request)
+    started = time.monotonic()
+    gdb.execute(f"attach {request['pid']}", to_string=True)
+    answer = {}
+    try:
+        answer["clocks"] = _clocks()
+        model.check()
+        answer["model"] = model.Reader().read()
+    finally:
+        gdb.execute("detach", to_string=True)
+        answer["stopped_seconds"] = time.monotonic() - started
+    return answer
+
+
+def _open_core(request):
+    gdb.execute(f"core-file {request['core']}", to_string=True)
+    model.check()
+    return {
+        "clocks": None,
+        "model": model.Reader().read(),
+        "environment": _environment(),
+    }
+
+
+def _environment():
+    """The environment of the process, as far as its recording's name goes."""
+    found = {}
+    try:
+        entry = int(gdb.parse_and_eval("*(unsigned long *)&environ"))
+        while pointer := memory.pointer_at(entry):
+            name, _, value = memory.c_string_at(pointer).partition("=")
+            found[name] = value
+            entry += memory.pointer_size()
+    except (gdb.error, gdb.MemoryError):
+        pass  # a core may lack the page; the recording can be named by hand
+    return {"ZOR_RECORD": found.get("ZOR_RECORD")}
+
+
+def _run(request):
+    for command in request["settings"]:
+        gdb.execute(command, to_string=True)
+    gdb.execute("set language c++", to_string=True)
+    if request.get("program"):
+        gdb.execute(f"file {_quoted(request['program'])}", to_string=True)
+    return _attach(request) if request.get("pid") else _open_core(request)
+
+
+def main():
+    with open(os.environ["ZOR_INSPECT_REQUEST"], encoding="utf-8") as file:
+        request = json.load(file)
+    try:
+        answer = _run(request)
+    except model.NotTheRuntime as error:
+        answer = {"error": "runtime", "text": str(error)}
+    except (gdb.error, gdb.MemoryError) as error:
+        answer = {"error": "gdb", "text": str(error).strip()}
+    with open(request["answer"], "w", encoding="utf-8") as file:
+        json.dump(answer, file)
+
+
+main()
