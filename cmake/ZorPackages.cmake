@@ -36,10 +36,12 @@ pkg-config need to find them.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zor-core-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
-    "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (>= ${PROJECT_VERSION})")
+    "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (>= ${PROJECT_VERSION}), gdb, python3")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
     "Tools for engineers: zor-record prints what a daemon has recorded and exports
-it as a trace. zor-tsmon is an example daemon that monitors a transport stream.")
+it as a trace, zor-inspect shows what a running, hung or dead daemon is doing.
+infobox shows a daemon's messages on a terminal, and zor-tsmon is an example
+daemon that monitors a transport stream.")
 
 # Every package has its own folder of documents; Debian wants the change log compressed.
 find_program(GZIP_PROGRAM gzip REQUIRED)

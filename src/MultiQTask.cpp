@@ -1,7 +1,7 @@
 #include <memory>
-#include <optional>
 #include <utility>
 
+#include "PausedSendTrace.h"
 #include "Reply.h"
 #include "TCDebugPrint.h"
 #include "Task.h"
@@ -287,7 +287,7 @@ bool TCMultiQTask::m_Send(TSEvent* event, bool sync, bool priority, unsigned int
     if (sync && !reply.Create(0)) {
         return false;
     }
-    std::optional<TCScopeTrace> warning; // spans the whole put, a synchronous wait included
+    PausedSendTrace warning; // spans the whole put, a synchronous wait included
     {
         const std::shared_lock<std::shared_mutex> lock(pMultiQTask->m_queuesMutex);
         TCASSERT(nQueueIndex < pMultiQTask->m_queueSize);
@@ -296,7 +296,7 @@ bool TCMultiQTask::m_Send(TSEvent* event, bool sync, bool priority, unsigned int
         }
         TCASSERT(pMultiQTask->m_pQueueArray[nQueueIndex]);
         if (pMultiQTask->m_paused.load()) {
-            warning.emplace(
+            warning.Begin(
                 "TCMultiQTask::%s [pause_resume] WARNING: event->type[%d] was send to paused task "
                 "and is not processed jet.",
                 "m_Send", static_cast<int>(event->type));

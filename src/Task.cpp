@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <optional>
 
+#include "PausedSendTrace.h"
 #include "Sync.h"
 #include "TCDebugPrint.h"
 #include "TaskListLock.h"
@@ -322,7 +322,7 @@ bool TCTask::RunsOnCaller() const
 
 bool TCTask::m_Send(TSEvent* event, bool sync, bool priority)
 {
-    std::optional<TCScopeTrace> warning; // spans the whole put and ends after the entry
+    PausedSendTrace warning; // spans the whole put and ends after the entry
     const SyncCallEntry entry(sync, event);
     TCTask* const task = event->receiver->Task();
     if (sync && task->RunsOnCaller()) {
@@ -337,7 +337,7 @@ bool TCTask::m_Send(TSEvent* event, bool sync, bool priority)
         return false;
     }
     if (task->m_paused.load()) {
-        warning.emplace(
+        warning.Begin(
             "TCTask::%s [pause_resume] WARNING: event->type[%d] was send to paused task and is not "
             "processed yet.",
             "m_Send", static_cast<int>(event->type));

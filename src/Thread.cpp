@@ -109,8 +109,8 @@ bool SetNiceness(int kernelId, int priority)
 /// switch. Trying a few times with a pause in between lets each of them work in runs.
 TimeMutexLock::TimeMutexLock()
 {
-    constexpr int TRIES = 3;
-    constexpr int PAUSES = 150;
+    constexpr int TRIES = 6;
+    constexpr int PAUSES = 60;
 
     if (g_severalProcessors) {
         for (int i = 0; i < TRIES; ++i) {
