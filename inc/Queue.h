@@ -150,9 +150,11 @@ class ZOR_CORE_API TCQueue : public TCMutex
 
     TCSemaphore m_eventCount; ///< synchronised in itself; one unit for every put
 
-    // Guarded by the queue's lock. The events are the m_count records from m_head on, and
-    // m_tail is (m_head + m_count) & 255. A record that is none of them has neither attachment nor
-    // name, unless the queue was destroyed with events in it and has been created again.
+    // Guarded by the queue's lock, or, while that is free, by the process-wide mutex that guards
+    // all semaphores: taking the lock needs that mutex. The events are the m_count records from
+    // m_head on, and m_tail is (m_head + m_count) & 255. A record that is none of them has neither
+    // attachment nor name, unless the queue was destroyed with events in it and has been created
+    // again.
     std::uint64_t m_tail = 0;
     std::uint64_t m_head = 0;
     std::uint64_t m_count = 0;

@@ -70,6 +70,7 @@ class ZOR_CORE_API TCSemaphore
 
  private:
     friend class TCQueue;
+    friend class Reply;
 
     struct State;
 

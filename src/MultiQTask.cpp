@@ -115,6 +115,7 @@ bool TCMultiQTask::ExecuteEvent()
         return false;
     }
     if (!m_notifySemaphore.Try(m_waitMsec)) {
+        ReleaseNow();
         return true;
     }
     TSEvent event;
@@ -284,7 +285,7 @@ bool TCMultiQTask::m_Send(TSEvent* event, bool sync, bool priority, unsigned int
         return priority;
     }
     Reply reply; // on the sender's stack, as in TCQueue::PutSync()
-    if (sync && !reply.Create(0)) {
+    if (sync && !reply.Create()) {
         return false;
     }
     PausedSendTrace warning; // spans the whole put, a synchronous wait included
@@ -307,7 +308,7 @@ bool TCMultiQTask::m_Send(TSEvent* event, bool sync, bool priority, unsigned int
         }
     }
     if (sync) {
-        reply.Take(); // without the lock, which the handling of an exit event needs
+        reply.Wait(); // without the lock, which the handling of an exit event needs
     }
     return true;
 }

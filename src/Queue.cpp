@@ -145,10 +145,10 @@ bool TCQueue::PutSync(TSEvent* event, bool sync, bool priority)
     //
     // Once it has been given, the event that points to it must not be looked at for it again.
     Reply reply;
-    if (!reply.Create(0) || !Place(*event, &reply, priority)) {
+    if (!reply.Create() || !Place(*event, &reply, priority)) {
         return false;
     }
-    reply.Take();
+    reply.Wait();
     return true;
 }
 

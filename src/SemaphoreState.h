@@ -39,7 +39,7 @@ class TimeMutexLock
 ///
 ///   giver:   lock -- count -- hold -- unlock --------------------- signal -- let go (deletes)
 ///   taker:                                    take -- destroy (lets go)
-struct TCSemaphore::State
+struct __attribute__((visibility("hidden"))) TCSemaphore::State
 {
     explicit State(const TCSemaphore* semaphore) : owner(semaphore) {}
 

@@ -129,6 +129,7 @@ bool TCTask::ExecuteEvent()
     }
     TSEvent event;
     if (!TCQueue::GetSync(&event, m_waitTime, false)) {
+        ReleaseNow(); // what a full queue kept out may find it emptied by a deletion
         t_Idle();
         return true;
     }
@@ -167,7 +168,8 @@ void TCTask::ReleaseLaterLocked(std::shared_ptr<ZOREventDataBase> attachment)
 /// Runs on the task's thread when no handler does, and when that thread has ended.
 void TCTask::ReleaseNow()
 {
-    // Relaxed: it was set under the queue's lock, which this thread takes for every event.
+    // Relaxed: it was set under the queue's lock, and giving that and taking an event are ordered
+    // by the same mutex.
     if (!m_hasReleases.load(std::memory_order_relaxed)) {
         return;
     }

@@ -264,9 +264,14 @@ void TCSemaphore::Give()
 void TCSemaphore::Destroy()
 {
     TCASSERT(FlagCreate() == true);
-    const TimeMutexLock lock;
-    m_state->LetGo();
-    m_state = nullptr;
+    State* const state = m_state;
+    {
+        // The last giver may be inside still; and what others see of the semaphore changes in one
+        // piece.
+        const TimeMutexLock lock;
+        m_state = nullptr;
+    }
+    state->LetGo();
 }
 
 TCMutex::~TCMutex()

@@ -14,6 +14,7 @@ HANDLE_MASK = 0xFFFFFFFF
 LOOP_BODY = "TCTask::Deliver"
 # The functions that wait for a reply, themselves.
 REPLY_WAITERS = ("TCQueue::PutSync", "TCMultiQTask::m_Send")
+SEMAPHORES = ("TCSemaphore::", "Reply::")
 
 
 def analyse(model, clocks):
@@ -296,7 +297,7 @@ def _waits_for_reply(thread):
     if "TCSemaphore::Take" not in functions:
         return False
     behind = functions[functions.index("TCSemaphore::Take") :]
-    callers = [function for function in behind if not function.startswith("TCSemaphore::")]
+    callers = [function for function in behind if not function.startswith(SEMAPHORES)]
     return bool(callers) and callers[0] in REPLY_WAITERS
 
 
