@@ -8,6 +8,7 @@ option(ZOR_COVERAGE "Instrument for line and branch coverage" OFF)
 option(ZOR_BUILD_TESTS "Build the tests" ${PROJECT_IS_TOP_LEVEL})
 option(ZOR_BUILD_EXAMPLES "Build the example daemons" ${PROJECT_IS_TOP_LEVEL})
 option(ZOR_BUILD_BENCHMARKS "Build the benchmarks" OFF)
+option(ZOR_BUILD_FUZZERS "Build the fuzzers (clang, with ZOR_SANITIZE)" OFF)
 option(ZOR_BUILD_TOOLS "Build the tools for engineers" ${PROJECT_IS_TOP_LEVEL})
 
 set(ZOR_SANITIZE "" CACHE STRING

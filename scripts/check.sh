@@ -52,6 +52,12 @@ for file in "${sources[@]}"; do
         fail "$file has $lines lines, more than $limit: split it by concern"
 done
 
+say "every public header alone"
+git ls-files 'inc/*.h' 'platform/inc/*.h' | xargs -P "$(nproc)" -I{} \
+    g++ -std=c++17 -fsyntax-only -Wall -Wextra -Wpedantic -Werror -I inc -I platform/inc \
+    -include {} -x c++ /dev/null ||
+    fail "a header (above) does not compile by itself: include what it uses, or declare it"
+
 build dev
 say "clang-tidy over src/ and platform/host/"
 git ls-files 'src/*.cpp' 'platform/host/*.cpp' | xargs -P "$(nproc)" -n 1 \

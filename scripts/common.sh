@@ -12,23 +12,25 @@ die() {
     exit 1
 }
 
-# The packages of packages.txt that are not installed.
+# missing_packages FILE: the packages listed there that are not installed.
 missing_packages() {
     local package
-    sed -e 's/#.*//' "$ROOT/scripts/packages.txt" | while read -r package; do
+    sed -e 's/#.*//' "$1" | while read -r package; do
         [ -n "$package" ] || continue
         [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
             printf '%s\n' "$package"
     done
 }
 
-# Installs what is missing, as root or through sudo.
+# install_packages [FILE]: installs what is missing of that list (default: packages.txt), as root or
+# through sudo.
 install_packages() {
+    local list=${1:-$ROOT/scripts/packages.txt}
     command -v dpkg-query >/dev/null && command -v apt-get >/dev/null ||
         die "this needs a Debian system (dpkg-query and apt-get); on another one install the" \
-            "counterparts of scripts/packages.txt and build with cmake --preset release"
+            "counterparts of $list and build with cmake --preset release"
     local missing as_root=()
-    mapfile -t missing < <(missing_packages)
+    mapfile -t missing < <(missing_packages "$list")
     [ ${#missing[@]} -gt 0 ] || return 0
 
     say "packages to install: ${missing[*]}"

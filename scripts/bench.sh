@@ -1,0 +1,57 @@
+#!/usr/bin/env bash
+# Measures the library beside other frameworks, the same workloads in each, all of them alternating.
+#   scripts/bench.sh [--rounds N]   prints the medians of N rounds (5) and their ratio to the best peer,
+#                                   and writes docs/benchmarks.md and a chart for each workload
+#   scripts/bench.sh --micro        runs the micro-benchmarks of the components instead
+#   scripts/bench.sh --smoke        runs every benchmark for a moment, to see that none is broken
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+rounds=5
+mode=compare
+while [ $# -gt 0 ]; do
+    case $1 in
+    --rounds)
+        [[ ${2:-} =~ ^[1-9][0-9]*$ ]] || die "--rounds needs a number from 1 on, not '${2:-}'"
+        rounds=$2
+        shift
+        ;;
+    --micro | --smoke) mode=${1#--} ;;
+    -h | --help)
+        sed -n '2,6s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
+        exit 0
+        ;;
+    *) die "unknown argument '$1'; see scripts/bench.sh --help" ;;
+    esac
+    shift
+done
+
+install_packages
+install_packages "$ROOT/scripts/bench-packages.txt"
+build bench
+bin=$ROOT/build/bench/bin
+
+micro() {
+    local program
+    for program in "$bin"/bench_*; do
+        "$program" "$@"
+    done
+}
+
+case $mode in
+micro) micro --benchmark_repetitions=5 --benchmark_report_aggregates_only=true ;;
+smoke)
+    micro --benchmark_min_time=0.001 >/dev/null
+    for peer in "$bin"/peer_*; do
+        # The shortest workloads; the others are the same code for longer.
+        output=$("$peer" W3 W10_ 2>/dev/null) || die "$peer ended with status $?"
+        ! grep -q '"failed"' <<<"$output" || die "$peer: $output"
+        [ "${peer##*/}" = peer_raw ] || grep -q '"value":[0-9]' <<<"$output" ||
+            die "$peer printed no figure: $output"
+    done
+    say "every benchmark runs"
+    ;;
+compare)
+    "$ROOT/bench/compare/run_all.py" "$bin" --rounds "$rounds" \
+        --report "$ROOT/docs/benchmarks.md" --charts "$ROOT/docs/benchmarks"
+    ;;
+esac
