@@ -205,10 +205,13 @@ proctype Task()
 
 proctype Owner()
 {
+    bool patient;
+
     if
-    :: callersDone == CALLERS
-    :: true
+    :: patient = true
+    :: patient = false
     fi;
+    !patient || callersDone == CALLERS;
     exitQueued = true;
 #ifdef WITHOUT_CALLS_COMING_FIRST
     destroying = true;
