@@ -2,7 +2,7 @@
  *
  * Mirrors TCTimer::m_Stop and ~TCTimerHandler (src/Timer.cpp), m_FireTimer and DestroyTimer
  * (src/TimersScheduler.cpp), Deliver, ReleaseLaterLocked, ReleaseNow and Destroy (src/Task.cpp).
- * The timer fires twice; another thread sends one event of its own; the timer is stopped by a
+ * The timer fires twice; two other threads may send an event each; the timer is stopped by a
  * thread of its own or by its listener; the task may have ended before, or may end with the
  * handler still in its queue.
  *
@@ -204,7 +204,7 @@ active proctype Scheduler()
     od
 }
 
-active proctype OtherSender()
+active [2] proctype OtherSender()
 {
     if
     :: atomic { lockOwner == NOBODY && nfull(queue) -> queue ! OTHER }
