@@ -60,7 +60,10 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     ~TCTask() override;
 
     /// Ends the task; its exit event must have been sent, or this waits until somebody sends it. A
-    /// paused task is resumed first. Must not be called on the task's own thread.
+    /// paused task is resumed first, but only one whose Pause() had begun by then: a pause that
+    /// overtakes the queued exit event later makes this wait until somebody resumes the task. The
+    /// same goes for a clear-queue that deletes the exit event: another one must be sent. Must not
+    /// be called on the task's own thread.
     void Destroy() override;
 
     /// Runs first on the task's thread. If it returns false the thread ends at once.
@@ -293,7 +296,9 @@ class ZOR_CORE_API TCMultiQTask : public TCTask
     bool Create(const char* name, unsigned int waitMsec, unsigned long stackSize,
                 unsigned int nQueueSize, unsigned long watchdogTime);
 
-    /// TCTask::Send() into the queue of that index. Synchronous sends are not listed in TCSyncDet.
+    /// TCTask::Send() into the queue of that index. Synchronous sends are not listed in TCSyncDet. A
+    /// sender that waits for an event which is still in a further queue when the exit event is
+    /// handled is not released.
     ///
     /// @return false also if the receiver's task is not a multi-queue task
     ///

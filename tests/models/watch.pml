@@ -1,0 +1,160 @@
+/* A semaphore: watching the count before parking, and waking after the mutex is free.
+ *
+ * Mirrors TCSemaphore::State (src/Thread.cpp: Watch, TakeLocked, TryLocked, GiveLocked, Wake,
+ * LetGo) and TCSemaphore::Take, Try, Give and Destroy. Two takers, one of which may time out, and
+ * two givers; whoever took last destroys the semaphore, as the sender does with its reply.
+ *
+ * Abstracted: how long is watched (the count is seen once, and is old at once), the credit for
+ * watching, the clock (a timed wait may end at any time). Memory is sequentially consistent. A
+ * condition variable wakes one of those parked, and once in a run one that nobody signalled.
+ *
+ * Claims: nobody parks for ever while there is a unit; no unit is taken twice or lost; the block
+ * is used by nobody once it is deleted, and it is deleted.
+ */
+
+#define TAKERS 2
+#define GIVERS 2
+
+bool mutex;
+int count = 0;
+byte waiters = 0;
+byte holders = 1;
+bool alive = true;
+
+bool parked[TAKERS];
+bool spurious = true; /* one wake-up without a signal is left */
+byte taken = 0;
+byte given = 0;
+byte leaving = 0; /* takers that are done */
+
+#define LOCK atomic { !mutex -> mutex = true }
+#define UNLOCK mutex = false
+#define USE assert(alive) /* the state block is touched */
+
+inline LetGo()
+{
+    atomic {
+        USE;
+        holders--;
+        if
+        :: holders == 0 -> alive = false
+        :: else
+        fi
+    }
+}
+
+/* pthread_cond_wait: gives the mutex back and parks in one step, and holds it again afterwards. */
+inline Wait(me, timed)
+{
+    waiters++;
+    atomic { parked[me] = true; UNLOCK };
+    if
+    :: !parked[me]
+    :: atomic { parked[me] && spurious -> spurious = false; parked[me] = false }
+    :: atomic { timed && parked[me] -> parked[me] = false; expired = true }
+    fi;
+    LOCK;
+    USE;
+    waiters--
+}
+
+inline TakeLocked(me, timed)
+{
+    do
+    :: count > 0 -> break
+    :: count <= 0 && !expired ->
+        Wait(me, timed);
+#ifdef WITHOUT_WAIT_LOOP
+        break
+#endif
+    :: count <= 0 && expired -> break
+    od;
+    if
+    :: expired /* also if there is a unit by now: it stays for others */
+    :: else ->
+        USE;
+        count--;
+        assert(count >= 0);
+        taken++
+    fi
+}
+
+proctype Taker(byte me; bool timed)
+{
+    bool expired = false;
+    bool seen;
+
+    USE;
+    seen = count > 0; /* Watch(): without the mutex */
+    LOCK;
+    USE;
+    if
+#ifdef WITHOUT_RECHECK_OF_A_UNIT
+    :: seen -> count--; assert(count >= 0); taken++
+#endif
+#ifdef WITHOUT_RECHECK_BEFORE_PARKING
+    :: !seen -> Wait(me, timed); TakeLocked(me, timed)
+#endif
+    :: else -> TakeLocked(me, timed)
+    fi;
+    UNLOCK;
+    atomic { leaving++; seen = leaving == TAKERS };
+    if
+    :: seen ->
+        given == GIVERS; /* a give that has not begun needs the semaphore still */
+        LOCK;            /* Destroy() */
+        LetGo();
+        UNLOCK
+    :: else
+    fi
+}
+
+proctype Giver()
+{
+    bool wakes = false;
+
+    LOCK;
+    USE;
+    count++;
+    given++;
+    if
+    :: waiters == 0
+    :: else ->
+        wakes = true;
+#ifndef WITHOUT_HOLDERS
+        holders++
+#endif
+    fi;
+    UNLOCK;
+    if
+    :: wakes ->
+        atomic { /* Wake(): pthread_cond_signal */
+            USE;
+            if
+            :: parked[0] -> parked[0] = false
+            :: parked[1] -> parked[1] = false
+            :: else
+            fi
+        };
+#ifndef WITHOUT_HOLDERS
+        LetGo()
+#endif
+    :: else
+    fi
+}
+
+init {
+    bool timed;
+    if
+    :: timed = false
+    :: timed = true
+    fi;
+    atomic {
+        run Taker(0, false);
+        run Taker(1, timed);
+        run Giver();
+        run Giver();
+    };
+    end_all_done: timeout ->
+    assert(!alive && leaving == TAKERS && taken == given - count)
+}
