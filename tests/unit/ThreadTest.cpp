@@ -18,6 +18,7 @@
 #include "Layout.h"
 #include "LogSeam.h"
 #include "TestThread.h"
+#include "ThreadNames.h"
 #include "ThreadSeams.h"
 #include "Wait.h"
 
@@ -170,6 +171,10 @@ TEST(ThreadTest, DestroyReleasesStartGateExitGateAndPidSyncInThisOrder)
     TestThread thread;
     ASSERT_TRUE(thread.Create("worker", TEST_STACK_SIZE));
     EXPECT_EQ(watch.Made(), 3);
+    // The exit gate has been given and its giver is gone: a giver that wakes somebody would be the
+    // last to let go of the gate's state.
+    EXPECT_TRUE(Eventually([&] { return thread.HasEnded(); }));
+    EXPECT_TRUE(Eventually([] { return CountThreadsNamed("worker") == 0; }));
     thread.Destroy();
     EXPECT_THAT(watch.Destroyed(), ElementsAre(START_GATE, EXIT_GATE, PID_SYNC));
 }
