@@ -1,4 +1,5 @@
 // Any text may be given as a function's signature: the indices found must lie inside it, in order.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -9,13 +10,10 @@
 
 namespace {
 
-/// A range is absent as a whole or lies inside the text, its last character included.
-bool IsSound(int begin, int end, std::size_t size)
+/// A range lies inside the text, its last character included, or is empty.
+bool IsSound(int begin, int end, int size)
 {
-    if (begin == -1 || end == -1) {
-        return begin == end;
-    }
-    return begin >= 0 && begin <= end && static_cast<std::size_t>(end) < size;
+    return begin >= 0 && begin <= end + 1 && end < size;
 }
 
 } // namespace
@@ -25,9 +23,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // A copy of exactly that size: a character read behind its end is found.
     const std::string text(reinterpret_cast<const char*>(data), size);
     const zor::FunctionIndices found = zor::FindFunctionIndices(std::string_view(text));
-    if (!IsSound(found.classBegin, found.classEnd, size) ||
-        !IsSound(found.functionBegin, found.functionEnd, size) || found.scope < -1 ||
-        found.scope >= static_cast<int>(size == 0 ? 1 : size)) {
+    const int length = static_cast<int>(size);
+    if (!IsSound(found.classBegin, found.classEnd, length) ||
+        !IsSound(found.functionBegin, found.functionEnd, length) || found.scope < -1 ||
+        found.scope >= std::max(length, 1)) {
         abort();
     }
     return 0;
