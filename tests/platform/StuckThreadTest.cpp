@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,14 +16,28 @@
 #include "dlog.h"
 
 /// Where the blocked thread hangs; a frame of its stack, so it must be a function that the loader
-/// knows.
-__attribute__((noinline, visibility("default"))) void HangHere(std::mutex* mutex)
+/// knows. The thread sanitizer lets a signal through to a thread that waits for a semaphore, but
+/// not to one that waits for a mutex.
+__attribute__((noinline, visibility("default"))) void HangHere(sem_t* end)
 {
-    const std::lock_guard<std::mutex> lock(*mutex);
+    while (sem_wait(end) != 0) {
+    }
     asm volatile(""); // a call in the last place would have no frame
 }
 
 namespace {
+
+/// What the blocked thread waits for.
+struct End
+{
+    End() { sem_init(&semaphore, 0, 0); }
+    ~End() { sem_destroy(&semaphore); }
+
+    End(const End&) = delete;
+    End& operator=(const End&) = delete;
+
+    sem_t semaphore{};
+};
 
 /// A thread under supervision with a time-out of a second that then runs what it is given.
 class TCHungThread
@@ -82,13 +96,12 @@ size_t Find(const std::vector<TSLogEntry>& log, const std::string& part, size_t 
 
 TEST_F(StuckThreadTest, BlockedThreadShowsItsOwnStackBeforeTheReport)
 {
-    std::mutex mutex;
-    mutex.lock();
+    End end;
     std::vector<TSLogEntry> log;
     {
-        const TCHungThread thread("blocked", [&mutex] { HangHere(&mutex); });
+        const TCHungThread thread("blocked", [&end] { HangHere(&end.semaphore); });
         log = LogUpToReport("blocked");
-        mutex.unlock();
+        sem_post(&end.semaphore);
     }
     const size_t state = Find(log, "'blocked' (");
     ASSERT_LT(state, log.size());
@@ -122,18 +135,17 @@ TEST_F(StuckThreadTest, SpinningThreadIsToldFromABlockedOne)
 
 TEST_F(StuckThreadTest, ThreadThatBlocksSignalsIsReportedWithoutAStack)
 {
-    std::mutex mutex;
-    mutex.lock();
+    End end;
     std::vector<TSLogEntry> log;
     {
-        const TCHungThread thread("deaf", [&mutex] {
+        const TCHungThread thread("deaf", [&end] {
             sigset_t all;
             sigfillset(&all);
             pthread_sigmask(SIG_SETMASK, &all, nullptr);
-            HangHere(&mutex);
+            HangHere(&end.semaphore);
         });
         log = LogUpToReport("deaf");
-        mutex.unlock();
+        sem_post(&end.semaphore);
     }
     const size_t state = Find(log, "'deaf' (");
     ASSERT_LT(state, log.size());
@@ -147,8 +159,7 @@ TEST_F(StuckThreadTest, ThreadThatBlocksSignalsIsReportedWithoutAStack)
 /// question is not mistaken for it.
 TEST_F(StuckThreadTest, LateAnswerIsNobodysStack)
 {
-    std::mutex mutex;
-    mutex.lock();
+    End end;
     std::atomic<bool> unblocked{false};
     std::vector<TSLogEntry> log;
     {
@@ -157,20 +168,19 @@ TEST_F(StuckThreadTest, LateAnswerIsNobodysStack)
             sigset_t before;
             sigfillset(&all);
             pthread_sigmask(SIG_SETMASK, &all, &before);
-            HangHere(&mutex);
+            HangHere(&end.semaphore);
             pthread_sigmask(SIG_SETMASK, &before, nullptr);
             unblocked.store(true);
         });
         LogUpToReport("late");
-        mutex.unlock();
+        sem_post(&end.semaphore);
     }
     EXPECT_TRUE(unblocked.load());
     m_log.Clear();
-    mutex.lock();
     {
-        const TCHungThread next("next", [&mutex] { HangHere(&mutex); });
+        const TCHungThread next("next", [&end] { HangHere(&end.semaphore); });
         log = LogUpToReport("next");
-        mutex.unlock();
+        sem_post(&end.semaphore);
     }
     EXPECT_LT(Find(log, "HangHere"), log.size());
 }
@@ -186,9 +196,8 @@ TEST(StuckThreadProcessTest, SignalOfTheApplicationIsLeftToIt)
             for (int number = SIGRTMIN; number <= SIGRTMAX; ++number) {
                 signal(number, Ignore);
             }
-            std::mutex mutex;
-            mutex.lock();
-            const TCHungThread thread("kept", [&mutex] { HangHere(&mutex); });
+            End end;
+            const TCHungThread thread("kept", [&end] { HangHere(&end.semaphore); });
             const std::string text = TCPlatformLog::Instance().WaitFor("'kept' (")[0].text;
             bool kept = text.find("it gives no stack") != std::string::npos;
             for (int number = SIGRTMIN; number <= SIGRTMAX; ++number) {
