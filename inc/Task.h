@@ -296,8 +296,8 @@ class ZOR_CORE_API TCMultiQTask : public TCTask
     bool Create(const char* name, unsigned int waitMsec, unsigned long stackSize,
                 unsigned int nQueueSize, unsigned long watchdogTime);
 
-    /// TCTask::Send() into the queue of that index. Synchronous sends are not listed in TCSyncDet. A
-    /// sender that waits for an event which is still in a further queue when the exit event is
+    /// TCTask::Send() into the queue of that index. Synchronous sends are not listed in TCSyncDet.
+    /// A sender that waits for an event which is still in a further queue when the exit event is
     /// handled is not released.
     ///
     /// @return false also if the receiver's task is not a multi-queue task
