@@ -27,6 +27,7 @@ abidw --exported-interfaces-only --drop-undefined-syms --drop-private-types --no
     --headers-dir "$ROOT/inc" --headers-dir "$ROOT/platform/inc" --no-corpus-path \
     --no-comp-dir-path --no-show-locs --no-elf-needed --type-id-style hash \
     --out-file "$present" "$LIBRARY"
+sed -i "s#path='$ROOT/#path='#" "$present" # the same wherever the sources stand
 
 if [ -n "$accept" ]; then
     mkdir -p "$(dirname "$AGREED")"
