@@ -51,7 +51,8 @@ smoke)
     say "every benchmark runs"
     ;;
 compare)
-    "$ROOT/bench/compare/run_all.py" "$bin" --rounds "$rounds" \
+    # The packages are for the system's Python, whatever other one comes first.
+    /usr/bin/python3 "$ROOT/bench/compare/run_all.py" "$bin" --rounds "$rounds" \
         --report "$ROOT/docs/benchmarks.md" --charts "$ROOT/docs/benchmarks"
     ;;
 esac
