@@ -10,8 +10,8 @@
 class PausedSendTrace
 {
  public:
-    PausedSendTrace() {
-    } // NOLINT(modernize-use-equals-default): the union would have no constructor
+    // Not defaulted: the union would leave it without a constructor.
+    PausedSendTrace() {} // NOLINT(modernize-use-equals-default)
     ~PausedSendTrace()
     {
         if (m_begun) {

@@ -496,6 +496,32 @@ TEST_F(TimerTest, FullQueueDoesNotKeepAHandlerFromItsTask)
     EXPECT_EQ(m_releasedOn, m_taskThread);
 }
 
+TEST_F(TimerTest, HandlerKeptOutByAFullQueueGoesWhenTheTaskFindsTheQueueEmptied)
+{
+    Gate idle;
+    Gate goOn;
+    bool first = true; // only the task's thread
+    TestTask task;
+    task.onIdle = [&] {
+        if (std::exchange(first, false)) {
+            idle.Pass();
+            goOn.Wait();
+        }
+    };
+    ASSERT_TRUE(task.Start("idle", 10));
+    ASSERT_TRUE(idle.Wait());
+    {
+        ITimer::TimerHandlerParams params = Params();
+        params.task = &task;
+        const TCTimer timer(params);
+        FillQueue(&task);
+    }
+    EXPECT_TRUE(task.Delete(static_cast<TCHandler*>(&task), nullptr));
+    EXPECT_EQ(m_releases, 0);
+    goOn.Pass();
+    EXPECT_TRUE(Eventually([this] { return m_releases == 1; })); // and no event comes any more
+}
+
 TEST_F(TimerTest, MovedTimerKeepsRunningUnderItsId)
 {
     TCTimer timer;
