@@ -28,7 +28,7 @@
 class ZOR_CORE_API TCQueue : public TCMutex
 {
  public:
-    TCQueue() = default;
+    TCQueue() {} // NOLINT(modernize-use-equals-default): the ring's records are made when used
 
     /// Asserts "FlagCreate() == false" and releases the events still queued.
     ~TCQueue() override;
@@ -145,8 +145,16 @@ class ZOR_CORE_API TCQueue : public TCMutex
     bool FindMatching(const Match& match, unsigned int* found);
     bool DeleteMatching(const Match& match, std::uint64_t maxCount, unsigned int* deleted);
     void MoveRecordLocked(std::uint64_t from, std::uint64_t to);
+    TSEvent* MadeSlotLocked(std::uint64_t index);
 
     static constexpr std::uint64_t Wrap(std::uint64_t index) { return index & (CAPACITY - 1); }
+
+    // Records are made when they are used for the first time, so that a queue in which little ever
+    // happens takes one or two of its ring's eight pages: those below m_madeEnd are, by normal
+    // puts, and those from m_madeBegin on, by priority puts on the way down. The events lie among
+    // them. Guarded as the ring is; the two fit behind the mutex's last field.
+    std::uint16_t m_madeEnd = 0;
+    std::uint16_t m_madeBegin = CAPACITY;
 
     TCSemaphore m_eventCount; ///< synchronised in itself; one unit for every put
 
@@ -158,5 +166,7 @@ class ZOR_CORE_API TCQueue : public TCMutex
     std::uint64_t m_tail = 0;
     std::uint64_t m_head = 0;
     std::uint64_t m_count = 0;
-    std::array<TSEvent, CAPACITY> m_ring;
+    union {
+        std::array<TSEvent, CAPACITY> m_ring;
+    };
 };

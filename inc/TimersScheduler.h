@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -113,7 +114,15 @@ class ZOR_CORE_API TCTimersScheduler
     };
 
     using Wakeups = std::set<TimerWakeupData>;
-    using WakeupIndex = std::map<std::size_t, Wakeups::iterator>;
+
+    /// Where the entry of a timer is: in m_wakeups, or kept here for the next time.
+    struct WakeupPlace
+    {
+        Wakeups::iterator scheduled; ///< meaningless while there is a spare one
+        Wakeups::node_type spare;    ///< empty while the timer is scheduled
+    };
+
+    using WakeupIndex = std::vector<WakeupPlace>;
 
     void m_TimersSchedulerThread();
     void m_ProcessTimerSchedule(Clock::time_point now);
@@ -124,22 +133,20 @@ class ZOR_CORE_API TCTimersScheduler
     bool MustNotifyLocked(const TimerWakeupData& wakeup) const;
     bool IsEarliestLocked(std::size_t id) const;
     void ScheduleLocked(const TimerWakeupData& wakeup);
-    bool UnscheduleLocked(std::size_t id);
+    bool IsScheduledLocked(std::size_t id) const;
+    void UnscheduleLocked(std::size_t id);
     void FinishReset(std::size_t id, TimerSchedule* schedule, bool* notify);
 
-    std::unique_ptr<std::thread> m_thread; ///< owned; null until the first timer
-    std::vector<TimerSchedule>
-        m_scheduledTimers; ///< by id; guarded by m_mutex, as all that follows
+    std::unique_ptr<std::thread> m_thread;       ///< owned; null until the first timer
+    std::deque<TimerSchedule> m_scheduledTimers; ///< by id; guarded by m_mutex, as all that follows
     std::mutex m_mutex;
     std::condition_variable m_condition; ///< the thread waits on it
     Wakeups m_wakeups;                   ///< the scheduled timers, earliest first
-    WakeupIndex m_wakeupIndex;           ///< has an id exactly when m_wakeups has it
+    WakeupIndex m_wakeupIndex;           ///< by id
     std::map<std::size_t, std::chrono::milliseconds> m_pausedTimers; ///< what was left of them
     bool m_running = false;                                          ///< the thread is to go on
     bool m_idle = false; ///< the thread sleeps because nothing is scheduled
 
-    // Kept for use again: searching and allocating would cost more than the rest of an operation.
+    // Kept for use again: searching would cost more than the rest of an operation.
     std::vector<std::size_t> m_freeIds; ///< ids of destroyed timers, a heap with the lowest on top
-    std::vector<Wakeups::node_type> m_spareWakeups;
-    std::vector<WakeupIndex::node_type> m_spareIndices;
 };

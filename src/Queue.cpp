@@ -1,5 +1,6 @@
 #include "Queue.h"
 
+#include <memory>
 #include <mutex>
 #include <new>
 #include <string>
@@ -100,6 +101,8 @@ struct TCQueue::Remains
 TCQueue::~TCQueue()
 {
     TCASSERT(FlagCreate() == false);
+    std::destroy(m_ring.begin(), m_ring.begin() + m_madeEnd);
+    std::destroy(m_ring.begin() + m_madeBegin, m_ring.end());
 }
 
 bool TCQueue::Create()
@@ -243,15 +246,30 @@ TSEvent* TCQueue::TakeSlotLocked(bool priority)
         }
         m_head = Wrap(m_head + CAPACITY - 1);
         ++m_count;
-        return &m_ring[m_head];
+        return MadeSlotLocked(m_head);
     }
     if (m_count + RESERVED_FOR_PRIORITY > CAPACITY - 1) {
         return nullptr;
     }
-    TSEvent* const slot = &m_ring[m_tail];
+    TSEvent* const slot = MadeSlotLocked(m_tail);
     m_tail = Wrap(m_tail + 1);
     ++m_count;
     return slot;
+}
+
+/// The record at @p index, which is made now if it has never been used: then it borders on those
+/// that have been. Making one neither allocates nor throws.
+TSEvent* TCQueue::MadeSlotLocked(std::uint64_t index)
+{
+    if (index < m_madeEnd || index >= m_madeBegin) {
+        return &m_ring[index];
+    }
+    if (index == m_madeEnd) {
+        ++m_madeEnd;
+    } else {
+        m_madeBegin = static_cast<std::uint16_t>(index);
+    }
+    return new (&m_ring[index]) TSEvent;
 }
 
 bool TCQueue::GetSync(TSEvent* event, unsigned long msec, bool skipSync)

@@ -15,8 +15,7 @@ class Reply : public TCSemaphore
         if (!TCSemaphore::Create(0)) {
             return false;
         }
-        m_state->credit.store(t_credit, std::memory_order_relaxed);
-        m_state->skipped.store(t_skipped, std::memory_order_relaxed);
+        m_state->habit.CopyFrom(t_habit);
         return true;
     }
 
@@ -24,8 +23,7 @@ class Reply : public TCSemaphore
     void Wait()
     {
         Take();
-        t_credit = m_state->credit.load(std::memory_order_relaxed);
-        t_skipped = m_state->skipped.load(std::memory_order_relaxed);
+        t_habit.CopyFrom(m_state->habit);
     }
 
     ~Reply() override
@@ -36,6 +34,5 @@ class Reply : public TCSemaphore
     }
 
  private:
-    static inline thread_local int t_credit = State::CREDIT;
-    static inline thread_local unsigned t_skipped = 0;
+    static inline thread_local WatchHabit t_habit;
 };

@@ -31,6 +31,46 @@ class TimeMutexLock
     bool m_held = true;
 };
 
+/// What waiting has taught about watching a count before parking: whether it pays off.
+///
+/// A watch that pays off earns credit for a few that do not. Without credit a wait parks at once,
+/// but for a probe now and then, and the more rarely the more probes have failed in a row. All
+/// relaxed: nothing hangs on it but time.
+struct WatchHabit
+{
+    static constexpr int CREDIT = 4;
+    static constexpr unsigned LEAST_INTERVAL = 32;
+    static constexpr unsigned GREATEST_INTERVAL = 1024;
+
+    std::atomic<int> credit{0};                     ///< how often in a row watching may still fail
+    std::atomic<unsigned> skipped{0};               ///< waits without credit
+    std::atomic<unsigned> interval{LEAST_INTERVAL}; ///< of these one is a probe
+
+    void Paid()
+    {
+        credit.store(CREDIT, std::memory_order_relaxed);
+        interval.store(LEAST_INTERVAL, std::memory_order_relaxed);
+    }
+
+    void Failed()
+    {
+        const int left = credit.load(std::memory_order_relaxed);
+        const unsigned rarer = 2 * interval.load(std::memory_order_relaxed);
+        if (left > 0) {
+            credit.store(left - 1, std::memory_order_relaxed);
+        } else if (rarer <= GREATEST_INTERVAL) {
+            interval.store(rarer, std::memory_order_relaxed);
+        }
+    }
+
+    void CopyFrom(const WatchHabit& other)
+    {
+        credit.store(other.credit.load(std::memory_order_relaxed), std::memory_order_relaxed);
+        skipped.store(other.skipped.load(std::memory_order_relaxed), std::memory_order_relaxed);
+        interval.store(other.interval.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    }
+};
+
 /// The state block of a semaphore.
 ///
 /// It lives as long as the semaphore is created, and longer while a giver has yet to wake somebody:
@@ -43,15 +83,12 @@ struct __attribute__((visibility("hidden"))) TCSemaphore::State
 {
     explicit State(const TCSemaphore* semaphore) : owner(semaphore) {}
 
-    const TCSemaphore* const owner;   ///< for debuggers: whose state a sleeping thread waits on
-    pthread_cond_t condition;         ///< waits on the process-wide mutex
-    std::atomic<int> count;           ///< written under the mutex; watched without it
-    int waiters = 0;                  ///< threads parked; guarded by the mutex
-    std::atomic<int> holders{1};      ///< the semaphore, and givers about to wake somebody
-    std::atomic<int> credit{CREDIT};  ///< how often in a row watching may still fail
-    std::atomic<unsigned> skipped{0}; ///< waits that did not watch
-
-    static constexpr int CREDIT = 4;
+    const TCSemaphore* const owner; ///< for debuggers: whose state a sleeping thread waits on
+    pthread_cond_t condition;       ///< waits on the process-wide mutex
+    std::atomic<int> count;         ///< written under the mutex; watched without it
+    int waiters = 0;                ///< threads parked; guarded by the mutex
+    std::atomic<int> holders{1};    ///< the semaphore, and givers about to wake somebody
+    WatchHabit habit;
 
     /// Lets go; the last one deletes the block.
     void LetGo();
@@ -59,6 +96,7 @@ struct __attribute__((visibility("hidden"))) TCSemaphore::State
     /// Watches the count for about as long as parking and waking would cost, without the mutex.
     /// What it has seen means nothing until the mutex is held.
     void Watch();
+    int LooksAllowed();
 
     /// Waits until there is a unit and takes it. Needs the mutex, which is given back meanwhile.
     void TakeLocked();

@@ -141,28 +141,37 @@ void TCSemaphore::State::LetGo()
     }
 }
 
+/// For how many looks at the count, a pause apart, a wait watches it; 0 when it is to park at once.
+int TCSemaphore::State::LooksAllowed()
+{
+    constexpr int LOOKS = 400;
+    // Two threads that answer each other must both watch, or each finds the other asleep. A probe
+    // is long enough to see the answer of one that has to be woken first.
+    constexpr int PROBE_LOOKS = 8 * LOOKS;
+
+    if (habit.credit.load(std::memory_order_relaxed) > 0) {
+        return LOOKS;
+    }
+    const unsigned skipped = habit.skipped.fetch_add(1, std::memory_order_relaxed) + 1;
+    return skipped % habit.interval.load(std::memory_order_relaxed) == 0 ? PROBE_LOOKS : 0;
+}
+
 void TCSemaphore::State::Watch()
 {
-    constexpr int PAUSES = 400;
-    constexpr unsigned SKIPS = 32;
-
     // All relaxed: the mutex decides, and a wrong guess about watching costs a little time only.
     if (count.load(std::memory_order_relaxed) > 0 || !g_severalProcessors) {
         return;
     }
-    const int left = credit.load(std::memory_order_relaxed);
-    if (left == 0 && skipped.fetch_add(1, std::memory_order_relaxed) % SKIPS != SKIPS - 1) {
-        return;
-    }
-    for (int pause = 0; pause < PAUSES; ++pause) {
+    const int looks = LooksAllowed();
+    for (int look = 0; look < looks; ++look) {
         Relax();
         if (count.load(std::memory_order_relaxed) > 0) {
-            credit.store(CREDIT, std::memory_order_relaxed);
+            habit.Paid();
             return;
         }
     }
-    if (left > 0) {
-        credit.store(left - 1, std::memory_order_relaxed);
+    if (looks > 0) {
+        habit.Failed();
     }
 }
 

@@ -41,6 +41,8 @@ TCTimersScheduler::~TCTimersScheduler()
 
 std::size_t TCTimersScheduler::CreateTimer(milliseconds interval, unsigned int count, TSEvent event)
 {
+    // Of the timer that had the slot before: destroying it may run code that uses timers.
+    std::shared_ptr<ZOREventDataBase> released;
     std::unique_lock<std::mutex> lock(m_mutex);
     if (m_thread == nullptr) {
         m_running = true;
@@ -56,8 +58,8 @@ std::size_t TCTimersScheduler::CreateTimer(milliseconds interval, unsigned int c
         return INVALID_TIMER_ID;
     }
     TimerSchedule& schedule = m_scheduledTimers[newTimerId];
-    // Exchanged: the event of the timer that had the slot goes with the argument, after the mutex.
-    std::swap(schedule.event, event);
+    released = std::move(schedule.event.wrappedData);
+    schedule.event = std::move(event);
     schedule.interval = std::max(interval, ITimer::INTERVAL_MIN);
     schedule.fired = 0;
     schedule.count = count;
@@ -144,12 +146,11 @@ bool TCTimersScheduler::PauseTimer(std::size_t id)
         case TIMER_RESET:
         case TIMER_RUNNING:
         case TIMER_RESUMED: {
-            const auto index = m_wakeupIndex.find(id);
-            if (index == m_wakeupIndex.end()) {
+            if (!IsScheduledLocked(id)) {
                 ZOR_LOG(false, DLOG_INFO, "Id[%zu] Can't find wakeup data!", id);
                 return false;
             }
-            const auto left = index->second->due - Clock::now();
+            const auto left = m_wakeupIndex[id].scheduled->due - Clock::now();
             m_pausedTimers.try_emplace(id, duration_cast<milliseconds>(left));
             UnscheduleLocked(id);
             break;
@@ -283,22 +284,17 @@ bool TCTimersScheduler::m_FireTimer(std::size_t id, TimerSchedule* schedule)
 /// so nothing can fail half-way. Needs m_mutex.
 void TCTimersScheduler::MakeRoomLocked()
 {
+    const std::size_t id = m_scheduledTimers.size();
     Wakeups wakeup;
-    wakeup.insert({Clock::time_point(), 0});
-    WakeupIndex index;
-    index.emplace(0, wakeup.end());
-    if (m_scheduledTimers.size() == m_scheduledTimers.capacity()) {
-        m_scheduledTimers.reserve(std::max<std::size_t>(16, 2 * m_scheduledTimers.size()));
+    wakeup.insert({Clock::time_point(), id});
+    if (id == m_freeIds.capacity()) {
+        const std::size_t capacity = std::max<std::size_t>(16, 2 * id);
+        m_wakeupIndex.reserve(capacity);
+        m_freeIds.reserve(capacity); // last: it says how much room there is
     }
-    const std::size_t capacity = m_scheduledTimers.capacity();
-    m_freeIds.reserve(capacity);
-    m_spareWakeups.reserve(capacity);
-    m_spareIndices.reserve(capacity);
-
-    m_spareWakeups.push_back(wakeup.extract(wakeup.begin()));
-    m_spareIndices.push_back(index.extract(index.begin()));
-    m_freeIds.push_back(m_scheduledTimers.size());
     m_scheduledTimers.emplace_back();
+    m_wakeupIndex.push_back({m_wakeups.end(), wakeup.extract(wakeup.begin())});
+    m_freeIds.push_back(id);
 }
 
 /// The lowest id that no timer has. Needs m_mutex.
@@ -324,24 +320,22 @@ bool TCTimersScheduler::IsEarliestLocked(std::size_t id) const
 /// Enters a timer that is not scheduled. Needs m_mutex.
 void TCTimersScheduler::ScheduleLocked(const TimerWakeupData& wakeup)
 {
-    Wakeups::node_type entry = std::move(m_spareWakeups.back());
-    m_spareWakeups.pop_back();
-    WakeupIndex::node_type index = std::move(m_spareIndices.back());
-    m_spareIndices.pop_back();
-    entry.value() = wakeup;
-    index.key() = wakeup.id;
-    index.mapped() = m_wakeups.insert(std::move(entry)).position;
-    m_wakeupIndex.insert(std::move(index));
+    WakeupPlace& place = m_wakeupIndex[wakeup.id];
+    place.spare.value() = wakeup;
+    // Most timers are due after all others, because most have about the same interval.
+    place.scheduled = m_wakeups.insert(m_wakeups.end(), std::move(place.spare));
 }
 
-/// Takes a timer out of the schedule, if it is there, and keeps the nodes. Needs m_mutex.
-bool TCTimersScheduler::UnscheduleLocked(std::size_t id)
+bool TCTimersScheduler::IsScheduledLocked(std::size_t id) const
 {
-    const auto index = m_wakeupIndex.find(id);
-    if (index == m_wakeupIndex.end()) {
-        return false;
+    return m_wakeupIndex[id].spare.empty();
+}
+
+/// Takes a timer out of the schedule, if it is there, and keeps its entry. Needs m_mutex.
+void TCTimersScheduler::UnscheduleLocked(std::size_t id)
+{
+    WakeupPlace& place = m_wakeupIndex[id];
+    if (place.spare.empty()) {
+        place.spare = m_wakeups.extract(place.scheduled);
     }
-    m_spareWakeups.push_back(m_wakeups.extract(index->second));
-    m_spareIndices.push_back(m_wakeupIndex.extract(index));
-    return true;
 }

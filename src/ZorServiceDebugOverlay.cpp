@@ -1,12 +1,12 @@
 #include "ZorServiceDebugOverlay.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <stdexcept>
 
 #include "Debug.h"
+#include "LogText.h"
 
 namespace {
 
@@ -64,6 +64,10 @@ union Immortal {
 class NameBuffer
 {
  public:
+    // Only the first character counts while nothing has been appended: clearing a kilobyte would
+    // cost more than the name.
+    NameBuffer() { m_text[0] = '\0'; } // cppcheck-suppress uninitMemberVar
+
     void Append(const char* text, size_t size)
     {
         size = std::min(size, sizeof(m_text) - 1 - m_size);
@@ -87,7 +91,7 @@ class NameBuffer
     int Width() const { return static_cast<int>(m_size); }
 
  private:
-    char m_text[NAME_SIZE] = "";
+    char m_text[NAME_SIZE];
     size_t m_size = 0;
 };
 
@@ -152,7 +156,7 @@ void ZORLoggerDLOG::ZORLog(bool flag, log_priority priority, const char* tag, co
 
     const log_priority effective = EffectivePriority(flag, priority);
     const int sequence = NextSequence(effective);
-    vsnprintf(message, sizeof(message), fmt, *args);
+    FormatLogText(message, sizeof(message), fmt, args);
     NameBuffer name;
     BuildQualifiedName(prettyFunction, classBegin, classEnd, functionBegin, functionEnd, &name);
 
@@ -191,7 +195,7 @@ void ZORLoggerDLOG2023::ZORLog(bool flag, log_priority priority, const char* tag
 
     const log_priority effective = EffectivePriority(flag, priority);
     const int sequence = NextSequence(effective);
-    vsnprintf(message, sizeof(message), fmt, *args);
+    FormatLogText(message, sizeof(message), fmt, args);
     NameBuffer name;
     if (IsRange(functionBegin, functionEnd)) {
         name.AppendRange(prettyFunction, functionBegin, functionEnd);

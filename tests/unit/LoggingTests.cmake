@@ -8,6 +8,8 @@ zor_add_test(DebugTest
   SOURCES DebugTest.cpp DiagnosticSeams.cpp
           ${zor_support}/ConsoleSeam.cpp ${zor_support}/LogSeam.cpp)
 zor_add_test(FunctionIndicesTest SOURCES FunctionIndicesTest.cpp)
+zor_add_test(LogTextTest SOURCES LogTextTest.cpp ${PROJECT_SOURCE_DIR}/src/LogText.cpp)
+target_include_directories(LogTextTest PRIVATE ${PROJECT_SOURCE_DIR}/src)
 zor_add_test(LogMacroTest SOURCES LogMacroTest.cpp ${zor_support}/LogSeam.cpp)
 zor_add_test(LoggersTest SOURCES LoggersTest.cpp ${zor_support}/LogSeam.cpp)
 zor_add_test(DlogLoggersTest SOURCES DlogLoggersTest.cpp ${zor_support}/LogSeam.cpp)

@@ -34,6 +34,13 @@ class QueueProbe
     /// Event @p i of the queue, from 0 for the oldest.
     const TSEvent& Event(std::uint64_t i) const { return Slot(Head() + i); }
 
+    /// Whether the record at @p index has been used; before, it is raw memory.
+    bool IsMade(std::uint64_t index) const
+    {
+        return index < FieldAt<std::uint16_t>(m_queue, MADE_END_OFFSET) ||
+               index >= FieldAt<std::uint16_t>(m_queue, MADE_BEGIN_OFFSET);
+    }
+
     /// Whether no record outside of the queued ones keeps an attachment or the memory of a name.
     bool VacatedSlotsAreEmpty() const
     {
@@ -41,7 +48,11 @@ class QueueProbe
         const std::size_t noMemory = std::string().capacity();
         const std::uint64_t head = Head();
         for (std::uint64_t i = Count(); i < CAPACITY; ++i) {
-            const TSEvent& record = ring[(head + i) % CAPACITY];
+            const std::uint64_t index = (head + i) % CAPACITY;
+            if (!IsMade(index)) {
+                continue;
+            }
+            const TSEvent& record = ring[index];
             if (record.wrappedData.get() != nullptr || !record.appName.empty() ||
                 record.appName.capacity() > noMemory) {
                 return false;
@@ -66,6 +77,8 @@ class QueueProbe
     static constexpr std::size_t LOCK_STATE_OFFSET = 16;
     static constexpr std::size_t OWNER_OFFSET = 24;
     static constexpr std::size_t DEPTH_OFFSET = 32;
+    static constexpr std::size_t MADE_END_OFFSET = 36;
+    static constexpr std::size_t MADE_BEGIN_OFFSET = 38;
     static constexpr std::size_t COUNT_STATE_OFFSET = 48;
     static constexpr std::size_t TAIL_OFFSET = 56;
     static constexpr std::size_t HEAD_OFFSET = 64;

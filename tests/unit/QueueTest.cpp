@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <deque>
 #include <memory>
@@ -53,26 +54,78 @@ TEST(QueueLayoutTest, SizeIsThatOfTheFieldsAndOf256Records)
     EXPECT_EQ(sizeof(TCQueue), 80 + 256 * 128u);
 }
 
-TEST(QueueLayoutTest, NewRingHoldsDefaultRecords)
+/// Whether no byte of a record in memory filled with 0xA5 has been written.
+bool IsUntouched(const TSEvent& record)
+{
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&record);
+    return std::all_of(bytes, bytes + sizeof(record),
+                       [](unsigned char byte) { return byte == 0xA5; });
+}
+
+TEST(QueueLayoutTest, RecordsAreTouchedOnlyWhenTheyAreUsed)
 {
     const auto storage = std::make_unique<std::aligned_storage_t<sizeof(TCQueue)>>();
     memset(storage.get(), 0xA5, sizeof(TCQueue));
+    asm volatile("" ::"r"(storage.get())
+                 : "memory"); // the filling is looked at, so it must be done
     auto* queue = new (storage.get()) TCQueue;
     const QueueProbe probe(*queue);
-    EXPECT_EQ(probe.Tail(), 0u);
-    EXPECT_EQ(probe.Head(), 0u);
-    EXPECT_EQ(probe.Count(), 0u);
-    for (std::uint64_t i = 0; i < CAPACITY; ++i) {
-        const TSEvent& record = probe.Slot(i);
-        ASSERT_EQ(record.sync, nullptr);
-        ASSERT_EQ(record.receiver, nullptr);
-        ASSERT_EQ(record.type, 0u);
-        ASSERT_EQ(record.param3, 0xFFFFu);
-        ASSERT_EQ(record.param4, 0xFFFFu);
-        ASSERT_EQ(record.param5, ~std::uint64_t{0});
+    ASSERT_TRUE(queue->Create());
+    const auto touched = [&] {
+        std::vector<std::uint64_t> slots;
+        for (std::uint64_t i = 0; i < CAPACITY; ++i) {
+            if (!IsUntouched(probe.Slot(i))) {
+                slots.push_back(i);
+            }
+        }
+        return slots;
+    };
+    EXPECT_THAT(touched(), IsEmpty());
+
+    TSEvent event;
+    event.type = 1;
+    ASSERT_TRUE(queue->Put(&event, false));
+    ASSERT_TRUE(queue->Put(&event, true));
+    ASSERT_TRUE(queue->Put(&event, true));
+    ASSERT_TRUE(queue->Put(&event, false));
+    EXPECT_THAT(touched(), ElementsAre(0, 1, 254, 255));
+    TSEvent taken;
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_TRUE(queue->GetQData(&taken));
     }
+    ASSERT_TRUE(queue->Put(&event, true)); // into a record that has been used
+    EXPECT_THAT(touched(), ElementsAre(0, 1, 254, 255));
     EXPECT_TRUE(probe.VacatedSlotsAreEmpty());
+    queue->Destroy();
     queue->~TCQueue();
+}
+
+TEST(QueueLayoutTest, EveryRecordIsUsedInTheEndAndReleased)
+{
+    for (const bool priorityFirst : {false, true}) {
+        TCQueue queue;
+        const QueueProbe probe(queue);
+        ASSERT_TRUE(queue.Create());
+        const auto attachment = std::make_shared<ZORManagedEventData<int>>(1);
+        TSEvent event;
+        event.wrappedData = attachment;
+        while (queue.Put(&event, priorityFirst)) {
+        }
+        while (queue.Put(&event, true)) {
+        }
+        EXPECT_EQ(probe.Count(), CAPACITY);
+        event.wrappedData.reset();
+        EXPECT_EQ(attachment.use_count(), static_cast<long>(CAPACITY) + 1);
+        TSEvent taken;
+        for (std::uint64_t i = 0; i < CAPACITY / 2; ++i) {
+            ASSERT_TRUE(queue.GetQData(&taken));
+            ASSERT_EQ(taken.wrappedData, attachment);
+        }
+        taken.wrappedData.reset();
+        EXPECT_TRUE(probe.VacatedSlotsAreEmpty());
+        EXPECT_EQ(attachment.use_count(), static_cast<long>(CAPACITY / 2) + 1);
+        queue.Destroy();
+    }
 }
 
 TEST_F(QueueTest, FieldsFollowTheQueue)
