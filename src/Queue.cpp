@@ -1,5 +1,6 @@
 #include "Queue.h"
 
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -61,6 +62,23 @@ class ReleaseList
     alignas(Attachment) unsigned char m_storage[CAPACITY * sizeof(Attachment)];
     std::size_t m_size = 0;
 };
+
+/// How long to stay away from a mutex that is taken: the longer, the more there is for the other
+/// side to do, which then does it in one run. A put makes way for gets when the queue is full, a
+/// get for puts when it is empty.
+constexpr int LEAST_PAUSES = 30;
+constexpr int MORE_PAUSES = 50;
+constexpr int FULL = 240;
+
+int PausesOfPut(int queued)
+{
+    return LEAST_PAUSES + MORE_PAUSES * std::min(queued, FULL) / FULL;
+}
+
+int PausesOfGet(int queued)
+{
+    return LEAST_PAUSES + MORE_PAUSES * (FULL - std::min(queued, FULL)) / FULL;
+}
 
 void StoreNumber(unsigned int* where, std::uint64_t number)
 {
@@ -160,7 +178,7 @@ bool TCQueue::PutSync(TSEvent* event, bool sync, bool priority)
 /// lock, because taking and giving the lock needs the same mutex.
 bool TCQueue::IsFreeLocked() const
 {
-    return TCMutex::m_semaphore.m_state->CountLocked() > 0;
+    return TCMutex::m_semaphore.m_state->Count() > 0;
 }
 
 /// Lets @p fill write a record into its slot and counts it. Under the process-wide mutex when the
@@ -169,14 +187,14 @@ template <typename Fill>
 bool TCQueue::PlaceWith(const Fill& fill, bool priority)
 {
     {
-        TimeMutexLock lock;
+        TCSemaphore::State* const units = m_eventCount.m_state;
+        TimeMutexLock lock(PausesOfPut(units->Count()));
         if (IsFreeLocked()) {
             TSEvent* const slot = TakeSlotLocked(priority);
             if (slot == nullptr) {
                 return false;
             }
             fill(slot);
-            TCSemaphore::State* const units = m_eventCount.m_state;
             const bool wakes = units->GiveLocked();
             lock.Unlock();
             if (wakes) {
@@ -282,7 +300,7 @@ bool TCQueue::GetSync(TSEvent* event, unsigned long msec, bool skipSync)
         if (msec != 0) {
             units->Watch();
         }
-        TimeMutexLock shared;
+        TimeMutexLock shared(PausesOfGet(units->Count()));
         if (!units->TryLocked(msec)) {
             return false;
         }

@@ -14,7 +14,8 @@
 class TimeMutexLock
 {
  public:
-    TimeMutexLock();
+    /// @param pauses  how long to stay away when the mutex is taken, before the next try
+    explicit TimeMutexLock(int pauses = PAUSES);
     ~TimeMutexLock()
     {
         if (m_held) {
@@ -26,6 +27,8 @@ class TimeMutexLock
     TimeMutexLock& operator=(const TimeMutexLock&) = delete;
 
     void Unlock();
+
+    static constexpr int PAUSES = 60;
 
  private:
     bool m_held = true;
@@ -107,6 +110,6 @@ struct __attribute__((visibility("hidden"))) TCSemaphore::State
     [[nodiscard]] bool GiveLocked();
     void Wake();
 
-    int CountLocked() const { return count.load(std::memory_order_relaxed); }
-    void AddLocked(int units) { count.store(CountLocked() + units, std::memory_order_relaxed); }
+    int Count() const { return count.load(std::memory_order_relaxed); }
+    void AddLocked(int units) { count.store(Count() + units, std::memory_order_relaxed); }
 };

@@ -106,18 +106,17 @@ bool SetNiceness(int kernelId, int priority)
 } // namespace
 
 /// Sleeping on the mutex at once would make the threads that share it alternate, each paying for a
-/// switch. Trying a few times with a pause in between lets each of them work in runs.
-TimeMutexLock::TimeMutexLock()
+/// switch. Trying a few times with pauses in between lets each of them work in runs.
+TimeMutexLock::TimeMutexLock(int pauses)
 {
     constexpr int TRIES = 6;
-    constexpr int PAUSES = 60;
 
     if (g_severalProcessors) {
         for (int i = 0; i < TRIES; ++i) {
             if (pthread_mutex_trylock(&TimeMutex) == 0) {
                 return;
             }
-            for (int pause = 0; pause < PAUSES; ++pause) {
+            for (int pause = 0; pause < pauses; ++pause) {
                 Relax();
             }
         }
@@ -177,7 +176,7 @@ void TCSemaphore::State::Watch()
 
 void TCSemaphore::State::TakeLocked()
 {
-    while (CountLocked() <= 0) {
+    while (Count() <= 0) {
         ++waiters;
         pthread_cond_wait(&condition, &TimeMutex);
         --waiters;
@@ -191,7 +190,7 @@ bool TCSemaphore::State::TryLocked(unsigned long msec)
         TakeLocked();
         return true;
     }
-    while (CountLocked() <= 0) {
+    while (Count() <= 0) {
         timespec deadline;
         if (msec == 0 || !DeadlineAfter(msec, &deadline)) {
             return false;
