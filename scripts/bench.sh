@@ -3,10 +3,12 @@
 #   scripts/bench.sh [--rounds N]   prints the medians of N rounds (5) and their ratio to the best peer,
 #                                   and writes docs/benchmarks.md and a chart for each workload
 #   scripts/bench.sh --micro        runs the micro-benchmarks of the components instead
+#   scripts/bench.sh --idle [SECONDS]   measures what a daemon costs that does nothing, for 60 s
 #   scripts/bench.sh --smoke        runs every benchmark for a moment, to see that none is broken
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 rounds=5
+seconds=60
 mode=compare
 while [ $# -gt 0 ]; do
     case $1 in
@@ -15,9 +17,16 @@ while [ $# -gt 0 ]; do
         rounds=$2
         shift
         ;;
+    --idle)
+        mode=idle
+        if [[ ${2:-} =~ ^[1-9][0-9]*$ ]]; then
+            seconds=$2
+            shift
+        fi
+        ;;
     --micro | --smoke) mode=${1#--} ;;
     -h | --help)
-        sed -n '2,6s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
+        sed -n '2,7s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
         exit 0
         ;;
     *) die "unknown argument '$1'; see scripts/bench.sh --help" ;;
@@ -35,6 +44,11 @@ micro() {
     for program in "$bin"/bench_*; do
         "$program" "$@"
     done
+    # Flagged sends once more, with their calls recorded.
+    local record
+    record=$(mktemp)
+    ZOR_RECORD=$record "$bin/bench_Task" --benchmark_filter=SendFlagged "$@"
+    rm -f "$record"
 }
 
 case $mode in
@@ -48,7 +62,13 @@ smoke)
         [ "${peer##*/}" = peer_raw ] || grep -q '"value":[0-9]' <<<"$output" ||
             die "$peer printed no figure: $output"
     done
+    clear_pid_file
+    python3 "$ROOT/bench/idle/measure.py" "$bin" --seconds 1 --runs 5 >/dev/null
     say "every benchmark runs"
+    ;;
+idle)
+    clear_pid_file
+    python3 "$ROOT/bench/idle/measure.py" "$bin" --seconds "$seconds"
     ;;
 compare)
     # The packages are for the system's Python, whatever other one comes first.

@@ -36,6 +36,7 @@ void ServiceIdToString(benchmark::State& state)
 
 BENCHMARK_CAPTURE(Log, platform_log, ZORLoggerDLOG::Instance());
 BENCHMARK_CAPTURE(Log, platform_log_2023, ZORLoggerDLOG2023::Instance());
+BENCHMARK_CAPTURE(Log, legacy, ZORLoggerLegacy::Instance());
 BENCHMARK(ServiceIdToString);
 
 } // namespace
