@@ -6,6 +6,7 @@ import gdb
 
 # A damaged pointer must not make the tool read for minutes.
 LONGEST_STRING = 4096
+DEQUE_BLOCK = 512  # bytes, unless an element is larger
 LONGEST_LIST = 4096
 
 
@@ -169,10 +170,19 @@ def std_tree(value):
     return found
 
 
-def std_vector(value, type_name):
-    """The elements of a std::vector."""
-    impl = value["_M_impl"]
-    first = int(impl["_M_start"])
+def std_deque(value, type_name):
+    """The elements of a std::deque."""
     size = type_named(type_name).sizeof
-    count = min((int(impl["_M_finish"]) - first) // size, LONGEST_LIST)
-    return [object_at(first + i * size, type_name) for i in range(count)]
+    word = pointer_size()
+    begin = address_of(value) + 2 * word  # behind the map of blocks and its size
+    current, _, last, block = (pointer_at(begin + i * word) for i in range(4))
+    end = pointer_at(begin + 4 * word)
+    found = []
+    while current != end and len(found) < LONGEST_LIST:
+        found.append(object_at(current, type_name))
+        current += size
+        if current == last:
+            block += word
+            current = pointer_at(block)
+            last = current + max(1, DEQUE_BLOCK // size) * size
+    return found
