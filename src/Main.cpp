@@ -50,6 +50,20 @@ void LogBanner()
                  LINE_NOTICE);
 }
 
+/// Takes the places of the standard streams that the process was started without: a file that got
+/// one of these descriptors, the pid file first of all, would be given what is printed and logged.
+/// To read or write such a stream goes on failing with EBADF, for what takes its place is a path
+/// that is not open for either.
+void ReserveStandardStreams()
+{
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+        if (fcntl(stream, F_GETFD) < 0) {
+            // Gets this descriptor, the least that is free. If it fails, so does every open.
+            open("/", O_PATH);
+        }
+    }
+}
+
 /// Makes the pid file, which is what keeps a second daemon from starting: the create is exclusive,
 /// and the file is left behind at the end, by a clean one too.
 bool WritePidFile()
@@ -122,6 +136,7 @@ ZOR_CORE_API int main(int argc, char** argv)
 {
     gArgc = argc;
     gArgv = argv;
+    ReserveStandardStreams();
     PrintProfiling(PROFILING_OPTION, "ZOR main begin");
     LogBanner();
     if (!WritePidFile()) {

@@ -15,7 +15,10 @@ class Greeter : public TCTask
 int Main()
 {
     Greeter greeter;
-    greeter.Create("Greeter", 1000 /* ms until t_Idle */, 65536 /* stack */, 0 /* no watchdog */);
+    if (!greeter.Create("Greeter", 1000 /* ms until t_Idle */, 65536 /* stack */,
+                        0 /* no watchdog */)) {
+        return 1;
+    }
     TSEvent event;
     event.receiver = &greeter;
     event.type = TCTask::EVENT_USER;
@@ -24,5 +27,9 @@ int Main()
     event.type = TCTask::EVENT_EXIT;
     TCTask::Send(&event, false, false);
     greeter.Destroy();
+    if (std::fflush(stdout) != 0) {
+        std::perror("hello: standard output");
+        return 1;
+    }
     return 0;
 }

@@ -22,8 +22,12 @@ constexpr unsigned long UNSUPERVISED = 0;
 } // namespace
 
 DisplayTask::DisplayTask(const Options& options, const ShownTasks& shown, std::ostream& tables,
-                         ProgressLine& progress)
-    : m_options(options), m_shown(shown), m_tables(tables), m_progress(progress)
+                         ProgressLine& progress, Completion& outputLost)
+    : m_options(options),
+      m_shown(shown),
+      m_tables(tables),
+      m_progress(progress),
+      m_outputLost(outputLost)
 {}
 
 bool DisplayTask::Start()
@@ -74,6 +78,9 @@ void DisplayTask::DrawProgress()
 
 void DisplayTask::PrintTableAgain()
 {
+    if (!m_tables) {
+        return;
+    }
     std::optional<ServiceTable> table = m_shown.services.Ask();
     std::optional<TickStatistics> statistics = m_shown.parser.AskStatistics();
     if (!table || !statistics) {
@@ -95,6 +102,9 @@ void DisplayTask::PrintTableAgain()
         m_progress.Around(print);
     } else {
         print(); // a pipe may be full for long, which must not hold up who wants to log
+    }
+    if (!m_tables) {
+        m_outputLost.Set();
     }
 }
 

@@ -5,6 +5,7 @@
 #include <ostream>
 #include <string>
 
+#include "Completion.h"
 #include "Options.h"
 #include "Outcome.h"
 #include "ParserTask.h"
@@ -29,10 +30,11 @@ struct ShownTasks
 class DisplayTask : public TCTask
 {
  public:
-    /// The tasks, the stream and the line must outlive the task; its thread uses them until it has
-    /// ended.
+    /// All that is passed must outlive the task; its thread uses it until it has ended.
+    ///
+    /// @param outputLost  set once a table cannot be written to @p tables; no more are printed then
     DisplayTask(const Options& options, const ShownTasks& shown, std::ostream& tables,
-                ProgressLine& progress);
+                ProgressLine& progress, Completion& outputLost);
 
     /// Whether there is anything to show on the way.
     bool IsNeeded() const { return m_progress.IsVisible() || m_options.every.count() > 0; }
@@ -51,6 +53,7 @@ class DisplayTask : public TCTask
     const ShownTasks m_shown;
     std::ostream& m_tables;
     ProgressLine& m_progress;
+    Completion& m_outputLost;
 
     // The task's thread's only while it runs.
     std::optional<std::uint64_t> m_size; ///< of the file

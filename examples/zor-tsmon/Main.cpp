@@ -38,7 +38,7 @@ int Main()
     if (!commandLine.options) {
         std::cerr << commandLine.error;
         std::cout << commandLine.output;
-        return std::cout.flush() ? commandLine.exitCode : EXIT_FAILURE;
+        return std::cout.flush() ? commandLine.exitCode : tsmon::FailedOutput(std::cerr);
     }
     if (!g_signalsBlocked) {
         std::cerr << "zor-tsmon: signals cannot be taken\n";

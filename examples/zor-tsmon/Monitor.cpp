@@ -36,12 +36,12 @@ class Monitor
     Monitor(const Options& options, Signals& signals, std::ostream& tables, ProgressLine& progress)
         : m_signals(signals),
           m_reader(options.file, options.realtime, m_parser, options.inputTimeout),
-          m_display(options, {m_reader, m_parser, m_services}, tables, progress)
+          m_display(options, {m_reader, m_parser, m_services}, tables, progress, m_outputLost)
     {}
 
     Outcome Run()
     {
-        if (!m_done.IsValid() || !m_signals.IsValid()) {
+        if (!m_done.IsValid() || !m_outputLost.IsValid() || !m_signals.IsValid()) {
             return Failed("no descriptors left to wait for it with");
         }
         if (!m_services.Start()) {
@@ -104,11 +104,19 @@ class Monitor
     /// Returns when everything that was read has been handled.
     void AwaitEnd()
     {
-        pollfd files[] = {{m_done.Descriptor(), POLLIN, 0}, {m_signals.Descriptor(), POLLIN, 0}};
+        pollfd files[] = {{m_done.Descriptor(), POLLIN, 0},
+                          {m_signals.Descriptor(), POLLIN, 0},
+                          {m_outputLost.Descriptor(), POLLIN, 0}};
         while ((files[0].revents & POLLIN) == 0) {
             poll(files, std::size(files), -1);
             while (const std::optional<int> signal = m_signals.Take()) {
                 OnSignal(*signal);
+            }
+            if ((files[2].revents & POLLIN) != 0) {
+                files[2] = {-1, 0, 0}; // it happens once; a negative descriptor is passed over
+                ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_WARN,
+                               "standard output could not be written: reads no more");
+                Stop();
             }
         }
     }
@@ -125,10 +133,15 @@ class Monitor
             default:
                 ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO, "stopped by signal %s: reads no more",
                                Signals::Name(signal));
-                m_stopped = true;
-                m_reader.StopReading();
-                Resume(); // the stop is ahead of everything that waits for the end of a pause
+                Stop();
         }
+    }
+
+    void Stop()
+    {
+        m_stopped = true;
+        m_reader.StopReading();
+        Resume(); // the stop is ahead of everything that waits for the end of a pause
     }
 
     void Pause()
@@ -168,8 +181,9 @@ class Monitor
     }
 
     Signals& m_signals;
-    bool m_stopped = false; ///< a signal to stop has come
+    bool m_stopped = false; ///< the reader has been told to read no more
     Completion m_done;
+    Completion m_outputLost;
     ServicesTask m_services{m_done};
     ParserTask m_parser{m_services};
     ReaderTask m_reader;

@@ -25,6 +25,13 @@ bool IsDirectory(int file)
     return fstat(file, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
+/// Nothing can be read from it in a process that was started without it.
+bool IsStandardInputOpen()
+{
+    const int flags = fcntl(STDIN_FILENO, F_GETFL);
+    return flags >= 0 && (flags & O_PATH) == 0 && (flags & O_ACCMODE) != O_WRONLY;
+}
+
 /// Standard input is opened anew: whoever else has it must not find that it does not wait any more.
 const char* OpenedPath(const std::string& path)
 {
@@ -42,6 +49,9 @@ std::optional<std::uint64_t> SizeOf(const std::string& path)
 
 PacketFile::PacketFile(const std::string& path) : m_chunk(PACKETS_PER_READ * PACKET_SIZE)
 {
+    if (path == STANDARD_INPUT && !IsStandardInputOpen()) {
+        throw InputError("is closed");
+    }
     // Neither the opening of a pipe nor its reading may wait for whoever writes to it.
     m_file = open(OpenedPath(path), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (m_file < 0) {

@@ -61,6 +61,12 @@ std::vector<std::string> Complaints(const Outcome& outcome, bool hasServices)
 
 } // namespace
 
+int FailedOutput(std::ostream& err)
+{
+    err << "zor-tsmon: standard output could not be written\n";
+    return EXIT_FAILURE;
+}
+
 int Report(const std::string& path, const Outcome& outcome, const ReportStyle& style,
            std::ostream& out, std::ostream& err)
 {
@@ -78,8 +84,7 @@ int Report(const std::string& path, const Outcome& outcome, const ReportStyle& s
         err << "zor-tsmon: " << path << ": " << complaint << '\n';
     }
     if (!out.flush()) {
-        err << "zor-tsmon: standard output could not be written\n";
-        return EXIT_FAILURE;
+        return FailedOutput(err);
     }
     return complaints.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

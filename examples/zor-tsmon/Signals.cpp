@@ -23,7 +23,8 @@ sigset_t OwnSignals()
 bool Signals::Block()
 {
     const sigset_t signals = OwnSignals();
-    return pthread_sigmask(SIG_BLOCK, &signals, nullptr) == 0;
+    return signal(SIGPIPE, SIG_IGN) != SIG_ERR &&
+           pthread_sigmask(SIG_BLOCK, &signals, nullptr) == 0;
 }
 
 Signals::Signals()

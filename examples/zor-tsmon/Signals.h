@@ -12,6 +12,9 @@ class Signals
     /// Keeps the signals from the calling thread and from those that it will start. Must be called
     /// before the process has any other thread: one that does not block them is killed by them.
     ///
+    /// SIGPIPE is ignored from then on: a reader of the output that goes away is found by the write
+    /// that fails, not by the death of the process.
+    ///
     /// @return whether they are blocked
     static bool Block();
 

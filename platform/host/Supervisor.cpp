@@ -226,7 +226,7 @@ void TCSupervisor::Monitor()
         } else if (TakeKeepAliveLocked(nowNsec)) {
             // A full socket blocks; registrations and ending threads must not wait for that.
             lock.unlock();
-            sd_notify(0, "WATCHDOG=1");
+            KeepAlive();
         } else {
             plannedNsec = NextLookLocked(nowNsec);
             WaitLocked(plannedNsec);
@@ -298,6 +298,17 @@ void TCSupervisor::WaitLocked(long untilNsec)
            pthread_cond_timedwait(&m_changedCond, m_lock.native_handle(), &until) == 0) {
     }
     m_changed = false;
+}
+
+void TCSupervisor::KeepAlive()
+{
+    const int result = sd_notify(0, "WATCHDOG=1");
+    if (result < 0 && !m_keepAliveFailed) {
+        __dlog_print(LOG_ID_MAIN, DLOG_WARN, TAG,
+                     "NOTIFY_SOCKET: systemd cannot be told that this process lives: %s",
+                     strerror(-result));
+    }
+    m_keepAliveFailed = result < 0;
 }
 
 void TCSupervisor::Report(const TSMiss& miss) const

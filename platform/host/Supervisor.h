@@ -99,6 +99,9 @@ class TCSupervisor
     long NextLookLocked(long nowNsec) const;
     void WaitLocked(long untilNsec);
 
+    /// Says in the log, once until it works again, that systemd could not be told.
+    void KeepAlive();
+
     void Report(const TSMiss& miss) const;
 
     // Guards everything below that says so. Held across fork(). No foreign code runs under it: a
@@ -115,6 +118,7 @@ class TCSupervisor
     long m_resumedNsec = 0;   ///< when the process last went on after a standstill
     long m_keepAliveNsec = 0; ///< interval of WATCHDOG=1; 0 if nobody wants it
     long m_nextKeepAliveNsec = 0;
+    bool m_keepAliveFailed = false; ///< the last one
     bool m_aborts = false;
 };
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "Debug.h"
 #include "Main.h"
 
 // A daemon like any other: it supplies Main() and nothing else. What it does is told by its first
@@ -47,6 +48,10 @@ int Main()
     const char* what = gArgc > 1 ? gArgv[1] : "0";
     if (strcmp(what, "throw") == 0) {
         throw std::runtime_error("out of Main");
+    }
+    if (strcmp(what, "assert") == 0) {
+        TCASSERT_MSG(gArgc == 0, "there are %d arguments\n", gArgc);
+        return 3;
     }
     if (strcmp(what, "wait") == 0) {
         WaitForEndOfInput();
