@@ -212,6 +212,40 @@ TEST_F(TimerMemoryFaultsTest, PauseThrowsAndTheTimerRunsOn)
     EXPECT_TRUE(Eventually([&] { return m_listener->firings == before + 1; }));
 }
 
+TEST_F(TimerMemoryFaultsTest, TimerIsStoppedWithoutMemoryAndItsHandlerDiesOnTheTasksThread)
+{
+    const FaultCase fault("operator new", "TCTimer::~TCTimer",
+                          "the handler goes to the task without the event that should bring it, "
+                          "and dies on the task's thread as always");
+    pthread_t taskThread{};
+    m_task.onUser = [&](const TSEvent*) {
+        taskThread = pthread_self();
+        return true;
+    };
+    EXPECT_TRUE(Post(&m_task));
+    EXPECT_TRUE(Flush(&m_task));
+    std::optional<TCTimer> timer(m_params);
+    {
+        const AllocationFault noMemory(0); // and none is needed
+        timer.reset();
+        EXPECT_FALSE(noMemory.HasHappened());
+    }
+    EXPECT_TRUE(Flush(&m_task));
+    EXPECT_EQ(m_releases, 1);
+
+    timer.emplace(m_params);
+    // So long a name that the event would have to allocate it.
+    TCDebugPrintZOR::GetInstance()->SetAppData("an application with a long name", 7);
+    {
+        const AllocationFault noMemory(0);
+        timer.reset();
+        EXPECT_TRUE(noMemory.HasHappened());
+    }
+    OnAnotherThread([this] { EXPECT_TRUE(Flush(&m_task)); });
+    EXPECT_TRUE(Eventually([this] { return m_releases == 2; }));
+    EXPECT_TRUE(pthread_equal(m_releasedBy, taskThread));
+}
+
 // Recorded sends, in a process of their own: recording is switched on by its environment.
 
 using RecordMemoryFaultsDeathTest = MultiQMemoryFaultsTest;
