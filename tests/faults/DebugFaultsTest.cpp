@@ -171,6 +171,19 @@ TEST_F(DebugFaultsTest, UnprintableTextIsCutWhereItCannotBePrinted)
     EXPECT_THAT(lines[3].text, EndsWith("> level "));
 }
 
+TEST_F(DebugFaultsTest, UnprintableProfilingMarkIsCutWhereItCannotBePrinted)
+{
+    const FaultCase fault("vsnprintf", "PrintProfiling", "the mark ends where printing failed");
+    std::string mark;
+    const Takeover take(prctlSeam, [&mark](int, unsigned long text, unsigned long size) {
+        mark.assign(reinterpret_cast<const char*>(text), size);
+        return 0;
+    });
+    PrintProfiling(666, "mark %ls after", UNPRINTABLE);
+    FaultCase::Injected();
+    EXPECT_EQ(mark, "mark ");
+}
+
 TEST_F(DebugFaultsTest, UnprintableEntryIsCutWhereItCannotBePrinted)
 {
     const FaultCase fault("vsnprintf", "ZORLoggerDLOG::ZORLog, ZORLoggerDLOG2023::ZORLog",

@@ -181,10 +181,16 @@ TEST_F(TaskMemoryFaultsTest, ClearQueueThrowsAndLocksNothing)
                        [this] { ExpectFree(); });
 }
 
-TEST_F(TaskMemoryFaultsTest, DestroyNeedsNoMemory)
+TEST_F(TaskMemoryFaultsTest, ConstructionAndDestroyNeedNoMemory)
 {
-    const FaultCase fault("operator new", "TCTask::Destroy",
-                          "not called: a task can be ended and destroyed without memory");
+    const FaultCase fault("operator new", "TCTask::TCTask, TCTask::Destroy",
+                          "not called: a task can be constructed, ended and destroyed without "
+                          "memory");
+    {
+        const AllocationFault noMemory(0);
+        const TestTask task;
+        EXPECT_FALSE(noMemory.HasHappened());
+    }
     ASSERT_TRUE(m_task.Start());
     TSEvent exit = EventTo(&m_task, TCTask::EVENT_EXIT);
     {

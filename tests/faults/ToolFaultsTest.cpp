@@ -4,7 +4,7 @@
 
 #include <cerrno>
 #include <csignal>
-#include <memory>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -254,8 +254,8 @@ TEST_F(ToolFaultsTest, DebugLibraryThatCannotBeClosedIsIgnored)
 
 /// Shows a box in a child that cannot start its program.
 ///
-/// @return the child's status
-int StatusOfABox()
+/// @return the child's status: 2 if the program was to show another text than @p text
+int StatusOfABox(const std::function<void()>& show, const std::string& text)
 {
     std::optional<pid_t> child;
     int status = -1;
@@ -264,16 +264,25 @@ int StatusOfABox()
             child = forkSeam.Real();
             return *child;
         });
-        const Takeover missing(execlSeam, [](const std::string&, const std::vector<std::string>&) {
-            errno = ENOENT;
-            return -1;
-        });
+        const Takeover missing(
+            execlSeam, [&text](const std::string&, const std::vector<std::string>& arguments) {
+                if (arguments.at(1) != text) {
+                    _exit(2);
+                }
+                errno = ENOENT;
+                return -1;
+            });
         // Its parent wants to know how it ends.
         const Takeover kept(signalSeam, [](int, sighandler_t) { return SIG_DFL; });
-        show_message_box(1, 2, "a box");
+        show();
     }
     EXPECT_EQ(waitpid(child.value_or(-1), &status, 0), child.value_or(-1));
     return status;
+}
+
+int StatusOfABox()
+{
+    return StatusOfABox([] { show_message_box(1, 2, "a box"); }, "a box");
 }
 
 TEST_F(ToolFaultsTest, BoxWithoutAProcessIsNotShown)
@@ -314,6 +323,16 @@ TEST_F(ToolFaultsTest, ChildThatCannotCloseItsStreamsGoesOn)
     }();
     FaultCase::Injected();
     EXPECT_EQ(WEXITSTATUS(status), 1); // it came to where the program was not found
+}
+
+TEST_F(ToolFaultsTest, UnprintableBoxIsCutWhereItCannotBePrinted)
+{
+    const FaultCase fault("vsnprintf", "show_message_box", "the text ends where printing failed");
+    const wchar_t unprintable[] = {0xD800, 0}; // half of a pair is no character in any locale
+    const int status = StatusOfABox(
+        [&unprintable] { show_message_box(1, 2, "before %ls after", unprintable); }, "before ");
+    FaultCase::Injected();
+    EXPECT_EQ(WEXITSTATUS(status), 1);
 }
 
 TEST_F(ToolFaultsTest, FailedShellIsLoggedWithItsStatus)
