@@ -1,5 +1,6 @@
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "PausedSendTrace.h"
 #include "Reply.h"
@@ -19,6 +20,29 @@ constexpr char NOTIFY_THREAD_NAME[] = "MQEventNotify";
 TSCodeLocation g_sendCall("static bool TCMultiQTask::Send(TSEvent*, bool, bool, unsigned int)",
                           "src/Task.cpp", 1435);
 
+/// Undoes a step of the creation that comes to nothing, by a result or by an exception.
+template <typename Step>
+class Undo
+{
+ public:
+    explicit Undo(Step step) : m_step(std::move(step)) {}
+    ~Undo()
+    {
+        if (!m_kept) {
+            m_step();
+        }
+    }
+
+    Undo(const Undo&) = delete;
+    Undo& operator=(const Undo&) = delete;
+
+    void Keep() { m_kept = true; }
+
+ private:
+    Step m_step;
+    bool m_kept = false;
+};
+
 } // namespace
 
 TCMultiQTask::~TCMultiQTask()
@@ -35,41 +59,46 @@ bool TCMultiQTask::Create(const char* name, unsigned int waitMsec, unsigned long
     if (nQueueSize == 0) {
         return false;
     }
+    TaskListEntry entry(this);
     m_running.store(false, std::memory_order_relaxed);
     if (!TCQueue::Create()) {
         return false;
     }
+    Undo queue([this] { TCQueue::Destroy(); });
     if (!CreateQueues(nQueueSize)) {
-        TCQueue::Destroy();
         return false;
     }
     TCHandler::Create(this);
+    Undo handler([this] { TCHandler::Destroy(); });
     m_waitMsec = waitMsec;
     InitLoop(name, waitMsec, watchdogTime);
     if (!CreateThreads(name, stackSize)) {
-        TCHandler::Destroy();
-        TCQueue::Destroy();
         return false;
     }
-    TCTaskList::Register(this);
+    handler.Keep();
+    queue.Keep();
+    entry.Enter();
     return true;
 }
 
 /// Makes the notify semaphore and the queues behind the first. What has been made when one cannot
-/// be made stays behind.
+/// be made stays behind; where only memory is short nothing has been made.
 bool TCMultiQTask::CreateQueues(unsigned int nQueueSize)
 {
+    auto queues = std::make_unique<TCQueue*[]>(nQueueSize);
+    std::vector<std::unique_ptr<TCQueue>> notCreated(nQueueSize);
+    for (unsigned int i = 1; i < nQueueSize; ++i) {
+        notCreated[i] = std::make_unique<TCQueue>();
+    }
     if (!m_notifySemaphore.Create(0)) {
         return false;
     }
-    auto queues = std::make_unique<TCQueue*[]>(nQueueSize);
     queues[0] = this;
     for (unsigned int i = 1; i < nQueueSize; ++i) {
-        auto queue = std::make_unique<TCQueue>();
-        if (!queue->Create()) {
+        if (!notCreated[i]->Create()) {
             return false;
         }
-        queues[i] = queue.release();
+        queues[i] = notCreated[i].release();
     }
     const std::unique_lock<std::shared_mutex> lock(m_queuesMutex);
     m_queueSize = nQueueSize;
@@ -78,16 +107,22 @@ bool TCMultiQTask::CreateQueues(unsigned int nQueueSize)
 }
 
 /// Starts the task's thread and then the notify threads. The task may handle an exit event at once;
-/// its take-down waits until there is all that it takes down.
+/// its take-down waits until there is all that it takes down. Memory is asked for before the thread
+/// runs: a task without notify threads could not be ended.
 bool TCMultiQTask::CreateThreads(const char* name, unsigned long stackSize)
 {
     const std::lock_guard<std::mutex> lock(m_creationMutex);
+    auto threads = std::make_unique<TCEventNotifyThread*[]>(m_queueSize);
+    std::vector<std::unique_ptr<TCEventNotifyThread>> owned(m_queueSize);
+    for (auto& thread : owned) {
+        thread = std::make_unique<TCEventNotifyThread>();
+    }
     if (!TCThread::Create(name, stackSize)) {
         return false;
     }
-    m_notifyThreads = new TCEventNotifyThread*[m_queueSize];
+    m_notifyThreads = threads.release();
     for (unsigned int i = 0; i < m_queueSize; ++i) {
-        m_notifyThreads[i] = new TCEventNotifyThread;
+        m_notifyThreads[i] = owned[i].release();
         m_notifyThreads[i]->Create(NOTIFY_THREAD_NAME, m_pQueueArray[i], &m_notifySemaphore,
                                    m_waitMsec);
     }

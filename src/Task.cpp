@@ -58,6 +58,7 @@ bool TCTask::Create(const char* name, unsigned int waitTime, unsigned long stack
 {
     TCASSERT(FlagCreate() == false);
     TCASSERT(name != NULL);
+    TaskListEntry entry(this);
     m_running.store(false, std::memory_order_relaxed);
     if (!TCQueue::Create()) {
         return false;
@@ -72,7 +73,7 @@ bool TCTask::Create(const char* name, unsigned int waitTime, unsigned long stack
         TCQueue::Destroy();
         return false;
     }
-    TCTaskList::Register(this);
+    entry.Enter();
     return true;
 }
 

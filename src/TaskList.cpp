@@ -58,10 +58,10 @@ void TCTaskList::Finalize()
     m_mutex.Destroy();
 }
 
+/// Belongs to the binary interface; tasks use an entry that they have made beforehand.
 void TCTaskList::Register(const TCTask* task)
 {
-    TaskListLock lock;
-    m_taskList.push_back(task);
+    TaskListEntry(task).Enter();
 }
 
 void TCTaskList::Unregister(const TCTask* task)

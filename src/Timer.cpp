@@ -1,5 +1,6 @@
 #include "Timer.h"
 
+#include <new>
 #include <utility>
 
 #include "Debug.h"
@@ -15,10 +16,13 @@ ITimer::~ITimer() = default;
 class TCTimer::TCTimerHandler : public TCHandler
 {
  public:
+    using Carrier = ZORManagedEventData<std::unique_ptr<TCTimerHandler>>;
+
     explicit TCTimerHandler(const ITimer::TimerHandlerParams& params)
         : m_listener(params.listener),
           m_userDataRelease(params.userDataRelease),
-          m_userData(params.userData)
+          m_userData(params.userData),
+          m_carrier(std::make_shared<Carrier>(nullptr))
     {
         TCHandler::Create(params.task);
     }
@@ -49,11 +53,35 @@ class TCTimer::TCTimerHandler : public TCHandler
         }
     }
 
+    /// An attachment that owns @p handler.
+    static std::shared_ptr<Carrier> Attach(std::unique_ptr<TCTimerHandler> handler)
+    {
+        std::shared_ptr<Carrier> carrier = std::move(handler->m_carrier);
+        carrier->data = std::move(handler);
+        return carrier;
+    }
+
  private:
     std::shared_ptr<ITimerListener> m_listener;
     std::function<void(void*)> m_userDataRelease;
     void* m_userData;
+    std::shared_ptr<Carrier> m_carrier; ///< made beforehand: stopping a timer must not fail
 };
+
+namespace {
+
+/// Whether @p event is on its way: not if the queue is full, or memory is short for what it is
+/// stamped with.
+bool IsSent(TSEvent* event)
+{
+    try {
+        return TCTask::Send(event, false, true);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+} // namespace
 
 TCTimer::TCTimer() : m_timerId(TCTimersScheduler::INVALID_TIMER_ID) {}
 
@@ -127,9 +155,9 @@ void TCTimer::m_Stop()
         TSEvent event;
         event.type = TCTask::EVENT_RESUME;
         event.receiver = task;
-        event.setWrappedData(std::move(m_handler));
-        if (!TCTask::Send(&event, false, true)) {
-            task->ReleaseLaterLocked(std::move(event.wrappedData)); // the queue is full
+        event.wrappedData = TCTimerHandler::Attach(std::move(m_handler));
+        if (!IsSent(&event)) {
+            task->ReleaseLaterLocked(std::move(event.wrappedData));
         }
     }
     task->Unlock();

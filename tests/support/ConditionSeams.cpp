@@ -6,11 +6,15 @@
 namespace zortest {
 
 Seam<int(clockid_t, timespec*)> clockGettimeSeam("clock_gettime");
+Seam<int(pthread_condattr_t*)> condattrInitSeam("pthread_condattr_init");
+Seam<int(pthread_condattr_t*, clockid_t)> condattrSetclockSeam("pthread_condattr_setclock");
 Seam<int(pthread_cond_t*, const pthread_condattr_t*)> condInitSeam("pthread_cond_init");
 Seam<int(pthread_cond_t*)> condDestroySeam("pthread_cond_destroy");
 Seam<int(pthread_cond_t*, pthread_mutex_t*)> condWaitSeam("pthread_cond_wait");
 Seam<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> condTimedwaitSeam(
     "pthread_cond_timedwait");
+Seam<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*)> condClockwaitSeam(
+    "pthread_cond_clockwait");
 Seam<int(pthread_cond_t*)> condSignalSeam("pthread_cond_signal");
 
 ConditionWatch::ConditionWatch(int failing)
@@ -91,6 +95,16 @@ int clock_gettime(clockid_t id, timespec* now) noexcept
     return zortest::clockGettimeSeam(id, now);
 }
 
+int pthread_condattr_init(pthread_condattr_t* attributes) noexcept
+{
+    return zortest::condattrInitSeam(attributes);
+}
+
+int pthread_condattr_setclock(pthread_condattr_t* attributes, clockid_t clock) noexcept
+{
+    return zortest::condattrSetclockSeam(attributes, clock);
+}
+
 int pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t* attributes) noexcept
 {
     return zortest::condInitSeam(condition, attributes);
@@ -110,6 +124,12 @@ int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                            const timespec* deadline)
 {
     return zortest::condTimedwaitSeam(condition, mutex, deadline);
+}
+
+int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                           const timespec* deadline)
+{
+    return zortest::condClockwaitSeam(condition, mutex, clock, deadline);
 }
 
 int pthread_cond_signal(pthread_cond_t* condition) noexcept

@@ -14,10 +14,13 @@
 namespace zortest {
 
 extern Seam<int(clockid_t, timespec*)> clockGettimeSeam;
+extern Seam<int(pthread_condattr_t*)> condattrInitSeam;
+extern Seam<int(pthread_condattr_t*, clockid_t)> condattrSetclockSeam;
 extern Seam<int(pthread_cond_t*, const pthread_condattr_t*)> condInitSeam;
 extern Seam<int(pthread_cond_t*)> condDestroySeam;
 extern Seam<int(pthread_cond_t*, pthread_mutex_t*)> condWaitSeam;
 extern Seam<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> condTimedwaitSeam;
+extern Seam<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*)> condClockwaitSeam;
 extern Seam<int(pthread_cond_t*)> condSignalSeam;
 
 /// Watches condition variables come and go while it lives, and so semaphores, of which each has

@@ -23,6 +23,7 @@
 #include "LoaderSeams.h"
 #include "LogRecord.h"
 #include "LogSeam.h"
+#include "RecordingLogger.h"
 
 namespace {
 
@@ -260,30 +261,12 @@ TEST_F(KeyCombinationTest, LauncherCanBeStartedAgain)
 
 // Functions that cannot be looked up.
 
-/// Shows every text on standard error at once, for a process that is about to die.
-class EchoingLogger : public IZORLogger
-{
- public:
-    void ZORLog(bool, log_priority, const char*, const char*, const char*, const char*, int, int,
-                int, int, int, int, const char* fmt, va_list* args) override
-    {
-        vfprintf(stderr, fmt, *args);
-        fputs("|\n", stderr);
-    }
-
-    const std::string& GetLoggerId() const override
-    {
-        static const std::string id = "echo";
-        return id;
-    }
-};
-
 TEST_F(KeyCombinationTest, MissingInitialiserIsLoggedAndCalledAllTheSame)
 {
     Registration::m_LIBRARY_PATH = EMPTY_LIBRARY;
     EXPECT_EXIT(
         {
-            ZORLogs::getInstance()->AddPlugin(std::make_unique<EchoingLogger>());
+            ZORLogs::getInstance()->AddPlugin(std::make_unique<zortest::EchoingLogger>());
             // What is called is nothing, so this is how it ends; no sanitizer is to report it.
             signal(SIGSEGV, [](int) { _exit(42); });
             Registration::Initialize();

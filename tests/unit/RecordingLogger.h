@@ -130,4 +130,22 @@ class RecordingLogger : public IZORLogger
     std::vector<TSEntry> m_entries; ///< guarded by m_mutex
 };
 
+/// Shows every text on standard error at once, for a process that is about to die.
+class EchoingLogger : public IZORLogger
+{
+ public:
+    void ZORLog(bool, log_priority, const char*, const char*, const char*, const char*, int, int,
+                int, int, int, int, const char* fmt, va_list* args) override
+    {
+        vfprintf(stderr, fmt, *args);
+        fputs("|\n", stderr);
+    }
+
+    const std::string& GetLoggerId() const override
+    {
+        static const std::string id = "echo";
+        return id;
+    }
+};
+
 } // namespace zortest

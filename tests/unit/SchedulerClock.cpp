@@ -7,9 +7,6 @@
 
 namespace zortest {
 
-Seam<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*)> condClockwaitSeam(
-    "pthread_cond_clockwait");
-
 namespace {
 
 using std::chrono::duration_cast;
@@ -152,9 +149,3 @@ void SchedulerClock::Notify()
 }
 
 } // namespace zortest
-
-extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
-                                      clockid_t clock, const timespec* deadline)
-{
-    return zortest::condClockwaitSeam(condition, mutex, clock, deadline);
-}

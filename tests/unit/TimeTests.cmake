@@ -24,4 +24,5 @@ zor_add_time_test(TimersSchedulerModelTest
 zor_add_test(TimersSchedulerLoadTest
   SOURCES TaskSeams.cpp TaskSupport.cpp TimersSchedulerLoadTest.cpp
   PROPERTIES RUN_SERIAL TRUE)
-zor_add_time_test(TimersSchedulerLockTest TimersSchedulerLockTest.cpp)
+zor_add_time_test(TimersSchedulerLockTest
+  TimersSchedulerLockTest.cpp ${time_support}/MutexSeams.cpp)

@@ -8,15 +8,9 @@
 #include <vector>
 
 #include "LogSeam.h"
-#include "Seam.h"
+#include "MutexSeams.h"
 #include "TaskSupport.h"
 #include "TimersScheduler.h"
-
-namespace zortest {
-
-Seam<int(pthread_mutex_t*)> mutexLockSeam("pthread_mutex_lock");
-
-} // namespace zortest
 
 namespace {
 
@@ -24,14 +18,6 @@ using namespace zortest;
 using std::chrono::milliseconds;
 
 thread_local bool tFails = false;
-
-/// The scheduler's mutex is a member of the scheduler.
-bool IsInside(const pthread_mutex_t* mutex, const TCTimersScheduler& scheduler)
-{
-    const auto* at = reinterpret_cast<const char*>(mutex);
-    const auto* begin = reinterpret_cast<const char*>(&scheduler);
-    return at >= begin && at < begin + sizeof(scheduler);
-}
 
 TEST(TimersSchedulerLockTest, MutexThatCannotBeLockedIsThrownAsASystemError)
 {
@@ -71,8 +57,3 @@ TEST(TimersSchedulerLockTest, MutexThatCannotBeLockedIsThrownAsASystemError)
 }
 
 } // namespace
-
-extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
-{
-    return zortest::mutexLockSeam(mutex);
-}

@@ -1,0 +1,18 @@
+#include "MutexSeams.h"
+
+namespace zortest {
+
+Seam<int(pthread_mutex_t*)> mutexLockSeam("pthread_mutex_lock");
+Seam<int(pthread_mutex_t*)> mutexTrylockSeam("pthread_mutex_trylock");
+
+} // namespace zortest
+
+extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
+{
+    return zortest::mutexLockSeam(mutex);
+}
+
+extern "C" int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept
+{
+    return zortest::mutexTrylockSeam(mutex);
+}
