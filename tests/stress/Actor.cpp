@@ -202,10 +202,23 @@ void Actor::SendExit(bool priority)
     exit.receiver = m_task.get();
     exit.type = TCTask::EVENT_EXIT;
     while (!TCTask::Send(&exit, false, priority)) { // the queue is full
-        if (m_task->IsPaused()) {
-            m_task->ResumeAsync();
-        }
+        Resume();
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+void Actor::Resume()
+{
+    ++m_resumesBegun;
+    m_task->ResumeAsync();
+    ++m_resumesEnded;
+}
+
+void Actor::CheckPaused(std::uint64_t resumes)
+{
+    const bool isPaused = m_inPause && m_task->IsPaused();
+    if (!isPaused && m_resumesBegun == resumes) {
+        Complain("it has left a pause that nobody has ended");
     }
 }
 

@@ -61,6 +61,17 @@ class Actor
     AlarmBox* Alarm(unsigned i) const { return m_alarms[i % ALARMS].get(); }
     TimerBox* Timer(unsigned i) const { return m_timers[i % TIMERS].get(); }
 
+    /// Resumes the task, if it is paused.
+    void Resume();
+
+    /// How many resumes have returned; for CheckPaused().
+    std::uint64_t ResumesEnded() const { return m_resumesEnded; }
+
+    /// The task has been paused and must still be, unless somebody has resumed it.
+    /// @param resumes  ResumesEnded(), from before the pause: if no resume has begun beyond these,
+    ///                 none can have come after the pause
+    void CheckPaused(std::uint64_t resumes);
+
     // For the task's thread.
 
     void Handle(const TSEvent& event, Receiver* receiver);
@@ -106,11 +117,13 @@ class Actor
     std::array<std::unique_ptr<TimerBox>, TIMERS> m_timers;
     std::atomic<pthread_t> m_thread{0};   ///< set by itself
     std::atomic<bool> m_loopEnded{false}; ///< set by the task's thread
+    std::atomic<bool> m_inPause{false};   ///< set by the task's thread
+    std::atomic<std::uint64_t> m_resumesBegun{0};
+    std::atomic<std::uint64_t> m_resumesEnded{0};
 
     // Only the task's thread, and who has waited for its end.
     Order m_order;
-    Stamp m_lastEnd = 0; ///< of the handling before
-    bool m_inPause = false;
+    Stamp m_lastEnd = 0;         ///< of the handling before
     std::uint64_t m_users = 0;   ///< user events of the task's own handler
     std::uint64_t m_befores = 0; ///< of which the callback before has handled
     std::uint64_t m_hooks = 0;   ///< and the hook

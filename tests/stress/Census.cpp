@@ -3,15 +3,19 @@
 #include <malloc.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <thread>
+#include <string>
+
+#include "Wait.h"
 
 namespace storm {
 
 namespace {
+
+using zortest::Eventually;
 
 std::size_t EntriesOf(const char* directory)
 {
@@ -28,6 +32,23 @@ std::size_t ResidentBytes()
     return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
 }
 
+/// Threads of the storm, of its tasks, of their queues and of their alarms. One that has only just
+/// begun has its creator's name, but nobody looks then.
+bool HasThreadsOfRounds()
+{
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream file(thread.path() / "comm");
+        std::string name;
+        std::getline(file, name); // empty if the thread has gone meanwhile
+        for (const char* const prefix : {"storm-", "MQEventNotify", "TCAlarm:"}) {
+            if (name.compare(0, strlen(prefix), prefix) == 0) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
 } // namespace
 
 Census TakeCensus()
@@ -40,22 +61,21 @@ Census TakeCensus()
     return census;
 }
 
+std::optional<Census> TakeCensusBetweenRounds()
+{
+    if (!Eventually([] { return !HasThreadsOfRounds(); })) {
+        return std::nullopt;
+    }
+    return TakeCensus();
+}
+
 bool WaitForCensus(const Census& before, Census* after)
 {
-    constexpr std::chrono::seconds PATIENCE(60);
-
-    const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
-    for (;;) {
+    return Eventually([&] {
         *after = TakeCensus();
-        if (after->threads == before.threads && after->descriptors == before.descriptors &&
-            after->heap <= before.heap + HEAP_TOLERANCE) {
-            return true;
-        }
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+        return after->threads == before.threads && after->descriptors == before.descriptors &&
+               after->heap <= before.heap + HEAP_TOLERANCE;
+    });
 }
 
 } // namespace storm

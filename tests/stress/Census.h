@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 
 namespace storm {
 
@@ -19,6 +20,10 @@ Census TakeCensus();
 /// What one round may leave on the heap: caches of threads that live on, and room that containers
 /// of the library keep. One leaked event, task or promise of a thousand makes far more.
 constexpr std::size_t HEAP_TOLERANCE = 256 * 1024;
+
+/// Counts when the last thread of a round has gone, which the round must have ended.
+/// @return nothing if one is still there after a generous time
+std::optional<Census> TakeCensusBetweenRounds();
 
 /// Waits until nothing is left of what has come since @p before. The kernel may list a thread for a
 /// moment after it has been waited for.

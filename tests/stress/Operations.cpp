@@ -44,9 +44,9 @@ bool Worker::Pause(Actor* actor)
     if (!actor->Runs()) {
         return false; // nobody would resume it
     }
-    TCTask* const task = actor->Task();
+    const std::uint64_t resumes = actor->ResumesEnded();
     try {
-        if (!task->Pause()) {
+        if (!actor->Task()->Pause()) {
             return false; // the queue is full
         }
     } catch (const std::future_error&) {
@@ -58,7 +58,8 @@ bool Worker::Pause(Actor* actor)
     for (unsigned deeds = Below(&m_random, 5); deeds > 0; --deeds) {
         ActInPause(actor);
     }
-    task->ResumeAsync(); // others may have done it already
+    actor->CheckPaused(resumes);
+    actor->Resume(); // others may have done it already
     return true;
 }
 

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "ThreadUtil.h"
+
 namespace storm {
 
 Sentinel::Sentinel(const std::vector<std::unique_ptr<Worker>>& workers,
@@ -30,6 +32,7 @@ void Sentinel::Watch()
 {
     constexpr std::chrono::seconds LOOK(1);
 
+    TCThreadUtil::SetCurrentThreadName("storm-sentinel");
     std::vector<std::uint64_t> steps(m_workers.size());
     std::vector<std::int64_t> looks(m_workers.size());
     std::unique_lock<std::mutex> lock(m_mutex);

@@ -5,6 +5,7 @@
 
 #include "Actor.h"
 #include "TCDebugPrint.h"
+#include "ThreadUtil.h"
 
 namespace storm {
 
@@ -54,6 +55,7 @@ Worker::Worker(World* world, unsigned number, std::uint64_t seed)
 
 void Worker::Run(const std::atomic<bool>& stop)
 {
+    TCThreadUtil::SetCurrentThreadName("storm-thread");
     TCDebugPrintZOR::GetInstance()->SetAppData(AppNameOf(m_number).c_str(),
                                                static_cast<signed char>(m_number));
     while (!stop.load(std::memory_order_relaxed)) {
@@ -215,8 +217,8 @@ void Worker::EndActor(Slot* slot, unsigned number)
 void Worker::Drain(Slot* slot)
 {
     while (slot->use.Users() != 0) {
-        if (slot->actor->Runs() && OneIn(&m_random, 4) && slot->actor->Task()->IsPaused()) {
-            slot->actor->Task()->ResumeAsync();
+        if (slot->actor->Runs() && OneIn(&m_random, 4)) {
+            slot->actor->Resume();
         }
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
