@@ -1,0 +1,189 @@
+// What an actor does on its task's thread.
+
+#include <chrono>
+#include <thread>
+
+#include "Actor.h"
+
+namespace storm {
+
+bool Actor::OnStart()
+{
+    m_thread = pthread_self();
+    return !m_refuses;
+}
+
+void Actor::Handle(const TSEvent& event, Receiver* receiver)
+{
+    if (pthread_equal(m_thread, pthread_self()) == 0) {
+        Complain("an event is handled on a foreign thread");
+    }
+    const Facts facts = m_world->ledger.Handle(event.param5, receiver);
+    if (facts.id == 0) {
+        return;
+    }
+    ++m_world->counts.handled;
+    m_users += receiver == m_receiver.get() ? 1 : 0;
+    CheckContents(m_world, event, facts);
+    if (facts.direct) { // it has not gone through a queue
+        return;
+    }
+    if (m_inPause) {
+        Complain("event " + std::to_string(facts.id) + " is handled in a pause");
+    }
+    const std::string wrong = m_order.Check(facts, m_lastEnd);
+    if (!wrong.empty()) {
+        Complain("event " + std::to_string(facts.id) + " of sender " +
+                 std::to_string(facts.sender) + " is out of order: " + wrong);
+    }
+    Act(event.param6);
+    m_lastEnd = NextStamp();
+}
+
+void Actor::OnUser(const TSEvent& event)
+{
+    ++m_hooks;
+    Handle(event, m_receiver.get());
+}
+
+void Actor::NoteFiring(const char* whose, Firings* firings, const TSEvent& event)
+{
+    if (pthread_equal(m_thread, pthread_self()) == 0 || m_inPause) {
+        Complain(std::string("a firing of a ") + whose +
+                 " is handled on a foreign thread or in a "
+                 "pause");
+    }
+    const std::string wrong = firings->Check(event.param2);
+    if (!wrong.empty()) {
+        Complain(std::string("a ") + whose + " is out of order: " + wrong);
+    }
+}
+
+/// From here on nothing is handled. What is left in further queues goes when this event has been
+/// handled, the rest with the task.
+void Actor::OnExit()
+{
+    EndReceivers();
+}
+
+void Actor::EndReceivers()
+{
+    m_receiver->Ends();
+    for (const auto& handler : m_handlers) {
+        handler->receiver->Ends();
+    }
+}
+
+/// Handlers and alarms end here: on any other thread one of their events might be on its way.
+void Actor::OnLoopEnd()
+{
+    for (const auto& alarm : m_alarms) {
+        alarm->End();
+    }
+    for (const auto& handler : m_handlers) {
+        handler->TryEnd();
+        if (handler->FlagCreate()) {
+            Complain("somebody still sends to it");
+        }
+    }
+    m_loopEnded = true;
+}
+
+void Actor::OnPause()
+{
+    if (m_inPause) {
+        Complain("a pause begins in a pause");
+    }
+    m_inPause = true;
+    ++m_world->counts.pausesBegun;
+}
+
+void Actor::OnResume()
+{
+    m_inPause = false;
+    ++m_world->counts.pausesEnded;
+}
+
+void Actor::NoteRelease()
+{
+    ++m_world->counts.timersReleased;
+    if (!m_loopEnded && pthread_equal(m_thread, pthread_self()) == 0) {
+        Complain("a timer's data are released on a foreign thread");
+    }
+}
+
+/// What the sender of an event wants its handler to do. Most want nothing.
+void Actor::Act(std::uint64_t command)
+{
+    constexpr unsigned KINDS = 9;
+    constexpr unsigned OF = 48;
+
+    // 0 is what handlers send: it must not go on for ever.
+    if (command == 0 || command % OF >= KINDS) {
+        return;
+    }
+    Random random(command);
+    switch (command % OF) {
+        case 0:
+        case 1:
+        case 2:
+            SendOn(&random, false);
+            break;
+        case 3:
+            SendOn(&random, true);
+            break;
+        case 4:
+            SendToItself(&random);
+            break;
+        case 5:
+            if (OneIn(&random, 16)) {
+                m_handlers[Below(&random, HANDLERS)]->TryEnd();
+            }
+            break;
+        case 6:
+            if (OneIn(&random, 8)) {
+                m_alarms[Below(&random, ALARMS)]->End();
+            }
+            break;
+        case 7:
+            m_alarms[Below(&random, ALARMS)]->Make(&random);
+            break;
+        default: // a slow handler, so that queues fill
+            std::this_thread::sleep_for(std::chrono::microseconds(Below(&random, 500)));
+            break;
+    }
+}
+
+/// Sends to another task. Synchronously only to one with a higher number: tasks that waited for
+/// each other in a circle would wait for ever. For the same reason nothing here pauses a task.
+void Actor::SendOn(Random* random, bool sync)
+{
+    const auto slots = static_cast<unsigned>(m_world->slots.size());
+    const unsigned first = sync ? m_slot + 1 : 0;
+    if (first >= slots) {
+        return;
+    }
+    Slot& slot = *m_world->slots[first + Below(random, slots - first)];
+    const Use use(&slot.use);
+    if (!use || (sync && !slot.actor->Runs())) {
+        return;
+    }
+    Shot shot = DrawShot(random, slot.actor->Queues());
+    shot.sync = sync;
+    shot.command = 0;
+    ShootAt(slot.actor.get(), m_world->TaskSender(m_slot), shot, Below(random, 64));
+}
+
+/// A synchronous priority event to the task itself, which is handled at once. An ordinary one would
+/// wait for itself and is asserted.
+void Actor::SendToItself(Random* random)
+{
+    Shot shot = DrawShot(random, m_queues);
+    shot.sync = true;
+    shot.priority = true;
+    shot.direct = true;
+    shot.command = 0;
+    Shoot(m_world, m_world->TaskSender(m_slot), Self(), shot);
+}
+
+} // namespace storm
