@@ -6,6 +6,7 @@
 namespace zortest {
 
 Seam<int(clockid_t, timespec*)> clockGettimeSeam("clock_gettime");
+Seam<int(pthread_condattr_t*)> condattrInitSeam("pthread_condattr_init");
 Seam<int(pthread_cond_t*, const pthread_condattr_t*)> condInitSeam("pthread_cond_init");
 Seam<int(pthread_cond_t*)> condDestroySeam("pthread_cond_destroy");
 Seam<int(pthread_cond_t*, pthread_mutex_t*)> condWaitSeam("pthread_cond_wait");
@@ -89,6 +90,11 @@ extern "C" {
 int clock_gettime(clockid_t id, timespec* now) noexcept
 {
     return zortest::clockGettimeSeam(id, now);
+}
+
+int pthread_condattr_init(pthread_condattr_t* attributes) noexcept
+{
+    return zortest::condattrInitSeam(attributes);
 }
 
 int pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t* attributes) noexcept

@@ -186,6 +186,17 @@ TEST_F(QueueWaitTest, UnitsWithoutAnEventAreUsedUpAndTheWaitStartsAgain)
     EXPECT_EQ(m_event.param1, UNTOUCHED);
 }
 
+TEST_F(QueueWaitTest, UnitsWithoutAnEventAreUsedUpByTheHolderOfTheLockToo)
+{
+    TSEvent event;
+    m_queue.Give();
+    m_queue.Lock();
+    EXPECT_FALSE(m_queue.GetSync(&event, 0, false));
+    EXPECT_FALSE(m_queue.Try(0));
+    EXPECT_FALSE(m_queue.GetSyncQData(&event, false));
+    m_queue.Unlock();
+}
+
 TEST_F(QueueWaitTest, UnitsWithoutAnEventDoNotMakeAPollWait)
 {
     const StandingClock clock;

@@ -127,6 +127,18 @@ TEST_F(SemaphoreTest, CreateFailsWithoutACondition)
     EXPECT_TRUE(m_semaphore.Create(1));
 }
 
+TEST_F(SemaphoreTest, CreateFailsWithoutTheConditionsAttributes)
+{
+    const ConditionWatch watch;
+    {
+        const Takeover attributes(condattrInitSeam, [](pthread_condattr_t*) { return ENOMEM; });
+        EXPECT_FALSE(m_semaphore.Create(1));
+    }
+    EXPECT_FALSE(m_semaphore.FlagCreate());
+    EXPECT_EQ(watch.Made(), 0);
+    EXPECT_TRUE(m_semaphore.Create(1));
+}
+
 TEST_F(SemaphoreTest, TryZeroNeitherWaitsNorReadsTheClock)
 {
     ASSERT_TRUE(m_semaphore.Create(0));
