@@ -71,6 +71,8 @@ class Finder:
             if not cursor.is_definition():
                 return
             function = self.qualified(cursor)
+        if cursor.kind == CursorKind.CXX_UNARY_EXPR:
+            return  # sizeof asks for the type only
         self.mutate(cursor, function)
         # What stands in the argument of a macro has no place of its own.
         if self.is_macro(cursor):

@@ -142,6 +142,30 @@ TEST_F(QueueWaitTest, GetForEverWaitsForAPut)
     queue.Destroy();
 }
 
+TEST_F(QueueWaitTest, PutWakesAGetWhenTheOtherSemaphoresAreFree)
+{
+    const ConditionWatch watch;
+    TCQueue queue;
+    ASSERT_TRUE(queue.Create());
+    std::atomic<bool> given{false};
+    std::thread user;
+    const Takeover signal(condSignalSeam, [&](pthread_cond_t* condition) {
+        user = std::thread([&] {
+            m_queue.Give();
+            given = true;
+        });
+        EXPECT_TRUE(Eventually([&] { return given.load(); }));
+        return condSignalSeam.Real(condition);
+    });
+    std::thread consumer([&] { EXPECT_TRUE(queue.Get(&m_event, FOR_EVER)); });
+    EXPECT_TRUE(Eventually([&] { return watch.WaitedFor(COUNT_SEMAPHORE); }));
+    TSEvent event = EventFor(&m_receiver, 0, 1);
+    EXPECT_TRUE(queue.Put(&event, false));
+    consumer.join();
+    user.join();
+    queue.Destroy();
+}
+
 TEST_F(QueueWaitTest, TimedGetIsEndedByAPut)
 {
     std::atomic<bool> waiting{false};

@@ -279,6 +279,30 @@ TEST_F(SemaphoreTest, GiveSignalsOneWaiterEachTime)
     EXPECT_EQ(released, 2);
 }
 
+TEST_F(SemaphoreTest, TakerIsWokenWhenTheOtherSemaphoresAreFree)
+{
+    const ConditionWatch watch;
+    ASSERT_TRUE(m_semaphore.Create(0));
+    TCSemaphore other;
+    ASSERT_TRUE(other.Create(0));
+    std::atomic<bool> given{false};
+    std::thread user;
+    const Takeover signal(condSignalSeam, [&](pthread_cond_t* condition) {
+        user = std::thread([&] {
+            other.Give();
+            given = true;
+        });
+        EXPECT_TRUE(Eventually([&] { return given.load(); }));
+        return condSignalSeam.Real(condition);
+    });
+    std::thread taker([this] { m_semaphore.Take(); });
+    EXPECT_TRUE(Eventually([&] { return watch.WaitedFor(0); }));
+    m_semaphore.Give();
+    taker.join();
+    user.join();
+    other.Destroy();
+}
+
 TEST_F(SemaphoreTest, TakerMayDestroyItAsSoonAsItIsReleased)
 {
     constexpr int ROUNDS = 20000;
