@@ -196,12 +196,8 @@ def explanations():
         if len(lines) < 4 or lines[1][:4] != "  - " or lines[2][:4] != "  + ":
             die(f"{EXPLAINED}: not a file and function, an old and a new line and a reason:\n{block}")
         file, function = (lines[0].split(" ", 1) + [""])[:2]
-        known[(file, function, lines[1][4:], lines[2][4:])] = " ".join(lines[3:])
+        known[(file, function, lines[1][4:], lines[2][4:])] = " ".join(" ".join(lines[3:]).split())
     return known
-
-
-def key_of(result):
-    return (result["file"], result["function"], result["original"], result["mutated"])
 
 
 def read_results():
@@ -219,14 +215,12 @@ def read_results():
 
 def report(results):
     """Prints survivors and the table; returns whether enough was noticed."""
-    known = explanations()
     survivors = [r for r in results if r["result"] == "survived"]
     for result in sorted(survivors, key=lambda r: (r["file"], r["line"])):
-        explained = known.get(key_of(result))
         print(f"\n{result['file']}:{result['line']} {result['function']} [{result['id']}]"
               f"\n  - {result['original']}\n  + {result['mutated']}")
-        if explained:
-            print(f"  explained: {explained.strip()}")
+        if result["explained"]:
+            print(f"  explained: {result['explained']}")
     print(f"\n{'file':28} {'mutants':>7} {'noticed':>7} {'hung':>5} {'survived':>8} {'explained':>9}"
           f" {'broken':>6} {'noticed %':>9}")
     total = Counter()
@@ -243,7 +237,7 @@ def report(results):
                 count["hung"] += result["result"] == "hung"
                 survived = result["result"] == "survived"
                 count["survived"] += survived
-                count["explained"] += survived and key_of(result) in known
+                count["explained"] += survived and bool(result["explained"])
             total += count
         share = 100 * count["noticed"] / max(1, count["mutants"])
         print(f"{file:28} {count['mutants']:7} {count['noticed']:7} {count['hung']:5}"
@@ -336,9 +330,10 @@ def main():
             done = read_results()
             rest = [m for m in mutants if m.id not in done]
             run_all(rest, library, measure(library, files), args)
-        results = read_results()
+        results, known = read_results(), explanations()
         for mutant_id in wanted.keys() & results.keys():
             results[mutant_id]["line"] = wanted[mutant_id].line
+            results[mutant_id]["explained"] = known.get(wanted[mutant_id].key(), "")
         return 0 if report([r for i, r in results.items() if i in wanted]) else 1
 
 

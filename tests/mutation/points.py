@@ -29,6 +29,7 @@ class Mutant:
     begin: int
     end: int
     text: bytes
+    number: int = 1  # among those of its function with the same texts
     original: str = ""  # the changed lines, in one
     mutated: str = ""
     id: str = ""
@@ -38,7 +39,8 @@ class Mutant:
 
     def key(self):
         """What stays the same while lines move."""
-        return (self.file, self.function, self.original, self.mutated)
+        number = f" ({self.number})" if self.number > 1 else ""
+        return (self.file, self.function + number, self.original, self.mutated)
 
 
 def one_line(text):
@@ -241,8 +243,9 @@ class Finder:
             if (mutant.begin, mutant.end, mutant.text) in unique:
                 continue
             unique[(mutant.begin, mutant.end, mutant.text)] = mutant
-            number = seen[mutant.key()] = seen.get(mutant.key(), 0) + 1
-            digest = hashlib.sha1(repr((mutant.key(), number)).encode())
+            alike = mutant.key()
+            mutant.number = seen[alike] = seen.get(alike, 0) + 1
+            digest = hashlib.sha1(repr((alike, mutant.number)).encode())
             mutant.id = digest.hexdigest()[:8]
         self.mutants = list(unique.values())
 

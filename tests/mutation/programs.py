@@ -4,8 +4,8 @@ What is left out is after order and speed, and takes longer than it is worth her
 """
 
 SEMAPHORES = ["SemaphoreSingleProcessorTest", "SemaphoreTest", "MutexTest"]
-QUEUES = ["QueueTest", "QueueThreadTest:-*MillionEvents*", "QueueAllocationTest",
-          "QueueModelTest:*DoWhatTheRulesSay/1"]
+QUEUES = ["QueueSectionTest", "QueueTest", "QueueThreadTest:-*MillionEvents*",
+          "QueueAllocationTest", "QueueModelTest:*DoWhatTheRulesSay/1"]
 TASKS = ["TaskTest", "SendTest", "PingTest", "TaskListTest", "PauseTest", "TrapPointTest",
          "WatchdogNotifierTest", "MultiQTaskTest"]
 TIMERS = ["TimerTest:-*TenThousand*", "TimersSchedulerTest", "TimersSchedulerClockTest",
