@@ -266,6 +266,8 @@ def options():
     parser.add_argument("--list", action="store_true", help="print the mutants and try none")
     parser.add_argument("--resume", action="store_true",
                         help="keep the results of earlier runs and leave those mutants out")
+    parser.add_argument("--retry", action="store_true",
+                        help="as --resume, and try those again that have survived")
     parser.add_argument("--report", action="store_true", help="print the results so far and try none")
     return parser.parse_args()
 
@@ -325,9 +327,11 @@ def main():
             die("there is no such mutant; scripts/mutate.sh --list shows all")
         wanted = {m.id: m for m in mutants}
         if not args.report:
-            if not args.resume:
+            if not args.resume and not args.retry:
                 RESULTS.unlink(missing_ok=True)
             done = read_results()
+            if args.retry:
+                done = {i: r for i, r in done.items() if r["result"] != "survived"}
             rest = [m for m in mutants if m.id not in done]
             run_all(rest, library, measure(library, files), args)
         results, known = read_results(), explanations()

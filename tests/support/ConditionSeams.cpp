@@ -7,6 +7,7 @@ namespace zortest {
 
 Seam<int(clockid_t, timespec*)> clockGettimeSeam("clock_gettime");
 Seam<int(pthread_condattr_t*)> condattrInitSeam("pthread_condattr_init");
+Seam<int(pthread_condattr_t*)> condattrDestroySeam("pthread_condattr_destroy");
 Seam<int(pthread_cond_t*, const pthread_condattr_t*)> condInitSeam("pthread_cond_init");
 Seam<int(pthread_cond_t*)> condDestroySeam("pthread_cond_destroy");
 Seam<int(pthread_cond_t*, pthread_mutex_t*)> condWaitSeam("pthread_cond_wait");
@@ -95,6 +96,11 @@ int clock_gettime(clockid_t id, timespec* now) noexcept
 int pthread_condattr_init(pthread_condattr_t* attributes) noexcept
 {
     return zortest::condattrInitSeam(attributes);
+}
+
+int pthread_condattr_destroy(pthread_condattr_t* attributes) noexcept
+{
+    return zortest::condattrDestroySeam(attributes);
 }
 
 int pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t* attributes) noexcept

@@ -284,10 +284,11 @@ TEST_F(ClearQueueDeathTest, HandlingWithoutATaskOrAnEventAsserts)
 {
     TestTask idle;
     const TSEvent event;
-    EXPECT_ASSERT_DEATH(idle.OnClearQueue(&event), "FlagCreate() == true");
-    EXPECT_ASSERT_DEATH(idle.t_OnClearQueue(&event), "FlagCreate() == true");
-    EXPECT_ASSERT_DEATH(m_task.OnClearQueue(nullptr), "event != NULL");
-    EXPECT_ASSERT_DEATH(m_task.TCTask::t_OnClearQueue(nullptr), "event != NULL");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.OnClearQueue(&event), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.t_OnClearQueue(&event), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", m_task.OnClearQueue(nullptr), "event != NULL");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", m_task.TCTask::t_OnClearQueue(nullptr),
+                           "event != NULL");
 }
 
 TEST_F(ClearQueueDeathTest, EventWithoutPromiseEndsTheProcess)

@@ -248,8 +248,8 @@ TEST_F(PingTest, HandlingWithoutATaskOrAnEventAsserts)
 {
     TestTask idle;
     const TSEvent event;
-    EXPECT_ASSERT_DEATH(idle.OnPing(&event), "FlagCreate() == true");
-    EXPECT_ASSERT_DEATH(m_task.OnPing(nullptr), "event != NULL");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.OnPing(&event), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", m_task.OnPing(nullptr), "event != NULL");
 }
 
 /// Stops a pinging thread between its look-up of the task and the queuing of the ping.

@@ -1,7 +1,5 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <functional>
 #include <memory>
 #include <string>
@@ -102,21 +100,15 @@ INSTANTIATE_TEST_SUITE_P(
 
 using QueueMisuseDeathTest = QueueTest;
 
-/// Expects that @p statement dies of an assertion of the queue's own, not of one of its lock or
-/// count, which have the same text.
-#define EXPECT_DEATH_IN_QUEUE(statement, expression)   \
-    EXPECT_EXIT(                                       \
-        statement, ::testing::KilledBySignal(SIGABRT), \
-        ::testing::AllOf(HasAssertionReport(expression), ::testing::HasSubstr("Queue.cpp")))
-
 TEST_F(QueueMisuseDeathTest, SecondCreateAsserts)
 {
-    EXPECT_DEATH_IN_QUEUE(m_queue.Create(), "FlagCreate() == false");
+    EXPECT_ASSERT_DEATH_IN("Queue.cpp", m_queue.Create(), "FlagCreate() == false");
 }
 
 TEST_F(QueueMisuseDeathTest, DestructionWithoutDestroyAsserts)
 {
-    EXPECT_DEATH_IN_QUEUE(
+    EXPECT_ASSERT_DEATH_IN(
+        "Queue.cpp",
         {
             auto queue = std::make_unique<TCQueue>();
             queue->Create();
@@ -128,7 +120,7 @@ TEST_F(QueueMisuseDeathTest, DestructionWithoutDestroyAsserts)
 TEST_F(QueueMisuseDeathTest, SecondDestroyAsserts)
 {
     m_queue.Destroy();
-    EXPECT_DEATH_IN_QUEUE(m_queue.Destroy(), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("Queue.cpp", m_queue.Destroy(), "FlagCreate() == true");
 }
 
 } // namespace

@@ -139,6 +139,28 @@ TEST_F(SemaphoreTest, CreateFailsWithoutTheConditionsAttributes)
     EXPECT_TRUE(m_semaphore.Create(1));
 }
 
+TEST_F(SemaphoreTest, CreateDestroysTheConditionsAttributesAlsoWhenItFails)
+{
+    int made = 0;
+    int destroyed = 0;
+    const Takeover init(condattrInitSeam, [&](pthread_condattr_t* attributes) {
+        ++made;
+        return condattrInitSeam.Real(attributes);
+    });
+    const Takeover destroy(condattrDestroySeam, [&](pthread_condattr_t* attributes) {
+        ++destroyed;
+        return condattrDestroySeam.Real(attributes);
+    });
+    {
+        const ConditionWatch watch(0);
+        EXPECT_FALSE(m_semaphore.Create(1));
+    }
+    EXPECT_EQ(destroyed, 1);
+    EXPECT_TRUE(m_semaphore.Create(1));
+    EXPECT_EQ(made, 2);
+    EXPECT_EQ(destroyed, 2);
+}
+
 TEST_F(SemaphoreTest, TryZeroNeitherWaitsNorReadsTheClock)
 {
     ASSERT_TRUE(m_semaphore.Create(0));
