@@ -8,6 +8,7 @@ namespace zortest {
 Seam<int(clockid_t, timespec*)> clockGettimeSeam("clock_gettime");
 Seam<int(pthread_condattr_t*)> condattrInitSeam("pthread_condattr_init");
 Seam<int(pthread_condattr_t*, clockid_t)> condattrSetclockSeam("pthread_condattr_setclock");
+Seam<int(pthread_condattr_t*)> condattrDestroySeam("pthread_condattr_destroy");
 Seam<int(pthread_cond_t*, const pthread_condattr_t*)> condInitSeam("pthread_cond_init");
 Seam<int(pthread_cond_t*)> condDestroySeam("pthread_cond_destroy");
 Seam<int(pthread_cond_t*, pthread_mutex_t*)> condWaitSeam("pthread_cond_wait");
@@ -103,6 +104,11 @@ int pthread_condattr_init(pthread_condattr_t* attributes) noexcept
 int pthread_condattr_setclock(pthread_condattr_t* attributes, clockid_t clock) noexcept
 {
     return zortest::condattrSetclockSeam(attributes, clock);
+}
+
+int pthread_condattr_destroy(pthread_condattr_t* attributes) noexcept
+{
+    return zortest::condattrDestroySeam(attributes);
 }
 
 int pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t* attributes) noexcept

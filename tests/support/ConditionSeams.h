@@ -16,6 +16,7 @@ namespace zortest {
 extern Seam<int(clockid_t, timespec*)> clockGettimeSeam;
 extern Seam<int(pthread_condattr_t*)> condattrInitSeam;
 extern Seam<int(pthread_condattr_t*, clockid_t)> condattrSetclockSeam;
+extern Seam<int(pthread_condattr_t*)> condattrDestroySeam;
 extern Seam<int(pthread_cond_t*, const pthread_condattr_t*)> condInitSeam;
 extern Seam<int(pthread_cond_t*)> condDestroySeam;
 extern Seam<int(pthread_cond_t*, pthread_mutex_t*)> condWaitSeam;

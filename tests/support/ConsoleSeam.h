@@ -63,3 +63,9 @@ std::vector<std::string> AssertionsOf(const std::function<void()>& function);
 #define EXPECT_ASSERT_DEATH(statement, expression)             \
     EXPECT_EXIT(statement, ::testing::KilledBySignal(SIGABRT), \
                 ::zortest::HasAssertionReport(expression))
+
+/// The same, of an assertion in that source: what it stands on may assert the same text.
+#define EXPECT_ASSERT_DEATH_IN(file, statement, expression)                 \
+    EXPECT_EXIT(statement, ::testing::KilledBySignal(SIGABRT),              \
+                ::testing::AllOf(::zortest::HasAssertionReport(expression), \
+                                 ::testing::HasSubstr(file ":")))

@@ -265,6 +265,19 @@ TEST_F(AlarmTest, OtherEventTypesAreAssertedAndRefused)
                 ElementsAre("event->type == EVENT_ALARM"));
 }
 
+TEST_F(AlarmTest, AlarmWithoutAHookOfItsOwnAnswersFalse)
+{
+    TCAlarm plain;
+    ASSERT_TRUE(plain.Create(&m_task, LONG_INTERVAL, 1));
+    const TSEvent event = EventTo(&plain, TCAlarm::EVENT_ALARM);
+    EXPECT_FALSE(plain.t_OnAlarm(&event));
+    EXPECT_FALSE(plain.t_OnEvent(&event));
+    EXPECT_ASSERT_DEATH(plain.t_OnAlarm(nullptr), "event != NULL");
+    plain.Destroy();
+    EXPECT_ASSERT_DEATH(plain.t_OnAlarm(&event), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH(plain.t_OnEvent(&event), "FlagCreate() == true");
+}
+
 TEST_F(AlarmTest, MisuseIsAsserted)
 {
     TestAlarm alarm;

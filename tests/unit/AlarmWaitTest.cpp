@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -14,6 +15,7 @@
 #include "CallbackNameSeam.h"
 #include "ConditionSeams.h"
 #include "ConsoleSeam.h"
+#include "StateAlarm.h"
 #include "TaskSupport.h"
 #include "ThreadSeams.h"
 
@@ -269,6 +271,23 @@ TEST_P(AlarmFailureTest, CreateWithoutASemaphoreFailsAndLeavesNothing)
 }
 
 INSTANTIATE_TEST_SUITE_P(Semaphores, AlarmFailureTest, ::testing::Range(0, 5));
+
+TEST_P(AlarmFailureTest, CreateOfAStateAlarmFailsAsWell)
+{
+    std::atomic<int> users{0};
+    TestTask task;
+    task.onUser = [&users](const TSEvent*) { return ++users > 0; };
+    ASSERT_TRUE(task.Start());
+    TCStateAlarm alarm;
+    {
+        const ConditionWatch watch(GetParam());
+        EXPECT_FALSE(alarm.Create(&task, TCTask::EVENT_USER, 10, 1));
+    }
+    EXPECT_FALSE(alarm.FlagCreate());
+    ASSERT_TRUE(alarm.Create(&task, TCTask::EVENT_USER, 10, 1));
+    EXPECT_TRUE(Eventually([&users] { return users == 1; }));
+    alarm.Destroy();
+}
 
 using AlarmThreadFailureTest = AlarmWaitTest;
 

@@ -8,6 +8,7 @@
 #include <typeinfo>
 #include <vector>
 
+#include "ConsoleSeam.h"
 #include "LogSeam.h"
 #include "TaskSupport.h"
 
@@ -278,6 +279,17 @@ TEST_F(ClearQueueHookTest, EventWithoutPromiseThrowsBadCastAfterTheHook)
 }
 
 using ClearQueueDeathTest = ClearQueueTest;
+
+TEST_F(ClearQueueDeathTest, HandlingWithoutATaskOrAnEventAsserts)
+{
+    TestTask idle;
+    const TSEvent event;
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.OnClearQueue(&event), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.t_OnClearQueue(&event), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", m_task.OnClearQueue(nullptr), "event != NULL");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", m_task.TCTask::t_OnClearQueue(nullptr),
+                           "event != NULL");
+}
 
 TEST_F(ClearQueueDeathTest, EventWithoutPromiseEndsTheProcess)
 {

@@ -195,6 +195,16 @@ TEST_F(EventTest, MoveHasEveryField)
     EXPECT_EQ(target.wrappedData.use_count(), 1);
 }
 
+TEST_F(EventTest, MoveOntoItselfChangesNothing)
+{
+    m_event.appName = LONG_NAME;
+    TSEvent& same = m_event;
+    m_event = std::move(same);
+    ExpectScalars(m_event);
+    EXPECT_EQ(m_event.appName, LONG_NAME);
+    EXPECT_EQ(Attached(m_event), 14);
+}
+
 TEST_F(EventTest, MovedFromEventHasNeitherNameNorAttachmentButItsOtherFields)
 {
     TSEvent target;

@@ -3,6 +3,9 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 #include <set>
 #include <string>
@@ -35,6 +38,31 @@ using testing::IsEmpty;
 using zortest::Gate;
 using zortest::RecordingLogger;
 using zortest::Takeover;
+
+/// Logs an entry of its own before it reads the arguments of the one that it gets.
+class NestingLogger : public IZORLogger
+{
+ public:
+    void ZORLog(bool /*flag*/, log_priority /*priority*/, const char* /*tag*/, const char* /*file*/,
+                const char* /*prettyFunction*/, const char* /*function*/, int /*scope*/,
+                int /*classBegin*/, int /*classEnd*/, int /*functionBegin*/, int /*functionEnd*/,
+                int /*line*/, const char* fmt, va_list* args) override
+    {
+        if (strncmp(fmt, "outer", strlen("outer")) == 0) {
+            ZOR_LOG(false, DLOG_INFO, "inner %d %s", 4, "five");
+        }
+        char message[256];
+        vsnprintf(message, sizeof(message), fmt, *args);
+        messages.emplace_back(message);
+    }
+
+    const std::string& GetLoggerId() const override { return m_id; }
+
+    std::vector<std::string> messages;
+
+ private:
+    const std::string m_id = "nesting";
+};
 
 class LoggingFrontTest : public ::testing::Test
 {
@@ -230,6 +258,24 @@ TEST_F(LoggingFrontTest, EveryLoggerGetsAFreshArgumentList)
     ZOR_LOG(false, DLOG_INFO, "%s %d %.2f %s", "one", 2, 3.25, "four");
     EXPECT_EQ(m_logger.Messages().back(), "one 2 3.25 four");
     EXPECT_THAT(order, ElementsAre("a:one 2 3.25 four", "b:one 2 3.25 four"));
+}
+
+TEST_F(LoggingFrontTest, LoggerThatLogsStillHasTheArgumentsOfTheEntryAround)
+{
+    NestingLogger nesting;
+    m_front->SetLoggingSystem(&nesting);
+    nesting.messages.clear();
+    ZOR_LOG(false, DLOG_INFO, "outer %s %d %.2f", "one", 2, 3.25);
+    m_front->SetLoggingSystem(&m_logger);
+    EXPECT_THAT(nesting.messages, ElementsAre("inner 4 five", "outer one 2 3.25"));
+}
+
+TEST_F(LoggingFrontTest, NullPluginIsAssertedAndNotAdded)
+{
+    EXPECT_THAT(zortest::AssertionsOf([this] { m_front->AddPlugin(nullptr); }),
+                ElementsAre("plugin"));
+    ZOR_LOG(false, DLOG_INFO, "x");
+    EXPECT_EQ(m_logger.Messages().back(), "x");
 }
 
 TEST_F(LoggingFrontTest, PluginWithATakenIdIsDestroyedAndTheFirstStays)

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <functional>
@@ -10,6 +11,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "ConditionSeams.h"
 #include "ConsoleSeam.h"
 #include "Layout.h"
 #include "LogSeam.h"
@@ -204,6 +206,16 @@ TEST_F(MultiQTaskTest, SynchronousSendReturnsAfterTheHandling)
     }
 }
 
+TEST_F(MultiQTaskTest, SynchronousSendWithoutAReplyIsRefused)
+{
+    {
+        const ConditionWatch watch(0);
+        EXPECT_FALSE(Send(1, 1, true));
+    }
+    EXPECT_TRUE(FlushAll());
+    EXPECT_THAT(m_trace.Get(), ElementsAre("65535"));
+}
+
 TEST_F(MultiQTaskTest, SynchronousSendIsNotListed)
 {
     std::atomic<bool> listed{true};
@@ -280,6 +292,15 @@ TEST_F(MultiQTaskTest, ClearQueueOfAQueueThatIsNotThereAssertsAndAnswers)
                 ElementsAre("idx >=0 && idx < (int)m_queueSize"));
     EXPECT_THAT(AssertionsOf([this] { EXPECT_TRUE(TCMultiQTask::ClearQueue(&m_task, -1, 60000)); }),
                 ElementsAre("idx >=0 && idx < (int)m_queueSize"));
+}
+
+TEST_F(MultiQTaskTest, ClearQueueThatFindsQueueZeroFullIsFalseAtOnce)
+{
+    Hold hold(&m_task);
+    FillQueue(&m_task);
+    EXPECT_TRUE(Send(1, 1));
+    EXPECT_FALSE(TCMultiQTask::ClearQueue(&m_task, 1, LONG_WAIT_MSEC));
+    EXPECT_EQ(m_task.Size(1), 1u);
 }
 
 TEST_F(MultiQTaskTest, ClearQueueOfAnUnknownTaskIsFalse)
@@ -444,9 +465,46 @@ TEST(MultiQTaskCreateTest, MisuseIsAsserted)
     TestMultiQTask task;
     EXPECT_ASSERT_DEATH(task.Create(nullptr, 10, TEST_STACK_SIZE, 1, 0), "name != NULL");
     EXPECT_ASSERT_DEATH(task.Create("none", 10, TEST_STACK_SIZE, 0, 0), "nQueueSize > 0");
+    const TSEvent event;
+    EXPECT_ASSERT_DEATH(task.Destroy(), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH(task.t_OnEvent(&event), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH(task.t_OnClearQueue(&event), "FlagCreate() == true");
     ASSERT_TRUE(task.Start());
     EXPECT_ASSERT_DEATH(task.Start(), "FlagCreate() == false");
+    EXPECT_ASSERT_DEATH(task.t_OnEvent(nullptr), "event != NULL");
+    EXPECT_ASSERT_DEATH(task.t_OnClearQueue(nullptr), "event != NULL");
 }
+
+TEST(MultiQTaskCreateTest, NoQueuesAreRefusedInARelease)
+{
+    TestMultiQTask task;
+    EXPECT_THAT(AssertionsOf([&task] { EXPECT_FALSE(task.Start(0)); }),
+                ElementsAre("nQueueSize > 0"));
+    EXPECT_FALSE(task.FlagCreate());
+}
+
+/// Lock and count of queue 0, notify semaphore, lock and count of queue 1, and start gate, exit
+/// gate and start signal of the thread.
+class MultiQTaskFailureTest : public ::testing::TestWithParam<int>
+{};
+
+TEST_P(MultiQTaskFailureTest, CreateWithoutASemaphoreFailsAndTakesQueueZeroDown)
+{
+    // What has been made of the rest stays behind, with a task that is never destroyed.
+    static std::vector<TestMultiQTask*> left;
+    const TaskRuntime runtime;
+    left.push_back(new TestMultiQTask);
+    const ConditionWatch watch(GetParam());
+    EXPECT_FALSE(left.back()->Start(2));
+    EXPECT_FALSE(left.back()->FlagCreate());
+    EXPECT_FALSE(IsRegistered(left.back()));
+    EXPECT_EQ(watch.Made(), GetParam() + 1);
+    for (int number = 0; number < std::min(2, GetParam()); ++number) {
+        EXPECT_THAT(watch.Destroyed(), ::testing::Contains(number));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Semaphores, MultiQTaskFailureTest, ::testing::Range(0, 8));
 
 TEST(MultiQTaskCreateTest, OneQueueIsEnough)
 {

@@ -1,5 +1,6 @@
 # The task with several queues and its notify threads.
 zor_add_test(MultiQTaskTest
   SOURCES MultiQTaskTest.cpp TaskScopeTraceSeam.cpp TaskSeams.cpp TaskSupport.cpp
+          ${PROJECT_SOURCE_DIR}/tests/support/ConditionSeams.cpp
           ${PROJECT_SOURCE_DIR}/tests/support/ConsoleSeam.cpp
           ${PROJECT_SOURCE_DIR}/tests/support/LogSeam.cpp)

@@ -312,6 +312,18 @@ TEST_F(PauseEventTest, WithAnotherAttachmentThrowsNoState)
 
 using PauseDeathTest = PauseTest;
 
+TEST_F(PauseDeathTest, HandlingWithoutATaskOrAnEventAsserts)
+{
+    TestTask idle;
+    const TSEvent event;
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.OnPause(&event), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.t_OnPause(&event), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.t_OnResume(&event), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.Pause(), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.ResumeAsync(), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", m_task.OnPause(nullptr), "event != NULL");
+}
+
 TEST_F(PauseDeathTest, EventWithoutPromiseEndsTheProcess)
 {
     const auto pause = [this] {

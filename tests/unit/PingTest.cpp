@@ -244,6 +244,14 @@ TEST_F(PingTest, EventIsAnsweredTrue)
     EXPECT_TRUE(answer.get());
 }
 
+TEST_F(PingTest, HandlingWithoutATaskOrAnEventAsserts)
+{
+    TestTask idle;
+    const TSEvent event;
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.OnPing(&event), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", m_task.OnPing(nullptr), "event != NULL");
+}
+
 /// Stops a pinging thread between its look-up of the task and the queuing of the ping.
 class PingLockTest : public PingTest
 {

@@ -396,7 +396,9 @@ TEST_F(QueueAttachmentTest, AttachmentLeftByAnEarlierLifeMayUseTheQueueWhenItIsR
 
 TEST_F(QueueAttachmentTest, AttachmentLeftByAnEarlierLifeIsReleasedOutsideTheLock)
 {
-    for (const bool priority : {false, true}) {
+    for (int round = 0; round < 4; ++round) {
+        const bool priority = round % 2 == 1;
+        TCDebugPrintZOR::GetInstance()->SetAppName(round < 2 ? LONG_NAME : "short");
         m_queue.Destroy();
         ASSERT_TRUE(m_queue.Create()); // so that both lives begin at the same slot
         {
@@ -415,7 +417,26 @@ TEST_F(QueueAttachmentTest, AttachmentLeftByAnEarlierLifeIsReleasedOutsideTheLoc
         const std::vector<std::uint32_t> order = Drain();
         EXPECT_EQ(std::count(order.begin(), order.end(), 1u), 1);
     }
-    EXPECT_EQ(m_used, 2);
+    EXPECT_EQ(m_used, 4);
+}
+
+TEST_F(QueueAttachmentTest, NameLeftByAnEarlierLifeGivesItsMemoryUp)
+{
+    for (const char* name : {LONG_NAME, "short"}) {
+        TCDebugPrintZOR::GetInstance()->SetAppName(LONG_NAME);
+        m_queue.Destroy();
+        ASSERT_TRUE(m_queue.Create());
+        ASSERT_TRUE(Put(1));
+        m_queue.Destroy();
+        ASSERT_TRUE(m_queue.Create());
+        TCDebugPrintZOR::GetInstance()->SetAppName(name);
+        ASSERT_TRUE(Put(2));
+        TSEvent event;
+        ASSERT_TRUE(m_queue.GetSync(&event, 0, false));
+        EXPECT_EQ(event.appName, name);
+        EXPECT_EQ(event.appName.capacity(), std::string(name).capacity());
+        EXPECT_TRUE(Probe().VacatedSlotsAreEmpty());
+    }
 }
 
 } // namespace

@@ -102,12 +102,13 @@ using QueueMisuseDeathTest = QueueTest;
 
 TEST_F(QueueMisuseDeathTest, SecondCreateAsserts)
 {
-    EXPECT_ASSERT_DEATH(m_queue.Create(), "FlagCreate() == false");
+    EXPECT_ASSERT_DEATH_IN("Queue.cpp", m_queue.Create(), "FlagCreate() == false");
 }
 
 TEST_F(QueueMisuseDeathTest, DestructionWithoutDestroyAsserts)
 {
-    EXPECT_ASSERT_DEATH(
+    EXPECT_ASSERT_DEATH_IN(
+        "Queue.cpp",
         {
             auto queue = std::make_unique<TCQueue>();
             queue->Create();
@@ -119,7 +120,7 @@ TEST_F(QueueMisuseDeathTest, DestructionWithoutDestroyAsserts)
 TEST_F(QueueMisuseDeathTest, SecondDestroyAsserts)
 {
     m_queue.Destroy();
-    EXPECT_ASSERT_DEATH(m_queue.Destroy(), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("Queue.cpp", m_queue.Destroy(), "FlagCreate() == true");
 }
 
 } // namespace

@@ -142,6 +142,30 @@ TEST_F(QueueWaitTest, GetForEverWaitsForAPut)
     queue.Destroy();
 }
 
+TEST_F(QueueWaitTest, PutWakesAGetWhenTheOtherSemaphoresAreFree)
+{
+    const ConditionWatch watch;
+    TCQueue queue;
+    ASSERT_TRUE(queue.Create());
+    std::atomic<bool> given{false};
+    std::thread user;
+    const Takeover signal(condSignalSeam, [&](pthread_cond_t* condition) {
+        user = std::thread([&] {
+            m_queue.Give();
+            given = true;
+        });
+        EXPECT_TRUE(Eventually([&] { return given.load(); }));
+        return condSignalSeam.Real(condition);
+    });
+    std::thread consumer([&] { EXPECT_TRUE(queue.Get(&m_event, FOR_EVER)); });
+    EXPECT_TRUE(Eventually([&] { return watch.WaitedFor(COUNT_SEMAPHORE); }));
+    TSEvent event = EventFor(&m_receiver, 0, 1);
+    EXPECT_TRUE(queue.Put(&event, false));
+    consumer.join();
+    user.join();
+    queue.Destroy();
+}
+
 TEST_F(QueueWaitTest, TimedGetIsEndedByAPut)
 {
     std::atomic<bool> waiting{false};
@@ -184,6 +208,17 @@ TEST_F(QueueWaitTest, UnitsWithoutAnEventAreUsedUpAndTheWaitStartsAgain)
     EXPECT_THAT(clock.Waits(), ElementsAre(250));
     EXPECT_EQ(Units(), 0);
     EXPECT_EQ(m_event.param1, UNTOUCHED);
+}
+
+TEST_F(QueueWaitTest, UnitsWithoutAnEventAreUsedUpByTheHolderOfTheLockToo)
+{
+    TSEvent event;
+    m_queue.Give();
+    m_queue.Lock();
+    EXPECT_FALSE(m_queue.GetSync(&event, 0, false));
+    EXPECT_FALSE(m_queue.Try(0));
+    EXPECT_FALSE(m_queue.GetSyncQData(&event, false));
+    m_queue.Unlock();
 }
 
 TEST_F(QueueWaitTest, UnitsWithoutAnEventDoNotMakeAPollWait)

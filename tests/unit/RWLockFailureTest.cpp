@@ -10,6 +10,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ConsoleSeam.h"
@@ -180,6 +181,28 @@ TEST_F(RWLockFailureTest, ReadLockThatFailsIsReportedAndNotCounted)
     EXPECT_FALSE(m_lock->RUnlock());
     EXPECT_TRUE(m_lock->WLock());
     EXPECT_TRUE(m_lock->WUnlock());
+}
+
+TEST_F(RWLockFailureTest, ReadLockWithoutAPlaceForItsCountIsReportedAndNotTaken)
+{
+    {
+        const Takeover key(keyCreateSeam, [](pthread_key_t* made, KeyDestructor destructor) {
+            const int result = keyCreateSeam.Real(made, destructor);
+            pthread_key_delete(*made);
+            return result;
+        });
+        m_lock = std::make_unique<TCRWLock>();
+    }
+    RunWithFailing("nothing", 0, [this] { EXPECT_FALSE(m_lock->RLock()); });
+    EXPECT_EQ(m_messages, Message("setspecific", EINVAL));
+    EXPECT_THAT(m_failed, ElementsAre("ret == 0"));
+    EXPECT_FALSE(m_lock->RUnlock());
+    std::thread([this] {
+        EXPECT_TRUE(m_lock->WLock()); // a read lock left behind would keep it away
+        EXPECT_TRUE(m_lock->WUnlock());
+    }).join();
+    RunWithFailing("nothing", 0, [this] { m_lock.reset(); });
+    EXPECT_EQ(m_messages, Message("key_delete", EINVAL));
 }
 
 TEST_F(RWLockFailureTest, WriteLockThatFailsIsReportedAndNotRecorded)

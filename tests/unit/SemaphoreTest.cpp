@@ -127,6 +127,40 @@ TEST_F(SemaphoreTest, CreateFailsWithoutACondition)
     EXPECT_TRUE(m_semaphore.Create(1));
 }
 
+TEST_F(SemaphoreTest, CreateFailsWithoutTheConditionsAttributes)
+{
+    const ConditionWatch watch;
+    {
+        const Takeover attributes(condattrInitSeam, [](pthread_condattr_t*) { return ENOMEM; });
+        EXPECT_FALSE(m_semaphore.Create(1));
+    }
+    EXPECT_FALSE(m_semaphore.FlagCreate());
+    EXPECT_EQ(watch.Made(), 0);
+    EXPECT_TRUE(m_semaphore.Create(1));
+}
+
+TEST_F(SemaphoreTest, CreateDestroysTheConditionsAttributesAlsoWhenItFails)
+{
+    int made = 0;
+    int destroyed = 0;
+    const Takeover init(condattrInitSeam, [&](pthread_condattr_t* attributes) {
+        ++made;
+        return condattrInitSeam.Real(attributes);
+    });
+    const Takeover destroy(condattrDestroySeam, [&](pthread_condattr_t* attributes) {
+        ++destroyed;
+        return condattrDestroySeam.Real(attributes);
+    });
+    {
+        const ConditionWatch watch(0);
+        EXPECT_FALSE(m_semaphore.Create(1));
+    }
+    EXPECT_EQ(destroyed, 1);
+    EXPECT_TRUE(m_semaphore.Create(1));
+    EXPECT_EQ(made, 2);
+    EXPECT_EQ(destroyed, 2);
+}
+
 TEST_F(SemaphoreTest, TryZeroNeitherWaitsNorReadsTheClock)
 {
     ASSERT_TRUE(m_semaphore.Create(0));
@@ -265,6 +299,30 @@ TEST_F(SemaphoreTest, GiveSignalsOneWaiterEachTime)
     first.join();
     second.join();
     EXPECT_EQ(released, 2);
+}
+
+TEST_F(SemaphoreTest, TakerIsWokenWhenTheOtherSemaphoresAreFree)
+{
+    const ConditionWatch watch;
+    ASSERT_TRUE(m_semaphore.Create(0));
+    TCSemaphore other;
+    ASSERT_TRUE(other.Create(0));
+    std::atomic<bool> given{false};
+    std::thread user;
+    const Takeover signal(condSignalSeam, [&](pthread_cond_t* condition) {
+        user = std::thread([&] {
+            other.Give();
+            given = true;
+        });
+        EXPECT_TRUE(Eventually([&] { return given.load(); }));
+        return condSignalSeam.Real(condition);
+    });
+    std::thread taker([this] { m_semaphore.Take(); });
+    EXPECT_TRUE(Eventually([&] { return watch.WaitedFor(0); }));
+    m_semaphore.Give();
+    taker.join();
+    user.join();
+    other.Destroy();
 }
 
 TEST_F(SemaphoreTest, TakerMayDestroyItAsSoonAsItIsReleased)

@@ -310,6 +310,34 @@ TEST_F(SyncDeathTest, RemoveOutsideOfTheTableAsserts)
     EXPECT_ASSERT_DEATH(TCSyncDet::Remove(ENTRIES), INDEX_ASSERTION);
 }
 
+TEST_F(SyncTest, AddWithoutARecordOrATableReturnsMinusOneInARelease)
+{
+    PTSyncDetInfo info;
+    int added = 0;
+    EXPECT_THAT(AssertionsOf([&] { added = TCSyncDet::Add(nullptr); }), ElementsAre("pData"));
+    EXPECT_EQ(added, -1);
+    EXPECT_TRUE(TCSyncDet::Destroy());
+    added = 0;
+    EXPECT_THAT(AssertionsOf([&] { added = TCSyncDet::Add(&info); }),
+                ElementsAre("m_arrPCSyncDet"));
+    EXPECT_EQ(added, -1);
+}
+
+TEST_F(SyncTest, RemoveOutsideOfTheTableOrWithoutOneReturnsMinusOneInARelease)
+{
+    for (const int index : {-1, ENTRIES}) {
+        int removed = 0;
+        EXPECT_THAT(AssertionsOf([&] { removed = TCSyncDet::Remove(index); }),
+                    ElementsAre(INDEX_ASSERTION));
+        EXPECT_EQ(removed, -1);
+    }
+    EXPECT_TRUE(TCSyncDet::Destroy());
+    int removed = 0;
+    EXPECT_THAT(AssertionsOf([&] { removed = TCSyncDet::Remove(0); }),
+                ElementsAre("m_arrPCSyncDet"));
+    EXPECT_EQ(removed, -1);
+}
+
 TEST_F(SyncTest, DestroyOfATableThatIsNotThereAssertsBothInARelease)
 {
     EXPECT_TRUE(TCSyncDet::Destroy());

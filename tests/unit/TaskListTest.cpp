@@ -247,6 +247,21 @@ TEST_F(TaskListOfThreeTest, FinalizeDropsTheEntriesAndLeavesTheTasks)
     m_one.End(); // passed over silently
 }
 
+TEST_F(TaskListOfThreeTest, FinalizeWaitsForTheLock)
+{
+    std::optional<Caller> owner;
+    {
+        const RegistryLock lock;
+        owner.emplace([] { TCTaskList::Finalize(); });
+        EXPECT_TRUE(owner->Blocks());
+        EXPECT_TRUE(TCTaskList::FlagInitialize());
+        EXPECT_EQ(TCTaskList::m_taskList.size(), 3u);
+    }
+    owner->Join();
+    EXPECT_FALSE(TCTaskList::FlagInitialize());
+    ASSERT_TRUE(TCTaskList::m_mutex.Create());
+}
+
 TEST_F(TaskListOfThreeTest, LockIsRecursive)
 {
     const RegistryLock lock;

@@ -375,7 +375,7 @@ TEST_F(TaskDeathTest, CreateTwiceAsserts)
 {
     TestTask task;
     EXPECT_TRUE(task.Start());
-    EXPECT_ASSERT_DEATH(task.Start(), "FlagCreate() == false");
+    EXPECT_ASSERT_DEATH_IN("Task.cpp", task.Start(), "FlagCreate() == false");
 }
 
 TEST_F(TaskDeathTest, CreateWithoutNameAsserts)
@@ -389,13 +389,13 @@ TEST_F(TaskDeathTest, OperationsBeforeCreateAssert)
     TCTask task;
     TSEvent event;
     event.receiver = &task;
-    EXPECT_ASSERT_DEATH(task.Destroy(), "FlagCreate() == true");
-    EXPECT_ASSERT_DEATH(task.t_Main(), "FlagCreate() == true");
-    EXPECT_ASSERT_DEATH(task.ExecuteEvent(), "FlagCreate() == true");
-    EXPECT_ASSERT_DEATH(task.t_OnEvent(&event), "FlagCreate() == true");
-    EXPECT_ASSERT_DEATH(task.t_OnClearQueue(&event), "FlagCreate() == true");
-    EXPECT_ASSERT_DEATH(task.Pause(), "FlagCreate() == true");
-    EXPECT_ASSERT_DEATH(task.ResumeAsync(), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("Task.cpp", task.Destroy(), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("Task.cpp", task.t_Main(), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("Task.cpp", task.ExecuteEvent(), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("Task.cpp", task.t_OnEvent(&event), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", task.t_OnClearQueue(&event), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", task.Pause(), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", task.ResumeAsync(), "FlagCreate() == true");
     EXPECT_ASSERT_DEATH(TCTask::Send(&event, false, false), "FlagCreate() == true");
 }
 
@@ -403,7 +403,7 @@ TEST_F(TaskDeathTest, DestructorOfACreatedTaskAsserts)
 {
     auto task = std::make_unique<TCTask>();
     EXPECT_TRUE(task->Create("task", LONG_WAIT_MSEC, TEST_STACK_SIZE, 0));
-    EXPECT_ASSERT_DEATH(task.reset(), "FlagCreate() == false");
+    EXPECT_ASSERT_DEATH_IN("Task.cpp", task.reset(), "FlagCreate() == false");
     EXPECT_TRUE(Post(task.get(), TCTask::EVENT_EXIT));
     task->Destroy();
 }

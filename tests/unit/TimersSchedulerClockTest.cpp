@@ -256,6 +256,20 @@ TEST_F(TimersSchedulerClockTest, RestBelongsToTheFirstIntervalAfterTheResumeOnly
     EXPECT_THAT(m_trace.Get(), ElementsAre("0:2/0@24", "0:2/1@34"));
 }
 
+TEST_F(TimersSchedulerClockTest, RestIsThatOfTheLatestPause)
+{
+    const std::size_t id = Create(milliseconds(100), 1);
+    Advance(milliseconds(30));
+    EXPECT_TRUE(Pause(id));
+    EXPECT_TRUE(Resume(id));
+    EXPECT_EQ(m_clock.WakeTime(), milliseconds(100));
+    Advance(milliseconds(30));
+    EXPECT_TRUE(Pause(id));
+    Advance(milliseconds(20));
+    EXPECT_TRUE(Resume(id));
+    EXPECT_EQ(m_clock.WakeTime(), milliseconds(120));
+}
+
 TEST_F(TimersSchedulerClockTest, ResetOfAPausedTimerStartsAFullIntervalOnResume)
 {
     const std::size_t id = Create(milliseconds(100), 1);
@@ -436,6 +450,19 @@ TEST_F(TimersSchedulerClockTest, RestOfADestroyedTimerIsForgotten)
     EXPECT_TRUE(Reset(id, milliseconds(40), 1));
     EXPECT_TRUE(Resume(id));
     EXPECT_EQ(m_clock.WakeTime(), milliseconds(135));
+}
+
+TEST_F(TimersSchedulerClockTest, RestOfADestroyedTimerIsNotThatOfTheNextOne)
+{
+    const std::size_t id = Create(milliseconds(100), 1);
+    Advance(milliseconds(95));
+    EXPECT_TRUE(Pause(id));
+    EXPECT_TRUE(Destroy(id));
+    EXPECT_EQ(Create(milliseconds(50), 1), id);
+    Advance(milliseconds(10));
+    EXPECT_TRUE(Pause(id));
+    EXPECT_TRUE(Resume(id));
+    EXPECT_EQ(m_clock.WakeTime(), milliseconds(145));
 }
 
 TEST_F(TimersSchedulerClockTest, WrongStatesAreGivenByNumber)

@@ -14,6 +14,7 @@
 
 #include "CallbackNameSeam.h"
 #include "LogSeam.h"
+#include "RecordingLogger.h"
 #include "TaskSupport.h"
 #include "ThreadNames.h"
 #include "Timer.h"
@@ -224,6 +225,40 @@ TEST_F(TimersSchedulerTest, UnknownIdsAreRefused)
     EXPECT_THAT(Lines(),
                 ElementsAre("Id[5] Timer not found!", "Id[5] Timer not found!",
                             "Id[18446744073709551615] Timer not found!", "Id[5] Timer not found!"));
+}
+
+TEST_F(TimersSchedulerTest, IdBehindTheLastIsUnknown)
+{
+    const std::size_t behind = Create(LONG, 1) + 1;
+    ClearLog();
+    EXPECT_FALSE(m_scheduler.ResetTimer(behind, LONG, 1));
+    EXPECT_FALSE(m_scheduler.PauseTimer(behind));
+    EXPECT_FALSE(m_scheduler.ResumeTimer(behind));
+    EXPECT_FALSE(m_scheduler.DestroyTimer(behind));
+    EXPECT_THAT(Lines(), ElementsAre("Id[1] Timer not found!", "Id[1] Timer not found!",
+                                     "Id[1] Timer not found!", "Id[1] Timer not found!"));
+}
+
+TEST_F(TimersSchedulerTest, WhatWasDoneIsLoggedWithTheMutexFree)
+{
+    int used = 0;
+    RecordingLogger logger("using", [&](const std::string& message) {
+        for (const char* done : {"New timer created!", "Timer reseted!", "Timer paused!",
+                                 "Timer resumed!", "Timer destroyed!"}) {
+            if (message.find(done) != std::string::npos) {
+                ++used;
+                std::thread([this] { EXPECT_FALSE(m_scheduler.PauseTimer(1000)); }).join();
+            }
+        }
+    });
+    ZORLogs::getInstance()->SetLoggingSystem(&logger);
+    const std::size_t id = Create(LONG, 1);
+    EXPECT_TRUE(m_scheduler.ResetTimer(id, LONG, 1));
+    EXPECT_TRUE(m_scheduler.PauseTimer(id));
+    EXPECT_TRUE(m_scheduler.ResumeTimer(id));
+    EXPECT_TRUE(m_scheduler.DestroyTimer(id));
+    ZORLogs::getInstance()->SetLoggingSystem(ZORLoggerDLOG::Instance());
+    EXPECT_EQ(used, 5);
 }
 
 TEST_F(TimersSchedulerTest, DestroyedTimerCanOnlyBeMadeAnew)

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "ConditionSeams.h"
 #include "ConsoleSeam.h"
 #include "LogSeam.h"
 #include "TaskAppDataSeam.h"
@@ -144,6 +145,19 @@ TEST_F(WatchdogNotifierTest, CanBeMadeAgain)
         EXPECT_TRUE(exiter.Blocks());
         EXPECT_TRUE(m_sleep.WakeUntil([&] { return exiter.IsDone(); }));
     }
+}
+
+TEST_F(WatchdogNotifierTest, NotifierWhoseThreadCannotBeMadeIsTakenDownAllTheSame)
+{
+    {
+        const ConditionWatch watch(0); // of the thread's start gate
+        TCWatchdogNotifier::Init();
+    }
+    ASSERT_NE(TCWatchdogNotifier::Instance(), nullptr);
+    EXPECT_FALSE(TCWatchdogNotifier::Instance()->FlagCreate());
+    TCWatchdogNotifier::Exit();
+    EXPECT_THAT(AssertionsOf([] { EXPECT_EQ(TCWatchdogNotifier::Instance(), nullptr); }),
+                ElementsAre("m_pInstance"));
 }
 
 TEST_F(WatchdogNotifierTest, SecondInitAssertsPrintsAndKeepsTheFirst)

@@ -1,0 +1,21 @@
+"""The test programs that have to notice the mutants of a source, and the tests left out there.
+
+What is left out is after order and speed, and takes longer than it is worth here.
+"""
+
+SEMAPHORES = ["SemaphoreSingleProcessorTest", "SemaphoreTest", "MutexTest"]
+QUEUES = ["QueueSectionTest", "QueueTest", "QueueThreadTest:-*MillionEvents*",
+          "QueueAllocationTest", "QueueModelTest:*DoWhatTheRulesSay/1"]
+TASKS = ["TaskTest", "SendTest", "PingTest", "TaskListTest", "PauseTest", "TrapPointTest",
+         "WatchdogNotifierTest", "MultiQTaskTest"]
+TIMERS = ["TimerTest:-*TenThousand*", "TimersSchedulerTest", "TimersSchedulerClockTest",
+          "TimersSchedulerLockTest", "TimersSchedulerModelTest:-*FiftyThousand*"]
+
+FOR = {
+    "src/Queue.cpp": QUEUES + ["TaskTest", "SendTest"],
+    "src/Thread.cpp": SEMAPHORES + ["ThreadTest", "ThreadUtilTest", "QueueTest", "TaskTest"],
+    "src/Task.cpp": TASKS + ["SyncTest", "TimerTest:-*TenThousand*"],
+    "src/TaskControl.cpp": TASKS,
+    "src/TaskList.cpp": TASKS,
+    "src/TimersScheduler.cpp": TIMERS,
+}

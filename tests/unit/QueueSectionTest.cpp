@@ -1,0 +1,98 @@
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+#include <sched.h>
+
+#include <utility>
+
+#include "Queue.h"
+#include "Seam.h"
+
+namespace zortest {
+
+Seam<int(pthread_mutex_t*)> trylockSeam("pthread_mutex_trylock");
+
+} // namespace zortest
+
+extern "C" {
+
+int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept
+{
+    return zortest::trylockSeam(mutex);
+}
+
+/// Two processors are what the process may use, so that the mutex is tried first. The library asks
+/// when it is loaded.
+int sched_getaffinity(pid_t /*process*/, size_t size, cpu_set_t* processors) noexcept
+{
+    CPU_ZERO_S(size, processors);
+    CPU_SET_S(0, size, processors);
+    CPU_SET_S(1, size, processors);
+    return 0;
+}
+}
+
+namespace {
+
+using namespace zortest;
+
+/// How often the process-wide mutex is taken.
+class QueueSectionTest : public ::testing::Test
+{
+ protected:
+    QueueSectionTest()
+        : m_trylock(trylockSeam, [this](pthread_mutex_t* mutex) {
+              ++m_sections;
+              return trylockSeam.Real(mutex);
+          })
+    {
+        EXPECT_TRUE(m_queue.Create());
+    }
+
+    ~QueueSectionTest() override { m_queue.Destroy(); }
+
+    /// Critical sections since the last call.
+    int Sections() { return std::exchange(m_sections, 0); }
+
+    TCQueue m_queue;
+
+ private:
+    int m_sections = 0;
+    Takeover<int(pthread_mutex_t*)> m_trylock;
+};
+
+TEST_F(QueueSectionTest, PutIsOneIfTheQueueIsFree)
+{
+    TSEvent event;
+    for (const bool priority : {false, true}) {
+        Sections();
+        EXPECT_TRUE(m_queue.Put(&event, priority));
+        EXPECT_EQ(Sections(), 1);
+    }
+}
+
+TEST_F(QueueSectionTest, GetIsOneIfTheQueueIsFree)
+{
+    TSEvent event;
+    EXPECT_TRUE(m_queue.Put(&event, false));
+    EXPECT_TRUE(m_queue.Put(&event, false));
+    Sections();
+    EXPECT_TRUE(m_queue.GetSync(&event, 1000, false));
+    EXPECT_EQ(Sections(), 1);
+    EXPECT_TRUE(m_queue.GetSyncQData(&event, false));
+    EXPECT_EQ(Sections(), 1);
+}
+
+TEST_F(QueueSectionTest, HolderOfTheLockPutsAndGetsAllTheSame)
+{
+    TSEvent event;
+    event.param1 = 7;
+    m_queue.Lock();
+    EXPECT_TRUE(m_queue.Put(&event, false));
+    event.param1 = 0;
+    EXPECT_TRUE(m_queue.GetSync(&event, 1000, false));
+    m_queue.Unlock();
+    EXPECT_EQ(event.param1, 7u);
+}
+
+} // namespace
