@@ -41,10 +41,10 @@ class EntryFaultsDeathTest : public ::testing::Test
         for (const LogLine& line : LogLines()) {
             fprintf(stderr, "[%s]\n", line.text.c_str());
         }
-        fprintf(stderr, "pid file: %s\n", access(PidFile().c_str(), F_OK) == 0 ? "yes" : "no");
-        unlink(PidFile().c_str());
+        fprintf(stderr, "pid file: %s\n", access(OwnPidFile::Path(), F_OK) == 0 ? "yes" : "no");
     }
 
+    const OwnPidFile m_pidFile;
     static constexpr char EXITING[] = "[ZOR_CORE: main(90) > Exiting...]\n";
 };
 

@@ -38,12 +38,12 @@ class EntryMemoryFaultsDeathTest : public ::testing::Test
     {
         // The notifier's thread looks for its end after each of its sleeps.
         const Takeover sleep(sleepMsSeam, [](unsigned long) { sleepMsSeam.Real(1); });
-        PidFile(); // whose name is made now
         const AllocationFault noMemory(number);
         const int result = RunEntry();
-        unlink(PidFile().c_str());
         _exit(result == 0 ? RETURNED : 1);
     }
+
+    const OwnPidFile m_pidFile;
 };
 
 TEST_F(EntryMemoryFaultsDeathTest, ExceptionOfTheStartLeavesTheRestOut)

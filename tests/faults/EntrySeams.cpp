@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -9,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "Main.h"
 
@@ -23,6 +25,7 @@ Seam<void(int)> exitSeam("_exit");
 namespace {
 
 constexpr char PID_FILE[] = "/tmp/.zor-daemon.pid";
+constexpr char PATH_VARIABLE[] = "ZOR_TEST_OWN_PID_FILE";
 constexpr int NONE = -1;
 
 /// The file descriptor of the pid file while it is open.
@@ -35,10 +38,21 @@ bool IsPidFile(const char* path)
 
 } // namespace
 
-const std::string& PidFile()
+OwnPidFile::OwnPidFile()
 {
-    static const std::string path = "/tmp/zor-faults-" + std::to_string(getpid()) + ".pid";
-    return path;
+    const std::string path = ::testing::TempDir() + "zor-faults-" + std::to_string(getpid());
+    setenv(PATH_VARIABLE, path.c_str(), 0);
+}
+
+OwnPidFile::~OwnPidFile()
+{
+    unlink(Path());
+    unsetenv(PATH_VARIABLE);
+}
+
+const char* OwnPidFile::Path()
+{
+    return getenv(PATH_VARIABLE);
 }
 
 int RunEntry()
@@ -49,6 +63,7 @@ int RunEntry()
         fprintf(stderr, "the library has no main(): %s\n", dlerror());
         abort();
     }
+    unlink(OwnPidFile::Path());
     gArgc = 0; // and so the program is linked with the library
     char name[] = "daemon";
     char* arguments[] = {name, nullptr};
@@ -72,7 +87,7 @@ int open(const char* path, int flags, ...)
     if (!IsPidFile(path)) {
         return openSeam.Real(path, flags, mode);
     }
-    gPidFile = openSeam(PidFile().c_str(), flags, mode);
+    gPidFile = openSeam(OwnPidFile::Path(), flags, mode);
     return gPidFile;
 }
 
@@ -96,7 +111,7 @@ int close(int file)
 int remove(const char* path) noexcept
 {
     using namespace zortest;
-    return IsPidFile(path) ? removeSeam(PidFile().c_str()) : removeSeam.Real(path);
+    return IsPidFile(path) ? removeSeam(OwnPidFile::Path()) : removeSeam.Real(path);
 }
 
 void _exit(int status)

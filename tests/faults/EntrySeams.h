@@ -2,13 +2,11 @@
 
 #include <sys/types.h>
 
-#include <string>
-
 #include "Seam.h"
 
 /// @file
 /// The process entry of the library, and the calls that it makes the pid file with. A program that
-/// this is linked into has a pid file of its own, so it needs no lock against other tests.
+/// this is linked into uses a pid file of its own, so it needs no lock against other tests.
 
 namespace zortest {
 
@@ -21,10 +19,23 @@ extern Seam<int(const char*)> removeSeam;
 /// The end of the process.
 extern Seam<void(int)> exitSeam;
 
-/// The program's own pid file.
-const std::string& PidFile();
+/// A pid file of the program's own, for as long as this lives. The processes of death tests have
+/// that of the test that started them, which removes what they leave behind.
+class OwnPidFile
+{
+ public:
+    OwnPidFile();
+    ~OwnPidFile();
 
-/// Runs the library's main(), which runs the Main() of all tests.
+    OwnPidFile(const OwnPidFile&) = delete;
+    OwnPidFile& operator=(const OwnPidFile&) = delete;
+
+    /// Allocates nothing.
+    static const char* Path();
+};
+
+/// Runs the library's main(), which runs the Main() of all tests, with no pid file there. Needs an
+/// OwnPidFile.
 int RunEntry();
 
 } // namespace zortest

@@ -51,7 +51,7 @@ class LoggingFaultsTest : public ::testing::Test
     /// The plug-ins' lock is free: every thread can read and write them.
     void ExpectFree()
     {
-        OnAnotherThread([this] {
+        OnAnotherThread([] {
             const LogRecord record;
             ZOR_LOG(false, DLOG_INFO, "afterwards");
             EXPECT_EQ(record.Get().size(), 1u);
