@@ -110,6 +110,19 @@ class Library:
 
 # Running tests.
 
+running = set()  # process groups
+
+
+def stop(*_):
+    """Ends what has been started: each program leads a group of its own, which no signal reaches."""
+    for group in list(running):
+        try:
+            os.killpg(group, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+    os._exit(1)
+
+
 def limit_resources():
     resource.setrlimit(resource.RLIMIT_AS, (MEMORY_LIMIT, MEMORY_LIMIT))
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
@@ -125,6 +138,7 @@ def run_program(program, library, limit):
     process = subprocess.Popen(command, cwd=BUILD, env=environment, stdin=subprocess.DEVNULL,
                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                start_new_session=True, preexec_fn=limit_resources)
+    running.add(process.pid)
     try:
         output, _ = process.communicate(timeout=limit)
     except subprocess.TimeoutExpired:
@@ -135,6 +149,7 @@ def run_program(program, library, limit):
         except ProcessLookupError:
             pass
         process.wait()
+        running.discard(process.pid)
     if process.returncode == 0:
         return "passed", ""
     text = output.decode(errors="replace")
@@ -304,6 +319,8 @@ def run_all(mutants, library, seconds, args):
 
 def main():
     args = options()
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, stop)
     files = args.file or sorted(programs.FOR)
     WORK.mkdir(parents=True, exist_ok=True)
     with open(WORK / "lock", "w", encoding="utf-8") as lock:
