@@ -68,4 +68,4 @@ std::vector<std::string> AssertionsOf(const std::function<void()>& function);
 #define EXPECT_ASSERT_DEATH_IN(file, statement, expression)                 \
     EXPECT_EXIT(statement, ::testing::KilledBySignal(SIGABRT),              \
                 ::testing::AllOf(::zortest::HasAssertionReport(expression), \
-                                 ::testing::HasSubstr(file ":")))
+                                 ::testing::HasSubstr(file " (")))
