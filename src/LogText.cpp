@@ -98,6 +98,7 @@ void FormatLogText(char* begin, std::size_t size, const char* fmt, va_list* args
         const char* spec = fmt + 1;
         const Width width = ReadWidth(&spec);
         if (!Convert(&text, width, *spec, args)) {
+            *text.At() = '\0'; // should the format be broken there
             vsnprintf(text.At(), text.Room() + 1, fmt, *args);
             return;
         }

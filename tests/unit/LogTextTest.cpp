@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <limits>
@@ -13,6 +14,7 @@ namespace {
 std::string Ours(std::size_t size, const char* fmt, va_list* args)
 {
     std::vector<char> text(size + 1, '#');
+    errno = ENOENT; // for %m
     FormatLogText(text.data(), size, fmt, args);
     EXPECT_EQ('#', text[size]) << "written past the buffer";
     return text.data();
@@ -21,6 +23,7 @@ std::string Ours(std::size_t size, const char* fmt, va_list* args)
 std::string Theirs(std::size_t size, const char* fmt, va_list* args)
 {
     std::vector<char> text(size + 1, '#');
+    errno = ENOENT;
     EXPECT_GE(vsnprintf(text.data(), size, fmt, *args), 0);
     return text.data();
 }
@@ -88,6 +91,20 @@ TEST(LogTextTest, AStringIsReadOnlyAsFarAsThereIsRoom)
     EXPECT_STREQ("abcd", text);
 }
 
+TEST(LogTextTest, ABrokenFormatKeepsWhatStandsBeforeIt)
+{
+    const char* const volatile broken = "%d of %u%"; // which compilers warn of
+    char text[32] = "#";
+    const auto format = [&](const char* fmt, ...) {
+        va_list args;
+        va_start(args, fmt);
+        FormatLogText(text, sizeof(text), fmt, &args);
+        va_end(args);
+    };
+    format(broken, 1, 2u);
+    EXPECT_EQ(0u, std::string(text).find("1 of 2")) << text;
+}
+
 TEST(LogTextTest, APercentSignIsWritten)
 {
     ExpectTheSame("%d%% of %s%%", 5, "all");
@@ -99,11 +116,14 @@ TEST(LogTextTest, WhateverElseIsLeftToTheCLibraryWithTheArgumentsThatAreLeft)
     ExpectTheSame("%d %x %#X %o %c %p", 1, 2u, 3u, 4u, 'c', static_cast<void*>(nullptr));
     ExpectTheSame("%u %.2f %g %e", 1u, 2.5, 3.5, 4.5);
     ExpectTheSame("%zu [%.3s] [%*s] [%-*s]", std::size_t{1}, "abcdef", 8, "right", 8, "left");
-    ExpectTheSame("%d %hhd %hd %jd %td", 1, 2, 3, std::intmax_t{4}, std::ptrdiff_t{5});
+    ExpectTheSame("%d %hhd %hd", 1, static_cast<signed char>(2), static_cast<short>(3));
+    ExpectTheSame("%jd %td", std::intmax_t{4}, std::ptrdiff_t{5});
     ExpectTheSame("%s %ls", "narrow", L"wide");
     ExpectTheSame("%lx %lc %lld", 1ul, static_cast<wint_t>(L'c'), 2LL);
-    const char* const volatile positions = "%2$s %1$s"; // which C++ compilers warn of
+    const char* const volatile positions = "%2$s %1$s"; // of this and the next compilers warn
     ExpectTheSame(positions, "second", "first");
+    const char* const volatile lastError = "%s: %m";
+    ExpectTheSame(lastError, "file");
 }
 
 } // namespace
