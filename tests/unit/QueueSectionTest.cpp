@@ -5,31 +5,17 @@
 
 #include <utility>
 
+#include "MutexSeams.h"
 #include "Queue.h"
-#include "Seam.h"
-
-namespace zortest {
-
-Seam<int(pthread_mutex_t*)> trylockSeam("pthread_mutex_trylock");
-
-} // namespace zortest
-
-extern "C" {
-
-int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept
-{
-    return zortest::trylockSeam(mutex);
-}
 
 /// Two processors are what the process may use, so that the mutex is tried first. The library asks
 /// when it is loaded.
-int sched_getaffinity(pid_t /*process*/, size_t size, cpu_set_t* processors) noexcept
+extern "C" int sched_getaffinity(pid_t /*process*/, size_t size, cpu_set_t* processors) noexcept
 {
     CPU_ZERO_S(size, processors);
     CPU_SET_S(0, size, processors);
     CPU_SET_S(1, size, processors);
     return 0;
-}
 }
 
 namespace {
@@ -41,9 +27,9 @@ class QueueSectionTest : public ::testing::Test
 {
  protected:
     QueueSectionTest()
-        : m_trylock(trylockSeam, [this](pthread_mutex_t* mutex) {
+        : m_trylock(mutexTrylockSeam, [this](pthread_mutex_t* mutex) {
               ++m_sections;
-              return trylockSeam.Real(mutex);
+              return mutexTrylockSeam.Real(mutex);
           })
     {
         EXPECT_TRUE(m_queue.Create());

@@ -8,7 +8,8 @@ zor_add_test(QueueTest
           ${zor_support}/AllocationSeam.cpp ${zor_support}/ConditionSeams.cpp
           ${zor_support}/ConsoleSeam.cpp)
 zor_add_test(QueueAllocationTest SOURCES QueueAllocationTest.cpp)
-zor_add_test(QueueSectionTest SOURCES QueueSectionTest.cpp)
+zor_add_test(QueueSectionTest
+  SOURCES QueueSectionTest.cpp ${zor_support}/MutexSeams.cpp)
 zor_add_test(QueueModelTest SOURCES QueueModelTest.cpp)
 zor_add_test(QueueThreadTest SOURCES QueueThreadTest.cpp)
 zor_add_test(SyncTest

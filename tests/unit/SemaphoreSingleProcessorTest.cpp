@@ -6,29 +6,15 @@
 #include <atomic>
 #include <thread>
 
-#include "Seam.h"
+#include "MutexSeams.h"
 #include "Thread.h"
 
-namespace zortest {
-
-Seam<int(pthread_mutex_t*)> trylockSeam("pthread_mutex_trylock");
-
-} // namespace zortest
-
-extern "C" {
-
-int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept
-{
-    return zortest::trylockSeam(mutex);
-}
-
 /// One processor is all that the process may use. The library asks when it is loaded.
-int sched_getaffinity(pid_t /*process*/, size_t size, cpu_set_t* processors) noexcept
+extern "C" int sched_getaffinity(pid_t /*process*/, size_t size, cpu_set_t* processors) noexcept
 {
     CPU_ZERO_S(size, processors);
     CPU_SET_S(0, size, processors);
     return 0;
-}
 }
 
 namespace {
@@ -39,9 +25,9 @@ using namespace zortest;
 TEST(SemaphoreSingleProcessorTest, MutexIsTakenWithoutTrying)
 {
     std::atomic<int> tries{0};
-    const Takeover trylock(trylockSeam, [&tries](pthread_mutex_t* mutex) {
+    const Takeover trylock(mutexTrylockSeam, [&tries](pthread_mutex_t* mutex) {
         ++tries;
-        return trylockSeam.Real(mutex);
+        return mutexTrylockSeam.Real(mutex);
     });
     TCSemaphore semaphore;
     ASSERT_TRUE(semaphore.Create(0));

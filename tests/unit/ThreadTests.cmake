@@ -5,7 +5,8 @@ zor_add_test(SemaphoreTest
   SOURCES SemaphoreTest.cpp SemaphoreDeadlineTest.cpp
           ${zor_support}/AllocationSeam.cpp ${zor_support}/ConditionSeams.cpp
           ${zor_support}/ConsoleSeam.cpp)
-zor_add_test(SemaphoreSingleProcessorTest SOURCES SemaphoreSingleProcessorTest.cpp)
+zor_add_test(SemaphoreSingleProcessorTest
+  SOURCES SemaphoreSingleProcessorTest.cpp ${zor_support}/MutexSeams.cpp)
 zor_add_test(MutexTest
   SOURCES MutexTest.cpp
           ${zor_support}/AllocationSeam.cpp ${zor_support}/ConditionSeams.cpp
