@@ -28,7 +28,9 @@ ConditionWatch::ConditionWatch(int failing)
                 [this](pthread_cond_t* condition) {
                     {
                         std::lock_guard<std::mutex> lock(m_mutex);
-                        m_destroyed.push_back(NumberLocked(condition));
+                        if (const int number = NumberLocked(condition); number != NONE) {
+                            m_destroyed.push_back(number);
+                        }
                     }
                     return condDestroySeam.Real(condition);
                 }),

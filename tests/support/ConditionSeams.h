@@ -40,7 +40,8 @@ class ConditionWatch
     /// How many have been made, counting the one that could not be.
     int Made() const;
 
-    /// The numbers of those that have been destroyed, in that order.
+    /// The numbers of those that have been destroyed, in that order. Others do not count: a thread
+    /// that has just ended may be the last to let go of a condition made before.
     std::vector<int> Destroyed() const;
 
     /// Whether a thread has begun to wait on condition @p number.
