@@ -12,7 +12,7 @@ TIMERS = ["TimerTest:-*TenThousand*", "TimersSchedulerTest", "TimersSchedulerClo
           "TimersSchedulerLockTest", "TimersSchedulerModelTest:-*FiftyThousand*"]
 
 FOR = {
-    "src/Queue.cpp": QUEUES + ["TaskTest", "SendTest"],
+    "src/Queue.cpp": QUEUES + ["TaskTest", "SendTest", "MultiQTaskTest"],
     "src/Thread.cpp": SEMAPHORES + ["ThreadTest", "ThreadUtilTest", "QueueTest", "TaskTest"],
     "src/Task.cpp": TASKS + ["SyncTest", "TimerTest:-*TenThousand*"],
     "src/TaskControl.cpp": TASKS,

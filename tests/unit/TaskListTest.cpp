@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -215,6 +216,23 @@ TEST_F(TaskListOfThreeTest, TaskCreatedAgainStandsLast)
     m_one.End();
     ASSERT_TRUE(m_one.Start("one"));
     EXPECT_THAT(Entries(), ElementsAre(&m_two, &m_three, &m_one));
+}
+
+/// What programs built against the library's first version may call.
+TEST_F(TaskListOfThreeTest, RegisterAndUnregisterAreThereAndWork)
+{
+    const auto of = [](const char* symbol) {
+        return reinterpret_cast<void (*)(const TCTask*)>(dlsym(RTLD_DEFAULT, symbol));
+    };
+    const auto enter = of("_ZN10TCTaskList8RegisterEPK6TCTask");
+    const auto remove = of("_ZN10TCTaskList10UnregisterEPK6TCTask");
+    ASSERT_NE(enter, nullptr);
+    ASSERT_NE(remove, nullptr);
+    const TCTask task;
+    enter(&task);
+    EXPECT_THAT(Entries(), ElementsAre(&m_one, &m_two, &m_three, &task));
+    remove(&task);
+    EXPECT_THAT(Entries(), ElementsAre(&m_one, &m_two, &m_three));
 }
 
 TEST_F(TaskListOfThreeTest, DestroyOfATaskThatIsNotInTheListSaysNothing)

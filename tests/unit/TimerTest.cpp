@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -520,6 +521,23 @@ TEST_F(TimerTest, HandlerKeptOutByAFullQueueGoesWhenTheTaskFindsTheQueueEmptied)
     EXPECT_EQ(m_releases, 0);
     goOn.Pass();
     EXPECT_TRUE(Eventually([this] { return m_releases == 1; })); // and no event comes any more
+}
+
+TEST_F(TimerTest, HandlerThatItsEndedTaskNoLongerTakesGoesBeforeTheTasksDestroyReturns)
+{
+    std::optional<TCTimer> timer;
+    TestTask task;
+    task.onDestroy = [&] {
+        EXPECT_TRUE(Eventually([&] { return !IsRegistered(&task); })); // nothing is sent to it then
+        timer.reset();
+        EXPECT_EQ(m_releases, 0);
+    };
+    ASSERT_TRUE(task.Start());
+    ITimer::TimerHandlerParams params = Params();
+    params.task = &task;
+    timer.emplace(params);
+    task.End();
+    EXPECT_EQ(m_releases, 1);
 }
 
 TEST_F(TimerTest, MovedTimerKeepsRunningUnderItsId)
