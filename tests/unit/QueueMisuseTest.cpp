@@ -34,7 +34,7 @@ class QueueNotCreatedDeathTest : public ::testing::TestWithParam<Misuse>
 TEST_P(QueueNotCreatedDeathTest, Asserts)
 {
     TCQueue queue;
-    EXPECT_ASSERT_DEATH(GetParam().call(queue), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("Queue.cpp", GetParam().call(queue), "FlagCreate() == true");
 }
 
 TEST_P(QueueNotCreatedDeathTest, AssertsAfterDestroyToo)
@@ -42,7 +42,7 @@ TEST_P(QueueNotCreatedDeathTest, AssertsAfterDestroyToo)
     TCQueue queue;
     ASSERT_TRUE(queue.Create());
     queue.Destroy();
-    EXPECT_ASSERT_DEATH(GetParam().call(queue), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("Queue.cpp", GetParam().call(queue), "FlagCreate() == true");
 }
 
 INSTANTIATE_TEST_SUITE_P(
