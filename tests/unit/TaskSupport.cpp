@@ -171,13 +171,22 @@ bool IsAsleep(pid_t kernelId)
     return nameEnd != std::string::npos && text.compare(nameEnd + 2, 1, "S") == 0;
 }
 
+/// A thread may sleep for a moment on its way; one that is found asleep so often stays there.
+constexpr int TIMES_IN_A_ROW = 10;
+
 } // namespace
+
+bool FallsAsleep(pid_t kernelId)
+{
+    int asleep = 0;
+    return Eventually([&] {
+        asleep = IsAsleep(kernelId) ? asleep + 1 : 0;
+        return asleep == TIMES_IN_A_ROW;
+    });
+}
 
 bool Caller::Blocks() const
 {
-    // A thread may sleep for a moment on its way; one that is found asleep so often stays there.
-    constexpr int TIMES_IN_A_ROW = 10;
-
     int asleep = 0;
     EXPECT_TRUE(Eventually([&] {
         asleep = m_kernelId != 0 && IsAsleep(m_kernelId) ? asleep + 1 : 0;

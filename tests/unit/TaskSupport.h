@@ -171,6 +171,10 @@ class Caller
     std::thread m_thread;
 };
 
+/// Waits until thread @p kernelId of this process sleeps and goes on sleeping.
+/// @return false if it does not within DEADLINE
+bool FallsAsleep(pid_t kernelId);
+
 TSEvent EventTo(TCHandler* receiver, unsigned long type = TCTask::EVENT_USER,
                 std::uint32_t param1 = 0);
 

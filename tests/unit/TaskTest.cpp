@@ -384,13 +384,19 @@ TEST_F(TaskDeathTest, CreateWithoutNameAsserts)
     EXPECT_ASSERT_DEATH(task.Start(nullptr), "name != NULL");
 }
 
+TEST_F(TaskDeathTest, BodyBeforeCreateAsserts)
+{
+    TestTask task;
+    task.onCreate = [] { return false; }; // the task's own hook would assert the same
+    EXPECT_ASSERT_DEATH_IN("Task.cpp", task.t_Main(), "FlagCreate() == true");
+}
+
 TEST_F(TaskDeathTest, OperationsBeforeCreateAssert)
 {
     TCTask task;
     TSEvent event;
     event.receiver = &task;
     EXPECT_ASSERT_DEATH_IN("Task.cpp", task.Destroy(), "FlagCreate() == true");
-    EXPECT_ASSERT_DEATH_IN("Task.cpp", task.t_Main(), "FlagCreate() == true");
     EXPECT_ASSERT_DEATH_IN("Task.cpp", task.ExecuteEvent(), "FlagCreate() == true");
     EXPECT_ASSERT_DEATH_IN("Task.cpp", task.t_OnEvent(&event), "FlagCreate() == true");
     EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", task.t_OnClearQueue(&event), "FlagCreate() == true");

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -521,6 +523,73 @@ TEST_F(TimerTest, HandlerKeptOutByAFullQueueGoesWhenTheTaskFindsTheQueueEmptied)
     EXPECT_EQ(m_releases, 0);
     goOn.Pass();
     EXPECT_TRUE(Eventually([this] { return m_releases == 1; })); // and no event comes any more
+}
+
+TEST_F(TimerTest, HandlerKeptOutByAFullQueueGoesWithADroppedEvent)
+{
+    Gate idle;
+    Gate goOn;
+    bool first = true; // only the task's thread
+    std::atomic<int> releasesSeen{-1};
+    TestTask task;
+    task.onIdle = [&] {
+        if (std::exchange(first, false)) {
+            idle.Pass();
+            goOn.Wait();
+        }
+    };
+    ASSERT_TRUE(task.Start("idle", 10));
+    ASSERT_TRUE(idle.Wait());
+    FunctionHandler gone([](const TSEvent*) { return true; });
+    FunctionHandler looks(
+        [&](const TSEvent*) {
+            releasesSeen = m_releases.load();
+            return true;
+        },
+        &task);
+    {
+        ITimer::TimerHandlerParams params = Params();
+        params.task = &task;
+        const TCTimer timer(params);
+        TSEvent event = EventTo(&gone);
+        EXPECT_TRUE(task.Put(&event, false));
+        EXPECT_TRUE(Post(&looks));
+        FillQueue(&task);
+    }
+    EXPECT_EQ(m_releases, 0);
+    goOn.Pass();
+    EXPECT_TRUE(Eventually([&] { return releasesSeen >= 0; }));
+    EXPECT_EQ(releasesSeen, 1);
+}
+
+TEST_F(TimerTest, HandlerKeptOutByAFullQueueIsTakenUnderTheQueuesLock)
+{
+    Gate entered;
+    Gate leave;
+    std::atomic<bool> left{false};
+    pid_t kernelId = 0; // of the task's thread; ordered by the gate
+    FunctionHandler handler(
+        [&](const TSEvent*) {
+            kernelId = static_cast<pid_t>(syscall(SYS_gettid));
+            entered.Pass();
+            EXPECT_TRUE(leave.Wait());
+            left = true;
+            return true;
+        },
+        &m_task);
+    EXPECT_TRUE(Post(&handler));
+    ASSERT_TRUE(entered.Wait());
+    {
+        const TCTimer timer(Params());
+        FillQueue(&m_task);
+    }
+    m_task.Lock();
+    leave.Pass();
+    EXPECT_TRUE(Eventually([&] { return left.load(); }));
+    EXPECT_TRUE(FallsAsleep(kernelId));
+    EXPECT_EQ(m_releases, 0);
+    m_task.Unlock();
+    EXPECT_TRUE(Eventually([this] { return m_releases == 1; }));
 }
 
 TEST_F(TimerTest, HandlerThatItsEndedTaskNoLongerTakesGoesBeforeTheTasksDestroyReturns)
