@@ -310,13 +310,29 @@ TEST_F(PauseEventTest, WithAnotherAttachmentThrowsNoState)
     EXPECT_EQ(ErrorOf(event), std::make_error_code(std::future_errc::no_state));
 }
 
+TEST_F(PauseEventTest, AcknowledgementAndAnswerAreTrue)
+{
+    std::promise<bool> reply;
+    std::future<bool> acknowledged = reply.get_future();
+    TSEvent event = EventTo(&m_task, TCTask::EVENT_PAUSE);
+    event.setWrappedData(std::move(reply));
+    bool answer = false;
+    Caller paused([&] { answer = m_task.OnPause(&event); });
+    EXPECT_TRUE(acknowledged.get());
+    EXPECT_TRUE(m_task.ResumeAsync());
+    paused.Join();
+    EXPECT_TRUE(answer);
+}
+
 using PauseDeathTest = PauseTest;
 
 TEST_F(PauseDeathTest, HandlingWithoutATaskOrAnEventAsserts)
 {
+    TestTask hooked;
+    hooked.onPause = [](const TSEvent*) {}; // the task's own hook would assert the same
     TestTask idle;
     const TSEvent event;
-    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.OnPause(&event), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", hooked.OnPause(&event), "FlagCreate() == true");
     EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.t_OnPause(&event), "FlagCreate() == true");
     EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.t_OnResume(&event), "FlagCreate() == true");
     EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.Pause(), "FlagCreate() == true");
