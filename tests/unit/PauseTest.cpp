@@ -6,6 +6,7 @@
 #include <future>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ConsoleSeam.h"
