@@ -3,7 +3,8 @@
 What is left out is after order and speed, and takes longer than it is worth here.
 """
 
-SEMAPHORES = ["SemaphoreSingleProcessorTest", "SemaphoreTest", "MutexTest"]
+SEMAPHORES = ["SemaphoreSingleProcessorTest", "SemaphoreSeveralProcessorsTest", "SemaphoreTest",
+              "MutexTest"]
 QUEUES = ["QueueSectionTest", "QueueTest", "QueueThreadTest:-*MillionEvents*",
           "QueueAllocationTest", "QueueModelTest:*DoWhatTheRulesSay/1"]
 TASKS = ["TaskTest", "SendTest", "PingTest", "TaskListTest", "PauseTest", "TrapPointTest",
