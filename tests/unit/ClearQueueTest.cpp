@@ -282,11 +282,17 @@ using ClearQueueDeathTest = ClearQueueTest;
 
 TEST_F(ClearQueueDeathTest, HandlingWithoutATaskOrAnEventAsserts)
 {
+    // With hooks of their own, because the tasks' would assert the same.
+    TestTask hooked;
+    TestTask running;
+    hooked.onClearQueue = [](const TSEvent*) { return true; };
+    running.onClearQueue = hooked.onClearQueue;
+    ASSERT_TRUE(running.Start());
     TestTask idle;
     const TSEvent event;
-    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.OnClearQueue(&event), "FlagCreate() == true");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", hooked.OnClearQueue(&event), "FlagCreate() == true");
     EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", idle.t_OnClearQueue(&event), "FlagCreate() == true");
-    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", m_task.OnClearQueue(nullptr), "event != NULL");
+    EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", running.OnClearQueue(nullptr), "event != NULL");
     EXPECT_ASSERT_DEATH_IN("TaskControl.cpp", m_task.TCTask::t_OnClearQueue(nullptr),
                            "event != NULL");
 }
