@@ -219,6 +219,7 @@ TEST(ThreadTest, CanBeCreatedAgainAfterDestroy)
 
 TEST(ThreadTest, NameIsThatOfTheKernelThread)
 {
+    EXPECT_EQ(NameInBody("w"), "w");
     EXPECT_EQ(NameInBody("worker"), "worker");
     EXPECT_EQ(NameInBody("123456789012345"), "123456789012345");
 }
