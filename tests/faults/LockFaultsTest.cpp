@@ -1,5 +1,3 @@
-#include <sched.h>
-
 #include <cerrno>
 #include <chrono>
 #include <functional>
@@ -145,12 +143,3 @@ TEST_F(LockFaultsTest, MutexOfTheSemaphoresIsWaitedForWhenTriesFail)
 }
 
 } // namespace
-
-/// Several processors, so that the runtime tries: it asks when it is loaded.
-extern "C" int sched_getaffinity(pid_t /*process*/, size_t size, cpu_set_t* processors) noexcept
-{
-    CPU_ZERO_S(size, processors);
-    CPU_SET_S(0, size, processors);
-    CPU_SET_S(1, size, processors);
-    return 0;
-}

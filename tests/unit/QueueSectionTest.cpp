@@ -1,22 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <pthread.h>
-#include <sched.h>
 
 #include <utility>
 
 #include "MutexSeams.h"
 #include "Queue.h"
-
-/// Two processors are what the process may use, so that the mutex is tried first. The library asks
-/// when it is loaded.
-extern "C" int sched_getaffinity(pid_t /*process*/, size_t size, cpu_set_t* processors) noexcept
-{
-    CPU_ZERO_S(size, processors);
-    CPU_SET_S(0, size, processors);
-    CPU_SET_S(1, size, processors);
-    return 0;
-}
 
 namespace {
 

@@ -9,7 +9,8 @@ zor_add_test(QueueTest
           ${zor_support}/ConsoleSeam.cpp)
 zor_add_test(QueueAllocationTest SOURCES QueueAllocationTest.cpp)
 zor_add_test(QueueSectionTest
-  SOURCES QueueSectionTest.cpp ${zor_support}/MutexSeams.cpp)
+  SOURCES QueueSectionTest.cpp
+          ${zor_support}/MutexSeams.cpp ${zor_support}/TwoProcessors.cpp)
 zor_add_test(QueueModelTest SOURCES QueueModelTest.cpp)
 zor_add_test(QueueThreadTest SOURCES QueueThreadTest.cpp)
 zor_add_test(SyncTest

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <pthread.h>
-#include <sched.h>
 
 #include <atomic>
 #include <cerrno>
@@ -9,24 +8,11 @@
 #include "MutexSeams.h"
 #include "Thread.h"
 
-/// Two processors, whatever the machine has. The library asks when it is loaded, for this process.
-extern "C" int sched_getaffinity(pid_t process, size_t size, cpu_set_t* processors) noexcept
-{
-    if (process != 0) {
-        errno = ESRCH;
-        return -1;
-    }
-    CPU_ZERO_S(size, processors);
-    CPU_SET_S(0, size, processors);
-    CPU_SET_S(1, size, processors);
-    return 0;
-}
-
 namespace {
 
 using namespace zortest;
 
-/// A semaphore, and how often the mutex behind it is tried.
+/// A semaphore where two processors are to be had, and how often the mutex behind it is tried.
 class SemaphoreSeveralProcessorsTest : public ::testing::Test
 {
  protected:

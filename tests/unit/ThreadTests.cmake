@@ -8,7 +8,8 @@ zor_add_test(SemaphoreTest
 zor_add_test(SemaphoreSingleProcessorTest
   SOURCES SemaphoreSingleProcessorTest.cpp ${zor_support}/MutexSeams.cpp)
 zor_add_test(SemaphoreSeveralProcessorsTest
-  SOURCES SemaphoreSeveralProcessorsTest.cpp ${zor_support}/MutexSeams.cpp)
+  SOURCES SemaphoreSeveralProcessorsTest.cpp
+          ${zor_support}/MutexSeams.cpp ${zor_support}/TwoProcessors.cpp)
 zor_add_test(MutexTest
   SOURCES MutexTest.cpp
           ${zor_support}/AllocationSeam.cpp ${zor_support}/ConditionSeams.cpp
