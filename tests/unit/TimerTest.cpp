@@ -551,10 +551,14 @@ TEST_F(TimerTest, HandlerKeptOutByAFullQueueGoesWithADroppedEvent)
         ITimer::TimerHandlerParams params = Params();
         params.task = &task;
         const TCTimer timer(params);
-        TSEvent event = EventTo(&gone);
-        EXPECT_TRUE(task.Put(&event, false));
-        EXPECT_TRUE(Post(&looks));
         FillQueue(&task);
+        TSEvent event;
+        EXPECT_TRUE(task.Get(&event, static_cast<TCHandler*>(&task)));
+        EXPECT_TRUE(task.Get(&event, static_cast<TCHandler*>(&task)));
+        for (TCHandler* receiver : {&looks, &gone}) { // the last one is taken first
+            event = EventTo(receiver);
+            EXPECT_TRUE(task.Put(&event, true));
+        }
     }
     EXPECT_EQ(m_releases, 0);
     goOn.Pass();
@@ -597,7 +601,7 @@ TEST_F(TimerTest, HandlerThatItsEndedTaskNoLongerTakesGoesBeforeTheTasksDestroyR
     std::optional<TCTimer> timer;
     TestTask task;
     task.onDestroy = [&] {
-        EXPECT_TRUE(Eventually([&] { return !IsRegistered(&task); })); // nothing is sent to it then
+        FillQueue(&task);
         timer.reset();
         EXPECT_EQ(m_releases, 0);
     };
