@@ -499,20 +499,34 @@ TEST_F(TimerTest, FullQueueDoesNotKeepAHandlerFromItsTask)
     EXPECT_EQ(m_releasedOn, m_taskThread);
 }
 
+/// A task that stays in its first idle turn until it is told to go on.
+class IdlingTask : public TestTask
+{
+ public:
+    IdlingTask()
+    {
+        onIdle = [this] {
+            if (std::exchange(m_first, false)) {
+                m_idle.Pass();
+                m_goOn.Wait();
+            }
+        };
+    }
+    ~IdlingTask() override { End(); } // before the gates go
+
+    bool StartAndIdle() { return Start("idle", 10) && m_idle.Wait(); }
+    void GoOn() { m_goOn.Pass(); }
+
+ private:
+    Gate m_idle;
+    Gate m_goOn;
+    bool m_first = true; // only the task's thread
+};
+
 TEST_F(TimerTest, HandlerKeptOutByAFullQueueGoesWhenTheTaskFindsTheQueueEmptied)
 {
-    Gate idle;
-    Gate goOn;
-    bool first = true; // only the task's thread
-    TestTask task;
-    task.onIdle = [&] {
-        if (std::exchange(first, false)) {
-            idle.Pass();
-            goOn.Wait();
-        }
-    };
-    ASSERT_TRUE(task.Start("idle", 10));
-    ASSERT_TRUE(idle.Wait());
+    IdlingTask task;
+    ASSERT_TRUE(task.StartAndIdle());
     {
         ITimer::TimerHandlerParams params = Params();
         params.task = &task;
@@ -521,25 +535,15 @@ TEST_F(TimerTest, HandlerKeptOutByAFullQueueGoesWhenTheTaskFindsTheQueueEmptied)
     }
     EXPECT_TRUE(task.Delete(static_cast<TCHandler*>(&task), nullptr));
     EXPECT_EQ(m_releases, 0);
-    goOn.Pass();
+    task.GoOn();
     EXPECT_TRUE(Eventually([this] { return m_releases == 1; })); // and no event comes any more
 }
 
 TEST_F(TimerTest, HandlerKeptOutByAFullQueueGoesWithADroppedEvent)
 {
-    Gate idle;
-    Gate goOn;
-    bool first = true; // only the task's thread
     std::atomic<int> releasesSeen{-1};
-    TestTask task;
-    task.onIdle = [&] {
-        if (std::exchange(first, false)) {
-            idle.Pass();
-            goOn.Wait();
-        }
-    };
-    ASSERT_TRUE(task.Start("idle", 10));
-    ASSERT_TRUE(idle.Wait());
+    IdlingTask task;
+    ASSERT_TRUE(task.StartAndIdle());
     FunctionHandler gone([](const TSEvent*) { return true; });
     FunctionHandler looks(
         [&](const TSEvent*) {
@@ -561,12 +565,12 @@ TEST_F(TimerTest, HandlerKeptOutByAFullQueueGoesWithADroppedEvent)
         }
     }
     EXPECT_EQ(m_releases, 0);
-    goOn.Pass();
+    task.GoOn();
     EXPECT_TRUE(Eventually([&] { return releasesSeen >= 0; }));
     EXPECT_EQ(releasesSeen, 1);
 }
 
-TEST_F(TimerTest, HandlerKeptOutByAFullQueueIsTakenUnderTheQueuesLock)
+TEST_F(TimerTest, HandlerKeptOutByAFullQueueStaysWhileTheQueueIsLocked)
 {
     Gate entered;
     Gate leave;
