@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "MutexLock.h"
 #include "Task.h"
 #include "ZorServiceDebug.h"
 #include "ZorServiceDebugOverlay.h"
@@ -13,19 +14,6 @@
 namespace {
 
 constexpr unsigned long STACK_SIZE = 512;
-
-class MutexLock
-{
- public:
-    explicit MutexLock(TCMutex* mutex) : m_mutex(mutex) { m_mutex->Lock(); }
-    ~MutexLock() { m_mutex->Unlock(); }
-
-    MutexLock(const MutexLock&) = delete;
-    MutexLock& operator=(const MutexLock&) = delete;
-
- private:
-    TCMutex* m_mutex;
-};
 
 } // namespace
 
@@ -79,7 +67,7 @@ void TCAlarm::Destroy()
 {
     TCASSERT(FlagCreate() == true);
     {
-        MutexLock lock(&m_lock);
+        const zor::MutexLock lock(&m_lock);
         m_exit.store(true, std::memory_order_relaxed);
         m_wakeUp.Give();
     }
@@ -93,7 +81,7 @@ void TCAlarm::Destroy()
 void TCAlarm::Reset(unsigned long interval, unsigned long count)
 {
     TCASSERT(FlagCreate() == true);
-    MutexLock lock(&m_lock);
+    const zor::MutexLock lock(&m_lock);
     m_stopped = false;
     m_count = count;
     m_interval = std::max(interval, INTERVAL_MIN);
@@ -105,7 +93,7 @@ void TCAlarm::Reset(unsigned long interval, unsigned long count)
 void TCAlarm::Stop()
 {
     TCASSERT(FlagCreate() == true);
-    MutexLock lock(&m_lock);
+    const zor::MutexLock lock(&m_lock);
     if (m_stopped) {
         return;
     }
@@ -119,7 +107,7 @@ void TCAlarm::Stop()
 void TCAlarm::RestartAfterStop()
 {
     TCASSERT(FlagCreate() == true);
-    MutexLock lock(&m_lock);
+    const zor::MutexLock lock(&m_lock);
     if (!m_stopped) {
         return;
     }

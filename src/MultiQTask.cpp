@@ -2,11 +2,12 @@
 #include <utility>
 #include <vector>
 
+#include "MutexLock.h"
 #include "PausedSendTrace.h"
 #include "Reply.h"
 #include "TCDebugPrint.h"
 #include "Task.h"
-#include "TaskListLock.h"
+#include "TaskListEntry.h"
 #include "TaskRequest.h"
 #include "TrapPoint.h"
 #include "ZorServiceDebugOverlay.h"
@@ -248,7 +249,7 @@ bool TCMultiQTask::ClearQueue(TCMultiQTask* task, int idx, unsigned long msec)
     {
         // Held from the look-up until the request is queued: the task cannot be destroyed
         // meanwhile.
-        TaskListLock lock;
+        const zor::MutexLock lock(&TCTaskList::m_mutex);
         if (!TCTaskList::Find(task)) {
             return false;
         }

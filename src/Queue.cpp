@@ -7,25 +7,12 @@
 #include <string>
 #include <utility>
 
+#include "MutexLock.h"
 #include "Reply.h"
 #include "SemaphoreState.h"
 #include "TCDebugPrint.h"
 
 namespace {
-
-/// Holds a queue's lock for a scope.
-class QueueLock
-{
- public:
-    explicit QueueLock(TCQueue* queue) : m_queue(queue) { m_queue->Lock(); }
-    ~QueueLock() { m_queue->Unlock(); }
-
-    QueueLock(const QueueLock&) = delete;
-    QueueLock& operator=(const QueueLock&) = delete;
-
- private:
-    TCQueue* m_queue;
-};
 
 /// Attachments on their way out. They are destroyed with this object, after the pass over the ring
 /// that removed them: destroying one may run code that uses the queue.
@@ -203,7 +190,7 @@ bool TCQueue::PlaceWith(const Fill& fill, bool priority)
             return true;
         }
     }
-    QueueLock lock(this);
+    const zor::MutexLock lock(this);
     TSEvent* const slot = TakeSlotLocked(priority);
     if (slot == nullptr) {
         return false;
@@ -310,7 +297,7 @@ bool TCQueue::GetSync(TSEvent* event, unsigned long msec, bool skipSync)
             }
         } else {
             shared.Unlock();
-            QueueLock lock(this);
+            const zor::MutexLock lock(this);
             if (m_count > 0) {
                 return TakeHeadLocked(event, skipSync, &remains);
             }
@@ -348,7 +335,7 @@ bool TCQueue::GetSyncQData(TSEvent* event, bool skipSync)
             return m_count > 0 && TakeHeadLocked(event, skipSync, &remains);
         }
     }
-    QueueLock lock(this);
+    const zor::MutexLock lock(this);
     return m_count > 0 && TakeHeadLocked(event, skipSync, &remains);
 }
 
@@ -372,7 +359,7 @@ bool TCQueue::GetMatching(TSEvent* event, const Match& match)
     TCASSERT(FlagCreate() == true);
     TCASSERT(event != NULL);
     std::shared_ptr<ZOREventDataBase> released;
-    QueueLock lock(this);
+    const zor::MutexLock lock(this);
 
     std::uint64_t write = m_head;
     bool taken = false;
@@ -409,7 +396,7 @@ bool TCQueue::Find(const TCHandler* receiver, unsigned long type, unsigned int* 
 bool TCQueue::FindMatching(const Match& match, unsigned int* found)
 {
     TCASSERT(FlagCreate() == true);
-    QueueLock lock(this);
+    const zor::MutexLock lock(this);
     std::uint64_t matches = 0;
     for (std::uint64_t i = 0; i < m_count; ++i) {
         matches += match(m_ring[Wrap(m_head + i)]) ? 1 : 0;
@@ -438,7 +425,7 @@ bool TCQueue::DeleteMatching(const Match& match, std::uint64_t maxCount, unsigne
 {
     TCASSERT(FlagCreate() == true);
     ReleaseList released; // before the lock, so that it goes after it
-    QueueLock lock(this);
+    const zor::MutexLock lock(this);
 
     std::uint64_t write = m_head;
     std::uint64_t removed = 0;
@@ -491,6 +478,6 @@ bool TCQueue::Try(unsigned long msec)
 std::size_t TCQueue::Size()
 {
     TCASSERT(FlagCreate() == true);
-    QueueLock lock(this);
+    const zor::MutexLock lock(this);
     return m_count;
 }

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "Event.h"
+#include "MutexLock.h"
 #include "Task.h"
 #include "Thread.h"
 
@@ -20,19 +21,6 @@ static_assert(offsetof(PTSyncDetInfo, receiverThread) == 32);
 static_assert(offsetof(PTSyncDetInfo, receiverName) == 40);
 
 namespace {
-
-class TableLock
-{
- public:
-    explicit TableLock(TCMutex* mutex) : m_mutex(mutex) { m_mutex->Lock(); }
-    ~TableLock() { m_mutex->Unlock(); }
-
-    TableLock(const TableLock&) = delete;
-    TableLock& operator=(const TableLock&) = delete;
-
- private:
-    TCMutex* m_mutex;
-};
 
 template <std::size_t SIZE>
 void CopyName(char (&to)[SIZE], const char* from)
@@ -98,7 +86,7 @@ int TCSyncDet::Add(PTSyncDetInfo* pData)
     if (pData == nullptr || m_arrPCSyncDet == nullptr) {
         return -1;
     }
-    TableLock lock(m_pLock);
+    const zor::MutexLock lock(m_pLock);
     for (int i = 0; i < MAX_SYNC_TASKS; ++i) {
         PTSyncDetInfo& entry = m_arrPCSyncDet[i];
         if (!entry.bValid) {
@@ -118,7 +106,7 @@ int TCSyncDet::Remove(int callerArryIndex)
     if (m_arrPCSyncDet == nullptr || callerArryIndex < 0 || callerArryIndex >= MAX_SYNC_TASKS) {
         return -1;
     }
-    TableLock lock(m_pLock);
+    const zor::MutexLock lock(m_pLock);
     TCASSERT((m_arrPCSyncDet[callerArryIndex].bValid));
     m_arrPCSyncDet[callerArryIndex].bValid = false;
     return 0;

@@ -6,7 +6,7 @@
 #include "PausedSendTrace.h"
 #include "Sync.h"
 #include "TCDebugPrint.h"
-#include "TaskListLock.h"
+#include "TaskListEntry.h"
 #include "TrapPoint.h"
 #include "ZorServiceDebugOverlay.h"
 #include "brisk_deadlock.h"

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <chrono>
 
+#include "MutexLock.h"
 #include "Task.h"
-#include "TaskListLock.h"
 #include "TaskRequest.h"
 #include "ZorServiceDebugOverlay.h"
 #include "brisk_deadlock.h"
@@ -173,7 +173,7 @@ bool TCTask::Ping(TCTask* task, unsigned long msec)
     {
         // Held from the look-up until the request is queued: the task cannot be destroyed
         // meanwhile.
-        TaskListLock lock;
+        const zor::MutexLock lock(&TCTaskList::m_mutex);
         if (!TCTaskList::Find(task)) {
             return false;
         }
@@ -214,7 +214,7 @@ bool TCTask::ClearQueue(TCTask* task, unsigned long msec)
 {
     std::future<bool> answer;
     {
-        TaskListLock lock;
+        const zor::MutexLock lock(&TCTaskList::m_mutex);
         if (!TCTaskList::Find(task)) {
             return false;
         }

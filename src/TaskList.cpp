@@ -1,7 +1,8 @@
 #include <cstring>
 
+#include "MutexLock.h"
 #include "Task.h"
-#include "TaskListLock.h"
+#include "TaskListEntry.h"
 
 TCMutex& TCTaskList::m_mutex = *new TCMutex;
 std::list<const TCTask*>& TCTaskList::m_taskList = *new std::list<const TCTask*>;
@@ -66,7 +67,7 @@ void TCTaskList::Register(const TCTask* task)
 
 void TCTaskList::Unregister(const TCTask* task)
 {
-    TaskListLock lock;
+    const zor::MutexLock lock(&TCTaskList::m_mutex);
     if (Find(task)) {
         m_currentTask = m_taskList.erase(m_currentTask);
     }

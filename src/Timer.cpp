@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Debug.h"
+#include "MutexLock.h"
 #include "Task.h"
 
 TCTimersScheduler TCTimer::m_scheduler;
@@ -150,8 +151,8 @@ void TCTimer::m_Stop()
     }
     TCTask* const task = m_handler->Task();
     task->Delete(m_handler.get(), nullptr);
-    task->Lock();
     {
+        const zor::MutexLock lock(task);
         TSEvent event;
         event.type = TCTask::EVENT_RESUME;
         event.receiver = task;
@@ -160,6 +161,5 @@ void TCTimer::m_Stop()
             task->ReleaseLaterLocked(std::move(event.wrappedData));
         }
     }
-    task->Unlock();
     m_timerId = TCTimersScheduler::INVALID_TIMER_ID;
 }

@@ -1,8 +1,9 @@
 #include "WatchdogNotifier.h"
 
 #include "Debug.h"
+#include "MutexLock.h"
 #include "Task.h"
-#include "TaskListLock.h"
+#include "TaskList.h"
 
 namespace {
 
@@ -70,7 +71,7 @@ void TCWatchdogNotifier::t_Main()
 /// registry's lock is free again; the ping looks it up anew.
 TCTask* TCWatchdogNotifier::m_NextTaskToNotify()
 {
-    TaskListLock lock;
+    const zor::MutexLock lock(&TCTaskList::m_mutex);
     while (m_nextTask < TCTaskList::m_taskList.size()) {
         TCTaskList::Seek(static_cast<int>(m_nextTask++));
         TCTask* const task = TCTaskList::Task();

@@ -2,18 +2,8 @@
 
 #include <list>
 
+#include "MutexLock.h"
 #include "Task.h"
-
-/// Holds the registry's lock for a scope.
-class TaskListLock
-{
- public:
-    TaskListLock() { TCTaskList::m_mutex.Lock(); }
-    ~TaskListLock() { TCTaskList::m_mutex.Unlock(); }
-
-    TaskListLock(const TaskListLock&) = delete;
-    TaskListLock& operator=(const TaskListLock&) = delete;
-};
 
 /// A task's entry in the registry, made before the task's thread is: nothing may fail once that
 /// runs, because only an exit event ends it.
@@ -25,7 +15,7 @@ class TaskListEntry
     /// Registers the task.
     void Enter()
     {
-        TaskListLock lock;
+        const zor::MutexLock lock(&TCTaskList::m_mutex);
         TCTaskList::m_taskList.splice(TCTaskList::m_taskList.end(), m_entry);
     }
 
