@@ -23,8 +23,10 @@ class ZOR_CORE_API TCRWLock
  public:
     TCRWLock();
 
-    /// Nobody may hold the lock. Threads that have read-locked it should have ended or must not end
-    /// at the same time: their counts are freed by the thread that ends.
+    /// Nobody may hold the lock, and no thread that has read-locked it may be ending at the same
+    /// time. Each thread that has read-locked it has a count of its own, which is freed when that
+    /// thread ends: those of threads that live on, but for the calling one, are not freed any more.
+    /// Give a lock that many threads read a life as long as theirs.
     virtual ~TCRWLock();
 
     TCRWLock(const TCRWLock&) = delete;
@@ -54,9 +56,9 @@ class ZOR_CORE_API TCRWLock
     /// No key that the system has given: it refuses all calls with this one.
     static constexpr pthread_key_t NO_KEY = ~static_cast<pthread_key_t>(0);
 
-    bool WrittenByCaller() const;
-    std::uint32_t* ReadCount() const;
-    std::uint32_t* MakeReadCount();
+    ZOR_CORE_LOCAL bool WrittenByCaller() const;
+    ZOR_CORE_LOCAL std::uint32_t* ReadCount() const;
+    ZOR_CORE_LOCAL std::uint32_t* MakeReadCount();
 
     pthread_key_t m_readCountKey = NO_KEY;      ///< each thread's own count, owned by the key
     pthread_rwlock_t m_lock;                    ///< synchronised in itself

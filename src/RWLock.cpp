@@ -7,14 +7,15 @@
 
 namespace {
 
-/// Asserts that a call of the system succeeded.
-bool Succeeded(const char* call, int ret)
+/// Asserts that a call of the system succeeded, at the line of the call.
+bool Succeeded(const char* call, int ret, int line = __builtin_LINE())
 {
     if (ret == 0) {
         return true;
     }
     char text[256];
-    TCASSERT_MSG(ret == 0, "%s = %d, %s\n", call, ret, strerror_r(ret, text, sizeof(text)));
+    _TCAssert("ret == 0", __FILE__, static_cast<unsigned long>(line), "%s = %d, %s\n", call, ret,
+              strerror_r(ret, text, sizeof(text)));
     return false;
 }
 

@@ -8,8 +8,7 @@ void TCThreadUtil::SetCurrentThreadName(const char* name)
 {
     const long result = pthread_setname_np(pthread_self(), name);
     if (result != 0) {
-        // The text stands where the tag belongs and the name where the format belongs. Filters of
-        // the platform log match that tag, so it stays.
+        // Deliberate: the text stands where the tag belongs, the name where the format belongs.
         ZOR_LOG_TAGGED("\"failed to set %s name, result:%ld\"", true, DLOG_INFO, name, result);
     }
 }

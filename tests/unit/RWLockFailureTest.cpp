@@ -183,6 +183,25 @@ TEST_F(RWLockFailureTest, ReadLockThatFailsIsReportedAndNotCounted)
     EXPECT_TRUE(m_lock->WUnlock());
 }
 
+/// The report leads to the call, not to what asserts for all of them.
+TEST(RWLockFailureLineTest, EachFailingCallIsReportedAtItsOwnLine)
+{
+    std::vector<unsigned long> lines;
+    test::TSCustomAssert::callback = [&lines](const char*, unsigned long line) {
+        lines.push_back(line);
+    };
+    {
+        TCRWLock lock;
+        const Takeover rdlock(rdlockSeam, [](pthread_rwlock_t*) { return EAGAIN; });
+        const Takeover wrlock(wrlockSeam, [](pthread_rwlock_t*) { return EAGAIN; });
+        EXPECT_FALSE(lock.RLock());
+        EXPECT_FALSE(lock.WLock());
+    }
+    test::TSCustomAssert::callback = nullptr;
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_LT(lines[0], lines[1]);
+}
+
 TEST_F(RWLockFailureTest, ReadLockWithoutAPlaceForItsCountIsReportedAndNotTaken)
 {
     {
