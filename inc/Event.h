@@ -58,6 +58,21 @@ struct ZOR_CORE_API TSEvent
     /// either; the old attachment is released.
     TSEvent& operator=(TSEvent&& other) noexcept
     {
+        CopyValues(other);
+        if (this != &other) {
+            appName = std::move(other.appName);
+            if (other.appName.capacity() > NAME_WITHOUT_HEAP) {
+                std::string().swap(other.appName); // it got this one's old memory
+            }
+            other.appName.clear();
+        }
+        wrappedData = std::move(other.wrappedData);
+        return *this;
+    }
+
+    /// Copies every field but the two that have an owner, `appName` and `wrappedData`.
+    void CopyValues(const TSEvent& other)
+    {
         sync = other.sync;
         receiver = other.receiver;
         sender = other.sender;
@@ -69,16 +84,7 @@ struct ZOR_CORE_API TSEvent
         param5 = other.param5;
         param6 = other.param6;
         flag = other.flag;
-        if (this != &other) {
-            appName = std::move(other.appName);
-            if (other.appName.capacity() > NAME_WITHOUT_HEAP) {
-                std::string().swap(other.appName); // it got this one's old memory
-            }
-            other.appName.clear();
-        }
         appFlag = other.appFlag;
-        wrappedData = std::move(other.wrappedData);
-        return *this;
     }
 
     /// Attaches @p value, releasing what was attached before. The receiver finds it with a

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <new>
 #include <type_traits>
 
 #include "Event.h"
@@ -28,7 +28,7 @@
 class ZOR_CORE_API TCQueue : public TCMutex
 {
  public:
-    TCQueue() {} // NOLINT(modernize-use-equals-default): the ring's records are made when used
+    TCQueue() {} // NOLINT(modernize-use-equals-default): or the ring would be cleared
 
     /// Asserts "FlagCreate() == false" and releases the events still queued.
     ~TCQueue() override;
@@ -38,8 +38,9 @@ class ZOR_CORE_API TCQueue : public TCMutex
     /// @return whether lock and semaphore could be created; nothing is left behind if not
     bool Create();
 
-    /// Ends the queue. It stays locked by the caller, so that nobody gets in any more. Queued
-    /// events stay until the object is destroyed; a sender that waits for one of them is not
+    /// Ends the queue: locks it, without ever unlocking, and releases lock and semaphore. No other
+    /// thread may be in an operation by then or begin one later: it would meet a lock that is gone.
+    /// Queued events stay until the object is destroyed; a sender that waits for one of them is not
     /// released.
     void Destroy() override;
 
@@ -56,6 +57,9 @@ class ZOR_CORE_API TCQueue : public TCMutex
     ///                  itself would wait for ever.
     /// @param priority  whether the event overtakes all that are queued
     /// @return false if the queue is full (or no reply semaphore can be made): nothing is queued
+    ///
+    /// A thread that waits cannot be cancelled before the event has been handled or deleted: the
+    /// event points to its stack.
     bool PutSync(TSEvent* event, bool sync, bool priority);
 
     /// Takes the oldest event, waiting at most @p msec for one.
@@ -129,30 +133,45 @@ class ZOR_CORE_API TCQueue : public TCMutex
     static constexpr std::uint64_t CAPACITY = 256;
     static constexpr std::uint64_t RESERVED_FOR_PRIORITY = 16;
 
+    static constexpr std::uint64_t MOST_NORMAL = CAPACITY - RESERVED_FOR_PRIORITY;
+
     /// Who is looked for: the receiver, and the type if there is one.
     struct Match;
+
+    /// What is to go into a record of the ring.
+    class Entry;
 
     /// What an event held that another one is moved into; released when no lock is held.
     struct Remains;
 
-    bool Place(const TSEvent& event, TCSemaphore* reply, bool priority);
-    template <typename Fill>
-    bool PlaceWith(const Fill& fill, bool priority);
-    TSEvent* TakeSlotLocked(bool priority);
-    bool TakeHeadLocked(TSEvent* event, bool skipSync, Remains* remains);
-    bool IsFreeLocked() const;
-    bool GetMatching(TSEvent* event, const Match& match);
-    bool FindMatching(const Match& match, unsigned int* found);
-    bool DeleteMatching(const Match& match, std::uint64_t maxCount, unsigned int* deleted);
-    void MoveRecordLocked(std::uint64_t from, std::uint64_t to);
-    TSEvent* MadeSlotLocked(std::uint64_t index);
+    ZOR_CORE_LOCAL bool Place(const TSEvent& event, TCSemaphore* reply, bool priority);
+    ZOR_CORE_LOCAL bool PlaceLocked(Entry* entry, bool priority);
+    ZOR_CORE_LOCAL bool TakeHeadLocked(TSEvent* event, bool skipSync, Remains* remains);
+    ZOR_CORE_LOCAL bool IsFreeLocked() const;
+    ZOR_CORE_LOCAL bool IsFullLocked(bool priority) const;
+    ZOR_CORE_LOCAL std::uint64_t NextSlotLocked(bool priority) const;
+    ZOR_CORE_LOCAL bool IsMadeLocked(std::uint64_t index) const;
+    ZOR_CORE_LOCAL bool BeginsPageLocked(std::uint64_t index) const;
+    ZOR_CORE_LOCAL TSEvent* MakeSlotLocked(std::uint64_t index);
+    ZOR_CORE_LOCAL bool GetMatching(TSEvent* event, const Match& match);
+    ZOR_CORE_LOCAL bool FindMatching(const Match& match, unsigned int* found);
+    ZOR_CORE_LOCAL bool DeleteMatching(const Match& match, std::uint64_t maxCount,
+                                       unsigned int* deleted);
+    ZOR_CORE_LOCAL void MoveRecordLocked(std::uint64_t from, std::uint64_t to);
 
     static constexpr std::uint64_t Wrap(std::uint64_t index) { return index & (CAPACITY - 1); }
+
+    /// The record at @p index, which has been made.
+    TSEvent* Slot(std::uint64_t index)
+    {
+        return std::launder(reinterpret_cast<TSEvent*>(m_ring + index * sizeof(TSEvent)));
+    }
 
     // Records are made when they are used for the first time, so that a queue in which little ever
     // happens takes one or two of its ring's eight pages: those below m_madeEnd are, by normal
     // puts, and those from m_madeBegin on, by priority puts on the way down. The events lie among
-    // them. Guarded as the ring is; the two fit behind the mutex's last field.
+    // them. Guarded as the ring is; the two fit behind the mutex's last field, which is asserted
+    // below.
     std::uint16_t m_madeEnd = 0;
     std::uint16_t m_madeBegin = CAPACITY;
 
@@ -166,7 +185,9 @@ class ZOR_CORE_API TCQueue : public TCMutex
     std::uint64_t m_tail = 0;
     std::uint64_t m_head = 0;
     std::uint64_t m_count = 0;
-    union {
-        std::array<TSEvent, CAPACITY> m_ring;
-    };
+    alignas(TSEvent) unsigned char m_ring[CAPACITY * sizeof(TSEvent)]; ///< room for the records
 };
+
+static_assert(sizeof(TCQueue) == sizeof(TCMutex) + sizeof(TCSemaphore) + 3 * sizeof(std::uint64_t) +
+                                     256 * sizeof(TSEvent),
+              "the two marks of the ring must fit behind the mutex's last field");

@@ -18,12 +18,21 @@
 /// a release build) the operation goes on as if the check had passed, which is undefined behaviour
 /// for an object without its resources.
 
+namespace zor {
+class Reply;
+} // namespace zor
+
 /// A counting semaphore.
 ///
 /// All semaphores of the process are guarded by one process-wide mutex, so a semaphore is one
 /// pointer and cheap to make. Any thread may call any operation of a created semaphore; Destroy()
 /// must not run while another operation does, except that a thread which has been released by
-/// Give() may destroy the semaphore at once, even before that Give() has returned.
+/// Give() may destroy the semaphore at once, even before that Give() has returned. Waiters get
+/// their units in no particular order.
+///
+/// A wait is a cancellation point: a thread that is cancelled in it takes no unit. In the child of
+/// a fork() every count is as it was at the moment of the fork, and what other threads held or
+/// waited for stays so: the child may take what was free, and should go on to exec() or _exit().
 ///
 /// | state       | left by     |
 /// |-------------|-------------|
@@ -70,7 +79,7 @@ class ZOR_CORE_API TCSemaphore
 
  private:
     friend class TCQueue;
-    friend class Reply;
+    friend class zor::Reply;
 
     struct State;
 
@@ -200,7 +209,8 @@ class ZOR_CORE_API TCThread
     /// Sets the thread's niceness, waiting for the thread to start if need be.
     ///
     /// @param priority  0 highest (niceness -10), 1 normal (0), 2 lowest (10)
-    /// @return whether the system did it; false for any other @p priority
+    /// @return whether the system did it; false for any other @p priority, and once t_Main() has
+    ///         returned
     ///
     /// Asserts "FlagCreate() == true".
     bool SetPriority(int priority);
@@ -222,8 +232,8 @@ class ZOR_CORE_API TCThread
     static constexpr int NO_KERNEL_ID = -1;
     static constexpr std::size_t NAME_SIZE = 16;
 
-    bool CreateGates();
-    bool Start(unsigned long stackSize);
+    ZOR_CORE_LOCAL bool CreateGates();
+    ZOR_CORE_LOCAL bool Start(unsigned long stackSize);
 
     std::atomic<pthread_t> m_thread{0};        ///< written by Create() and at the thread's end
     std::atomic<int> m_kernelId{NO_KERNEL_ID}; ///< published by the thread

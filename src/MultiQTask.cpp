@@ -320,7 +320,7 @@ bool TCMultiQTask::m_Send(TSEvent* event, bool sync, bool priority, unsigned int
         }
         return priority;
     }
-    Reply reply; // on the sender's stack, as in TCQueue::PutSync()
+    zor::Reply reply; // on the sender's stack, as in TCQueue::PutSync()
     if (sync && !reply.Create()) {
         return false;
     }

@@ -14,79 +14,42 @@
 
 namespace {
 
-/// Attachments on their way out. They are destroyed with this object, after the pass over the ring
-/// that removed them: destroying one may run code that uses the queue.
-class ReleaseList
-{
- public:
-    using Attachment = std::shared_ptr<ZOREventDataBase>;
-
-    // cppcheck-suppress uninitMemberVar ; what has not been added is not there
-    ReleaseList() = default;
-    ~ReleaseList()
-    {
-        for (std::size_t i = 0; i < m_size; ++i) {
-            At(i)->~Attachment();
-        }
-    }
-
-    ReleaseList(const ReleaseList&) = delete;
-    ReleaseList& operator=(const ReleaseList&) = delete;
-
-    void Add(Attachment&& attachment)
-    {
-        if (attachment != nullptr) {
-            new (Place(m_size++)) Attachment(std::move(attachment));
-        }
-    }
-
- private:
-    static constexpr std::size_t CAPACITY = 256; // as many as the ring can hold
-
-    void* Place(std::size_t i) { return m_storage + i * sizeof(Attachment); }
-    Attachment* At(std::size_t i) { return std::launder(static_cast<Attachment*>(Place(i))); }
-
-    alignas(Attachment) unsigned char m_storage[CAPACITY * sizeof(Attachment)];
-    std::size_t m_size = 0;
-};
-
 /// How long to stay away from a mutex that is taken: the longer, the more there is for the other
 /// side to do, which then does it in one run. A put makes way for gets when the queue is full, a
-/// get for puts when it is empty.
-constexpr int LEAST_PAUSES = 30;
-constexpr int MORE_PAUSES = 50;
-constexpr int FULL = 240;
+/// get for puts when it is empty. Found by measuring streams (docs/benchmarks.md).
+constexpr int LEAST_NSEC = 1200;
+constexpr int MORE_NSEC = 2000;
+constexpr int FULL = 240; // events, as many as normal puts can queue
 
-int PausesOfPut(int queued)
+int NsecBeforePut(int queued)
 {
-    return LEAST_PAUSES + MORE_PAUSES * std::min(queued, FULL) / FULL;
+    return LEAST_NSEC + MORE_NSEC * std::clamp(queued, 0, FULL) / FULL;
 }
 
-int PausesOfGet(int queued)
+int NsecBeforeGet(int queued)
 {
-    return LEAST_PAUSES + MORE_PAUSES * (FULL - std::min(queued, FULL)) / FULL;
+    return LEAST_NSEC + MORE_NSEC * (FULL - std::clamp(queued, 0, FULL)) / FULL;
 }
 
-void StoreNumber(unsigned int* where, std::uint64_t number)
+/// Has the memory of @p event resident, for reading: a page that had to be fetched while the
+/// process-wide mutex is held would stop every semaphore of the process. Whoever passes a bad
+/// pointer is ended here, with no lock held.
+void Touch(const TSEvent* event)
 {
-    if (where != nullptr) {
-        *where = static_cast<unsigned int>(number);
-    }
+    const auto* const bytes = reinterpret_cast<const volatile unsigned char*>(event);
+    static_cast<void>(bytes[0]);
+    static_cast<void>(bytes[sizeof(*event) - 1]);
+}
+
+/// The same for writing; the event is the calling thread's.
+void TouchForWriting(TSEvent* event)
+{
+    auto* const bytes = reinterpret_cast<volatile unsigned char*>(event);
+    bytes[0] = bytes[0];
+    bytes[sizeof(*event) - 1] = bytes[sizeof(*event) - 1];
 }
 
 } // namespace
-
-struct TCQueue::Match
-{
-    const TCHandler* receiver;
-    bool anyType;
-    unsigned long type;
-
-    bool operator()(const TSEvent& record) const
-    {
-        return record.receiver == receiver && (anyType || record.type == type);
-    }
-};
 
 /// Destroying an attachment may run code that uses the queue, and freeing a name takes its time.
 struct TCQueue::Remains
@@ -103,11 +66,57 @@ struct TCQueue::Remains
     }
 };
 
+/// What the next record of the ring is to hold: the sender's event, stamped. Made before any lock
+/// is taken, with all that may allocate, so that moving it into its slot does not.
+class TCQueue::Entry
+{
+ public:
+    Entry(const TSEvent& event, TCSemaphore* reply)
+        : m_event(event),
+          m_reply(reply),
+          m_appData(TCDebugPrintZOR::GetInstance()->GetAppData()),
+          m_attachment(event.wrappedData)
+    {
+        if (m_appData.name.size() > TSEvent::NAME_WITHOUT_HEAP) {
+            m_longName = m_appData.name;
+        }
+        Touch(&event);
+    }
+
+    Entry(const Entry&) = delete;
+    Entry& operator=(const Entry&) = delete;
+
+    void MoveInto(TSEvent* slot)
+    {
+        m_remains.TakeFrom(slot);
+        slot->CopyValues(m_event);
+        slot->sync = m_reply;
+        slot->sender = m_sender;
+        slot->appFlag = static_cast<std::uint8_t>(m_appData.value);
+        if (m_longName.empty()) {
+            slot->appName.assign(m_appData.name.data(), m_appData.name.size());
+        } else {
+            slot->appName.swap(m_longName);
+        }
+        slot->wrappedData = std::move(m_attachment);
+    }
+
+ private:
+    const TSEvent& m_event;
+    TCSemaphore* const m_reply;
+    const TSAppData& m_appData;
+    const std::uint32_t m_sender = static_cast<std::uint32_t>(TCThreadSelf::Id());
+    std::shared_ptr<ZOREventDataBase> m_attachment;
+    std::string m_longName; ///< empty if the name needs no memory
+    /// What a queue held when it was destroyed is still there when it has been created again.
+    Remains m_remains;
+};
+
 TCQueue::~TCQueue()
 {
     TCASSERT(FlagCreate() == false);
-    std::destroy(m_ring.begin(), m_ring.begin() + m_madeEnd);
-    std::destroy(m_ring.begin() + m_madeBegin, m_ring.end());
+    std::destroy_n(Slot(0), m_madeEnd);
+    std::destroy_n(Slot(m_madeBegin), CAPACITY - m_madeBegin);
 }
 
 bool TCQueue::Create()
@@ -152,7 +161,7 @@ bool TCQueue::PutSync(TSEvent* event, bool sync, bool priority)
     //   consumer:      get -- handle ------------------- give reply
     //
     // Once it has been given, the event that points to it must not be looked at for it again.
-    Reply reply;
+    zor::Reply reply;
     if (!reply.Create() || !Place(*event, &reply, priority)) {
         return false;
     }
@@ -168,126 +177,115 @@ bool TCQueue::IsFreeLocked() const
     return TCMutex::m_semaphore.m_state->Count() > 0;
 }
 
-/// Lets @p fill write a record into its slot and counts it. Under the process-wide mutex when the
-/// queue's lock is free, so nothing there may allocate or run foreign code; else under that lock.
-template <typename Fill>
-bool TCQueue::PlaceWith(const Fill& fill, bool priority)
+/// Queues a stamped copy of @p event with that reply, and does not wait for it. In one critical
+/// section under the process-wide mutex if the queue's lock is free; else, and where a page would
+/// be touched for the first time, under that lock.
+bool TCQueue::Place(const TSEvent& event, TCSemaphore* reply, bool priority)
 {
+    Entry entry(event, reply);
     {
         TCSemaphore::State* const units = m_eventCount.m_state;
-        TimeMutexLock lock(PausesOfPut(units->Count()));
-        if (IsFreeLocked()) {
-            TSEvent* const slot = TakeSlotLocked(priority);
-            if (slot == nullptr) {
+        zor::TimeMutexLock lock(NsecBeforePut(units->Count()));
+        if (IsFreeLocked() && !BeginsPageLocked(NextSlotLocked(priority))) {
+            units->DropStaleLocked(m_count == 0);
+            if (!PlaceLocked(&entry, priority)) {
                 return false;
             }
-            fill(slot);
-            const bool wakes = units->GiveLocked();
+            const auto waking = units->GiveLocked();
             lock.Unlock();
-            if (wakes) {
-                units->Wake();
+            if (waking != TCSemaphore::State::Waking::NOBODY) {
+                units->Wake(waking);
             }
             return true;
         }
     }
     const zor::MutexLock lock(this);
-    TSEvent* const slot = TakeSlotLocked(priority);
-    if (slot == nullptr) {
+    if (!PlaceLocked(&entry, priority)) {
         return false;
     }
-    fill(slot);
     m_eventCount.Give();
     return true;
 }
 
-/// Queues a stamped copy of @p event with that reply, and does not wait for it.
-bool TCQueue::Place(const TSEvent& event, TCSemaphore* reply, bool priority)
+/// Moves @p entry into the next slot and counts it.
+///
+/// @return false if the queue is full for it
+bool TCQueue::PlaceLocked(Entry* entry, bool priority)
 {
-    const TSAppData& appData = TCDebugPrintZOR::GetInstance()->GetAppData();
-    const auto sender = static_cast<std::uint32_t>(TCThreadSelf::Id());
-    // What a queue held when it was destroyed is still there when it has been created again. It is
-    // released behind the lock, because that may run code that uses the queue.
-    Remains remains;
-    if (appData.name.size() <= TSEvent::NAME_WITHOUT_HEAP) {
-        return PlaceWith(
-            [&](TSEvent* slot) {
-                remains.TakeFrom(slot);
-                slot->sync = reply;
-                slot->receiver = event.receiver;
-                slot->sender = sender;
-                slot->type = event.type;
-                slot->param1 = event.param1;
-                slot->param2 = event.param2;
-                slot->param3 = event.param3;
-                slot->param4 = event.param4;
-                slot->param5 = event.param5;
-                slot->param6 = event.param6;
-                slot->flag = event.flag;
-                slot->appName.assign(appData.name.data(), appData.name.size());
-                slot->appFlag = static_cast<std::uint8_t>(appData.value);
-                slot->wrappedData = event.wrappedData;
-            },
-            priority);
+    if (IsFullLocked(priority)) {
+        return false;
     }
-    TSEvent record(event);
-    record.appName = appData.name;
-    record.appFlag = static_cast<std::uint8_t>(appData.value);
-    record.sync = reply;
-    record.sender = sender;
-    return PlaceWith(
-        [&](TSEvent* slot) {
-            remains.TakeFrom(slot);
-            *slot = std::move(record);
-        },
-        priority);
-}
-
-/// The slot that the next event goes to, counted already; null if the queue is full for it.
-TSEvent* TCQueue::TakeSlotLocked(bool priority)
-{
+    const std::uint64_t index = NextSlotLocked(priority);
+    entry->MoveInto(IsMadeLocked(index) ? Slot(index) : MakeSlotLocked(index));
     if (priority) {
-        if (m_count > CAPACITY - 1) {
-            return nullptr;
-        }
-        m_head = Wrap(m_head + CAPACITY - 1);
-        ++m_count;
-        return MadeSlotLocked(m_head);
+        m_head = index;
+    } else {
+        m_tail = Wrap(index + 1);
     }
-    if (m_count + RESERVED_FOR_PRIORITY > CAPACITY - 1) {
-        return nullptr;
-    }
-    TSEvent* const slot = MadeSlotLocked(m_tail);
-    m_tail = Wrap(m_tail + 1);
     ++m_count;
-    return slot;
+    return true;
 }
 
-/// The record at @p index, which is made now if it has never been used: then it borders on those
-/// that have been. Making one neither allocates nor throws.
-TSEvent* TCQueue::MadeSlotLocked(std::uint64_t index)
+bool TCQueue::IsFullLocked(bool priority) const
 {
-    if (index < m_madeEnd || index >= m_madeBegin) {
-        return &m_ring[index];
+    return m_count >= (priority ? CAPACITY : MOST_NORMAL);
+}
+
+/// Where the next event goes.
+std::uint64_t TCQueue::NextSlotLocked(bool priority) const
+{
+    return priority ? Wrap(m_head + CAPACITY - 1) : m_tail;
+}
+
+bool TCQueue::IsMadeLocked(std::uint64_t index) const
+{
+    return index < m_madeEnd || index >= m_madeBegin;
+}
+
+/// Whether the record at @p index is to be made and reaches into a page of memory in which none has
+/// been made before, as far as can be said: pages are at least so large.
+bool TCQueue::BeginsPageLocked(std::uint64_t index) const
+{
+    constexpr std::uintptr_t LEAST_PAGE = 4096;
+
+    if (IsMadeLocked(index)) {
+        return false;
     }
+    const auto page = [this](std::uint64_t offset) {
+        return (reinterpret_cast<std::uintptr_t>(m_ring) + offset) / LEAST_PAGE;
+    };
+    const std::uint64_t begin = index * sizeof(TSEvent);
+    const std::uint64_t end = begin + sizeof(TSEvent);
+    if (index == m_madeEnd) {
+        return page(begin - 1) != page(end - 1);
+    }
+    return end == sizeof(m_ring) || page(end) != page(begin);
+}
+
+/// Makes the record at @p index, which borders on those that have been made. That neither allocates
+/// nor throws.
+TSEvent* TCQueue::MakeSlotLocked(std::uint64_t index)
+{
     if (index == m_madeEnd) {
         ++m_madeEnd;
     } else {
         m_madeBegin = static_cast<std::uint16_t>(index);
     }
-    return new (&m_ring[index]) TSEvent;
+    return new (m_ring + index * sizeof(TSEvent)) TSEvent;
 }
 
 bool TCQueue::GetSync(TSEvent* event, unsigned long msec, bool skipSync)
 {
     TCASSERT(FlagCreate() == true);
     TCASSERT(event != NULL);
+    TouchForWriting(event);
     Remains remains;
     for (;;) {
         TCSemaphore::State* const units = m_eventCount.m_state;
         if (msec != 0) {
             units->Watch();
         }
-        TimeMutexLock shared(PausesOfGet(units->Count()));
+        zor::TimeMutexLock shared(NsecBeforeGet(units->Count()));
         if (!units->TryLocked(msec)) {
             return false;
         }
@@ -295,6 +293,8 @@ bool TCQueue::GetSync(TSEvent* event, unsigned long msec, bool skipSync)
             if (m_count > 0) {
                 return TakeHeadLocked(event, skipSync, &remains);
             }
+            // Nothing is queued and nobody is about to change that: no unit has an event.
+            units->TakeUpToLocked(units->Count());
         } else {
             shared.Unlock();
             const zor::MutexLock lock(this);
@@ -308,7 +308,7 @@ bool TCQueue::GetSync(TSEvent* event, unsigned long msec, bool skipSync)
 
 bool TCQueue::TakeHeadLocked(TSEvent* event, bool skipSync, Remains* remains)
 {
-    TSEvent& record = m_ring[m_head];
+    TSEvent& record = *Slot(m_head);
     if (skipSync && record.sync != nullptr) {
         return false;
     }
@@ -328,9 +328,10 @@ bool TCQueue::GetSyncQData(TSEvent* event, bool skipSync)
 {
     TCASSERT(FlagCreate() == true);
     TCASSERT(event != NULL);
+    TouchForWriting(event);
     Remains remains;
     {
-        const TimeMutexLock lock;
+        const zor::TimeMutexLock lock;
         if (IsFreeLocked()) {
             return m_count > 0 && TakeHeadLocked(event, skipSync, &remains);
         }
@@ -342,125 +343,6 @@ bool TCQueue::GetSyncQData(TSEvent* event, bool skipSync)
 bool TCQueue::GetQData(TSEvent* event)
 {
     return GetSyncQData(event, true);
-}
-
-bool TCQueue::Get(TSEvent* event, const TCHandler* receiver, unsigned long type)
-{
-    return GetMatching(event, {receiver, false, type});
-}
-
-bool TCQueue::Get(TSEvent* event, const TCHandler* receiver)
-{
-    return GetMatching(event, {receiver, true, 0});
-}
-
-bool TCQueue::GetMatching(TSEvent* event, const Match& match)
-{
-    TCASSERT(FlagCreate() == true);
-    TCASSERT(event != NULL);
-    std::shared_ptr<ZOREventDataBase> released;
-    const zor::MutexLock lock(this);
-
-    std::uint64_t write = m_head;
-    bool taken = false;
-    const std::uint64_t visits = m_count;
-    for (std::uint64_t i = 0; i < visits; ++i) {
-        const std::uint64_t read = Wrap(m_head + i);
-        if (!taken && m_ring[read].sync == nullptr && match(m_ring[read])) {
-            released = std::move(event->wrappedData);
-            *event = std::move(m_ring[read]);
-            --m_count;
-            taken = true;
-        } else {
-            MoveRecordLocked(read, write);
-            write = Wrap(write + 1);
-        }
-    }
-    m_tail = write;
-    if (taken) {
-        m_eventCount.Try(0);
-    }
-    return taken;
-}
-
-bool TCQueue::Find(const TCHandler* receiver, unsigned int* found)
-{
-    return FindMatching({receiver, true, 0}, found);
-}
-
-bool TCQueue::Find(const TCHandler* receiver, unsigned long type, unsigned int* found)
-{
-    return FindMatching({receiver, false, type}, found);
-}
-
-bool TCQueue::FindMatching(const Match& match, unsigned int* found)
-{
-    TCASSERT(FlagCreate() == true);
-    const zor::MutexLock lock(this);
-    std::uint64_t matches = 0;
-    for (std::uint64_t i = 0; i < m_count; ++i) {
-        matches += match(m_ring[Wrap(m_head + i)]) ? 1 : 0;
-    }
-    StoreNumber(found, matches);
-    return matches != 0;
-}
-
-bool TCQueue::Delete(const TCHandler* receiver, unsigned int* deleted)
-{
-    return DeleteMatching({receiver, true, 0}, CAPACITY, deleted);
-}
-
-bool TCQueue::Delete(const TCHandler* receiver, unsigned long type, unsigned int* deleted)
-{
-    return DeleteMatching({receiver, false, type}, CAPACITY, deleted);
-}
-
-bool TCQueue::DeleteEx(const TCHandler* receiver, unsigned long type, unsigned int maxCount,
-                       unsigned int* deleted)
-{
-    return DeleteMatching({receiver, false, type}, maxCount, deleted);
-}
-
-bool TCQueue::DeleteMatching(const Match& match, std::uint64_t maxCount, unsigned int* deleted)
-{
-    TCASSERT(FlagCreate() == true);
-    ReleaseList released; // before the lock, so that it goes after it
-    const zor::MutexLock lock(this);
-
-    std::uint64_t write = m_head;
-    std::uint64_t removed = 0;
-    const std::uint64_t visits = m_count;
-    m_count = 0;
-    for (std::uint64_t i = 0; i < visits; ++i) {
-        const std::uint64_t read = Wrap(m_head + i);
-        TSEvent& record = m_ring[read];
-        if (removed < maxCount && match(record)) {
-            if (record.sync != nullptr) {
-                record.sync->Give(); // the sender goes on as if the event had been handled
-                record.sync = nullptr;
-            }
-            std::string().swap(record.appName);
-            released.Add(std::move(record.wrappedData));
-            ++removed;
-        } else {
-            MoveRecordLocked(read, write);
-            write = Wrap(write + 1);
-            ++m_count;
-        }
-    }
-    for (std::uint64_t i = 0; i < removed; ++i) {
-        m_eventCount.Try(0);
-    }
-    m_tail = write;
-    StoreNumber(deleted, removed);
-    return removed != 0;
-}
-
-void TCQueue::MoveRecordLocked(std::uint64_t from, std::uint64_t to)
-{
-    if (from != to) {
-        m_ring[to] = std::move(m_ring[from]);
-    }
 }
 
 void TCQueue::Give()

@@ -1,11 +1,30 @@
 #pragma once
 
+#include <pthread.h>
+
 #include "SemaphoreState.h"
 #include "Thread.h"
 
+namespace zor {
+
+/// Keeps the calling thread from being cancelled for a scope.
+class NoCancellation
+{
+ public:
+    NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before); }
+    ~NoCancellation() { pthread_setcancelstate(m_before, nullptr); }
+
+    NoCancellation(const NoCancellation&) = delete;
+    NoCancellation& operator=(const NoCancellation&) = delete;
+
+ private:
+    int m_before = PTHREAD_CANCEL_ENABLE;
+};
+
 /// The semaphore that a synchronous sender waits on. It lives on the sender's stack and goes with
-/// its scope. Being new each time it cannot learn whether watching it pays off; what the sending
-/// thread has learnt from its earlier replies stands in for that.
+/// its scope, and the queued event points to it: the sender must not be cancelled until the reply
+/// has been given. Being new each time it cannot learn whether watching it pays off; what the
+/// sending thread has learnt from its earlier replies stands in for that.
 class Reply : public TCSemaphore
 {
  public:
@@ -34,5 +53,9 @@ class Reply : public TCSemaphore
     }
 
  private:
+    const NoCancellation m_noCancellation;
+
     static inline thread_local WatchHabit t_habit;
 };
+
+} // namespace zor

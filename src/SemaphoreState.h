@@ -6,16 +6,22 @@
 
 #include "Thread.h"
 
-/// What stands behind every semaphore, for the semaphore itself and for the queue, whose puts and
-/// gets work on several semaphores in one critical section.
+/// What stands behind every semaphore (src/Semaphore.cpp), for the semaphore itself and for the
+/// queue, whose puts and gets work on several semaphores in one critical section.
+
+namespace zor {
 
 /// Holds the one mutex that guards the counts of all semaphores of the process, for a scope or
-/// until Unlock(). No foreign code runs and nothing is allocated under it.
+/// until Unlock(). No foreign code runs, nothing is allocated and no page is touched for the first
+/// time under it: every semaphore of the process would wait.
 class TimeMutexLock
 {
  public:
-    /// @param pauses  how long to stay away when the mutex is taken, before the next try
-    explicit TimeMutexLock(int pauses = PAUSES);
+    /// About what the other side needs for a critical section and the way back to it.
+    static constexpr int STAY_AWAY_NSEC = 2400;
+
+    /// @param stayAwayNsec  how long to stay away when the mutex is taken, before the next try
+    explicit TimeMutexLock(int stayAwayNsec = STAY_AWAY_NSEC);
     ~TimeMutexLock()
     {
         if (m_held) {
@@ -28,8 +34,6 @@ class TimeMutexLock
 
     void Unlock();
 
-    static constexpr int PAUSES = 60;
-
  private:
     bool m_held = true;
 };
@@ -41,9 +45,9 @@ class TimeMutexLock
 /// relaxed: nothing hangs on it but time.
 struct WatchHabit
 {
-    static constexpr int CREDIT = 4;
-    static constexpr unsigned LEAST_INTERVAL = 32;
-    static constexpr unsigned GREATEST_INTERVAL = 1024;
+    static constexpr int CREDIT = 4;                    ///< watches
+    static constexpr unsigned LEAST_INTERVAL = 32;      ///< waits
+    static constexpr unsigned GREATEST_INTERVAL = 1024; ///< waits
 
     std::atomic<int> credit{0};                     ///< how often in a row watching may still fail
     std::atomic<unsigned> skipped{0};               ///< waits without credit
@@ -74,6 +78,8 @@ struct WatchHabit
     }
 };
 
+} // namespace zor
+
 /// The state block of a semaphore.
 ///
 /// It lives as long as the semaphore is created, and longer while a giver has yet to wake somebody:
@@ -84,32 +90,61 @@ struct WatchHabit
 ///   taker:                                    take -- destroy (lets go)
 struct __attribute__((visibility("hidden"))) TCSemaphore::State
 {
+    /// Whom a giver has to wake once the mutex is unlocked.
+    enum class Waking
+    {
+        NOBODY,
+        ONE,
+        ALL,
+    };
+
     explicit State(const TCSemaphore* semaphore) : owner(semaphore) {}
 
     const TCSemaphore* const owner; ///< for debuggers: whose state a sleeping thread waits on
     pthread_cond_t condition;       ///< waits on the process-wide mutex
     std::atomic<int> count;         ///< written under the mutex; watched without it
-    int waiters = 0;                ///< threads parked; guarded by the mutex
+    std::atomic<int> waiters{0};    ///< threads parked; written under the mutex; watched without it
+    unsigned wakingsOfAll = 0;      ///< guarded by the mutex
     std::atomic<int> holders{1};    ///< the semaphore, and givers about to wake somebody
-    WatchHabit habit;
+    zor::WatchHabit habit;
 
     /// Lets go; the last one deletes the block.
     void LetGo();
 
-    /// Watches the count for about as long as parking and waking would cost, without the mutex.
-    /// What it has seen means nothing until the mutex is held.
+    /// Watches the count without the mutex, if that has paid off lately and nobody is parked. What
+    /// it has seen means nothing until the mutex is held.
     void Watch();
-    int LooksAllowed();
 
     /// Waits until there is a unit and takes it. Needs the mutex, which is given back meanwhile.
     void TakeLocked();
     bool TryLocked(unsigned long msec);
 
-    /// Adds a unit. Needs the mutex; what it returns says whether Wake() must be called once the
-    /// mutex is unlocked.
-    [[nodiscard]] bool GiveLocked();
-    void Wake();
+    /// Takes as many units as there are, but not more than @p most. Needs the mutex.
+    void TakeUpToLocked(int most);
+
+    /// Takes all units if none of them stands for anything any more, as @p stale says, and if they
+    /// are so many that they would overflow some day. Needs the mutex.
+    void DropStaleLocked(bool stale)
+    {
+        constexpr int MANY = 1 << 20;
+        if (stale && Count() > MANY) {
+            TakeUpToLocked(Count());
+        }
+    }
+
+    /// Adds a unit. Needs the mutex. If the result is not NOBODY, Wake() must be called with it
+    /// once the mutex is unlocked.
+    [[nodiscard]] Waking GiveLocked();
+    void Wake(Waking waking);
 
     int Count() const { return count.load(std::memory_order_relaxed); }
     void AddLocked(int units) { count.store(Count() + units, std::memory_order_relaxed); }
+
+ private:
+    class Parking;
+
+    int NsecToWatch();
+    void WakeNow(Waking waking);
+    Waking WhomToWakeLocked() const;
+    void PassOnLocked();
 };

@@ -1,6 +1,5 @@
 #include "Thread.h"
 
-#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -11,85 +10,18 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <memory>
-#include <new>
 
-#include "SemaphoreState.h"
 #include "ZorApiLite.h"
 #include "ZorServiceDebugOverlay.h"
 
 namespace {
 
-/// Guards the counts of all semaphores of the process; their condition variables wait on it.
-pthread_mutex_t TimeMutex = PTHREAD_MUTEX_INITIALIZER;
-
-constexpr unsigned long WAIT_FOR_EVER = ~0UL;
-
 /// The handle of a thread whose body has returned: only the low 32 bits are set.
 constexpr pthread_t ENDED_THREAD = 0xFFFFFFFF;
-
-/// A condition variable that waits on the monotonic clock.
-bool InitMonotonicCondition(pthread_cond_t* condition)
-{
-    pthread_condattr_t attributes;
-    if (pthread_condattr_init(&attributes) != 0) {
-        return false;
-    }
-    const bool done = pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC) == 0 &&
-                      pthread_cond_init(condition, &attributes) == 0;
-    pthread_condattr_destroy(&attributes);
-    return done;
-}
-
-/// Stores the moment @p msec from now; false if the clock cannot be read.
-bool DeadlineAfter(unsigned long msec, timespec* deadline)
-{
-    constexpr long USEC_PER_SEC = 1000000;
-
-    timespec now;
-    if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) {
-        return false;
-    }
-    time_t seconds = now.tv_sec + static_cast<time_t>(msec / 1000);
-    long usec = now.tv_nsec / 1000 + static_cast<long>(msec % 1000) * 1000;
-    // Exactly a million is left as it is, and such a deadline is refused by the wait: kept, because
-    // callers have come to stand it.
-    while (usec > USEC_PER_SEC) {
-        usec -= USEC_PER_SEC;
-        ++seconds;
-    }
-    deadline->tv_sec = seconds;
-    deadline->tv_nsec = usec * 1000;
-    return true;
-}
 
 int KernelThreadId()
 {
     return static_cast<int>(syscall(SYS_gettid));
-}
-
-/// Whether another thread can run while this one watches something. What the process is bound to
-/// when it starts counts.
-bool HasSeveralProcessors()
-{
-    cpu_set_t processors;
-    CPU_ZERO(&processors);
-    return sched_getaffinity(0, sizeof(processors), &processors) == 0 && CPU_COUNT(&processors) > 1;
-}
-
-/// False until this file's objects are made: nothing is watched before.
-const bool g_severalProcessors = HasSeveralProcessors();
-
-void Relax()
-{
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#elif defined(__aarch64__) || defined(__arm__)
-    asm volatile("yield" ::: "memory");
-#else
-    asm volatile("" ::: "memory");
-#endif
 }
 
 bool SetNiceness(int kernelId, int priority)
@@ -104,190 +36,6 @@ bool SetNiceness(int kernelId, int priority)
 }
 
 } // namespace
-
-/// Sleeping on the mutex at once would make the threads that share it alternate, each paying for a
-/// switch. Trying a few times with pauses in between lets each of them work in runs.
-TimeMutexLock::TimeMutexLock(int pauses)
-{
-    constexpr int TRIES = 6;
-
-    if (g_severalProcessors) {
-        for (int i = 0; i < TRIES; ++i) {
-            if (pthread_mutex_trylock(&TimeMutex) == 0) {
-                return;
-            }
-            for (int pause = 0; pause < pauses; ++pause) {
-                Relax();
-            }
-        }
-    }
-    pthread_mutex_lock(&TimeMutex);
-}
-
-void TimeMutexLock::Unlock()
-{
-    m_held = false;
-    pthread_mutex_unlock(&TimeMutex);
-}
-
-void TCSemaphore::State::LetGo()
-{
-    // Release: the others' use of the block comes before its end. Acquire: for the one that ends
-    // it.
-    if (holders.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        pthread_cond_destroy(&condition);
-        delete this;
-    }
-}
-
-/// For how many looks at the count, a pause apart, a wait watches it; 0 when it is to park at once.
-int TCSemaphore::State::LooksAllowed()
-{
-    constexpr int LOOKS = 400;
-    // Two threads that answer each other must both watch, or each finds the other asleep. A probe
-    // is long enough to see the answer of one that has to be woken first.
-    constexpr int PROBE_LOOKS = 8 * LOOKS;
-
-    if (habit.credit.load(std::memory_order_relaxed) > 0) {
-        return LOOKS;
-    }
-    const unsigned skipped = habit.skipped.fetch_add(1, std::memory_order_relaxed) + 1;
-    return skipped % habit.interval.load(std::memory_order_relaxed) == 0 ? PROBE_LOOKS : 0;
-}
-
-void TCSemaphore::State::Watch()
-{
-    // All relaxed: the mutex decides, and a wrong guess about watching costs a little time only.
-    if (count.load(std::memory_order_relaxed) > 0 || !g_severalProcessors) {
-        return;
-    }
-    const int looks = LooksAllowed();
-    for (int look = 0; look < looks; ++look) {
-        Relax();
-        if (count.load(std::memory_order_relaxed) > 0) {
-            habit.Paid();
-            return;
-        }
-    }
-    if (looks > 0) {
-        habit.Failed();
-    }
-}
-
-void TCSemaphore::State::TakeLocked()
-{
-    while (Count() <= 0) {
-        ++waiters;
-        pthread_cond_wait(&condition, &TimeMutex);
-        --waiters;
-    }
-    AddLocked(-1);
-}
-
-bool TCSemaphore::State::TryLocked(unsigned long msec)
-{
-    if (msec == WAIT_FOR_EVER) {
-        TakeLocked();
-        return true;
-    }
-    while (Count() <= 0) {
-        timespec deadline;
-        if (msec == 0 || !DeadlineAfter(msec, &deadline)) {
-            return false;
-        }
-        ++waiters;
-        const int result = pthread_cond_timedwait(&condition, &TimeMutex, &deadline);
-        --waiters;
-        if (result != 0) {
-            return false;
-        }
-    }
-    AddLocked(-1);
-    return true;
-}
-
-bool TCSemaphore::State::GiveLocked()
-{
-    AddLocked(1);
-    if (waiters == 0) {
-        return false;
-    }
-    holders.fetch_add(1, std::memory_order_relaxed); // the semaphore holds it at this moment
-    return true;
-}
-
-void TCSemaphore::State::Wake()
-{
-    pthread_cond_signal(&condition);
-    LetGo();
-}
-
-TCSemaphore::~TCSemaphore()
-{
-    TCASSERT(FlagCreate() == false);
-}
-
-bool TCSemaphore::Create(int count)
-{
-    TCASSERT(FlagCreate() == false);
-    std::unique_ptr<State> state(new (std::nothrow) State(this));
-    if (state == nullptr || !InitMonotonicCondition(&state->condition)) {
-        return false;
-    }
-    state->count.store(count, std::memory_order_relaxed);
-    m_state = state.release();
-    return true;
-}
-
-void TCSemaphore::Take()
-{
-    TCASSERT(FlagCreate() == true);
-    m_state->Watch();
-    const TimeMutexLock lock;
-    m_state->TakeLocked();
-}
-
-bool TCSemaphore::Try(unsigned long msec)
-{
-    TCASSERT(FlagCreate() == true);
-    if (msec != 0) {
-        m_state->Watch();
-    }
-    const TimeMutexLock lock;
-    return m_state->TryLocked(msec);
-}
-
-void TCSemaphore::Give()
-{
-    TCASSERT(FlagCreate() == true);
-    State* const state = m_state;
-    TimeMutexLock lock;
-    const bool wakes = state->GiveLocked();
-    lock.Unlock(); // from here on a taker may destroy the semaphore
-    if (wakes) {
-        state->Wake();
-    }
-}
-
-void TCSemaphore::Destroy()
-{
-    TCASSERT(FlagCreate() == true);
-    State* const state = m_state;
-    {
-        // The last giver may be inside still; and what others see of the semaphore changes in one
-        // piece.
-        const TimeMutexLock lock;
-        m_state = nullptr;
-    }
-    state->LetGo();
-}
-
-TCMutex::~TCMutex()
-{
-    if (m_semaphore.FlagCreate()) {
-        m_semaphore.Destroy();
-    }
-}
 
 /// The entry of every thread: the body runs between the two gates.
 ///
@@ -393,6 +141,9 @@ bool TCThread::SetPriority(int priority)
     if (m_kernelId.load(std::memory_order_relaxed) == NO_KERNEL_ID) {
         m_pidSync.Take();
         m_pidSync.Give(); // for the next one who asks before the thread has started
+    }
+    if (HasEnded()) {
+        return false; // the kernel may have given the id to a thread of anybody's by now
     }
     return SetNiceness(m_kernelId.load(std::memory_order_relaxed), priority);
 }

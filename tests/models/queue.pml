@@ -1,9 +1,11 @@
 /* A queue: put, synchronous put and get, and the drift between its semaphore and its ring.
  *
- * Mirrors src/Queue.cpp: PlaceWith, PutSync, GetSync, GetSyncQData, TakeHeadLocked,
- * DeleteMatching and Give. Both roads are there: one critical section under the process-wide
- * mutex while the queue's lock is free, and the lock otherwise. A holder takes the lock and puts
- * under it, as a stopping timer does.
+ * Mirrors src/Queue.cpp: Place, PutSync, GetSync, GetSyncQData, TakeHeadLocked and Give, and
+ * DeleteMatching of src/QueueSelect.cpp. Both roads are there: one critical section under the
+ * process-wide mutex while the queue's lock is free, and the lock otherwise, which a put may also
+ * choose (for a page that has not been used). A holder takes the lock and puts under it, as a
+ * stopping timer does. The consumer's get that finds nothing takes all units, which stand for
+ * nothing then.
  *
  * Abstracted: a semaphore's operation is one step, taken while the process-wide mutex is free
  * (watch.pml has its inside); the ring holds CAPACITY events in order; priorities, receivers and
@@ -99,7 +101,7 @@ inline Place(id)
         fi;
         timeMutex = false
 #ifndef WITHOUT_LOOKING_AT_THE_LOCK
-    :: else ->
+    :: true ->
         timeMutex = false;
         LockQueue();
         FillSlot(id);
@@ -140,10 +142,16 @@ inline TakeHead(skipSync)
     LEAVE_RING
 }
 
-inline TakeHeadOnEitherRoad(skipSync)
+inline TakeHeadOnEitherRoad(skipSync, takesStaleUnits)
 {
     if
-    :: lockUnits > 0 -> TakeHead(skipSync); timeMutex = false
+    :: lockUnits > 0 ->
+        TakeHead(skipSync);
+        if
+        :: takesStaleUnits && event == NOBODY -> units = 0
+        :: else
+        fi;
+        timeMutex = false
     :: else ->
         timeMutex = false;
         LockQueue();
@@ -168,7 +176,7 @@ active proctype Consumer()
 end_idle:
     do
     :: atomic { !timeMutex && units > 0 -> units--; timeMutex = true };
-        TakeHeadOnEitherRoad(false);
+        TakeHeadOnEitherRoad(false, true);
         if
         :: event != NOBODY -> Handle(event)
         :: else /* a unit without an event: waits again */
@@ -186,9 +194,9 @@ active proctype OtherGetter()
 
     if
     :: atomic { !timeMutex -> timeMutex = true }; /* GetQData() */
-        TakeHeadOnEitherRoad(true)
+        TakeHeadOnEitherRoad(true, false)
     :: atomic { !timeMutex && units > 0 -> units--; timeMutex = true }; /* Get() */
-        TakeHeadOnEitherRoad(true);
+        TakeHeadOnEitherRoad(true, false);
         if
         :: left -> spent++
         :: else

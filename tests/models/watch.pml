@@ -1,19 +1,21 @@
 /* A semaphore: watching the count before parking, and waking after the mutex is free.
  *
- * Mirrors TCSemaphore::State (src/Thread.cpp: Watch, TakeLocked, TryLocked, GiveLocked, Wake,
- * LetGo) and TCSemaphore::Take, Try, Give and Destroy. Two takers, one of which may time out, and
- * two givers; whoever took last destroys the semaphore, as the sender does with its reply.
+ * Mirrors TCSemaphore::State (src/Semaphore.cpp: Watch, Parking, TakeLocked, TryLocked,
+ * GiveLocked, Wake, PassOnLocked, LetGo) and TCSemaphore::Take, Try, Give and Destroy. Two takers,
+ * one of which may time out, and one or two givers; whoever took last destroys the semaphore, as
+ * the sender does with its reply.
  *
  * Abstracted: how long is watched (the count is seen once, and is old at once), the credit for
- * watching, the clock (a timed wait may end at any time). Memory is sequentially consistent. A
- * condition variable wakes one of those parked, and once in a run one that nobody signalled.
+ * watching, the clock (a timed wait may end at any time), the waking of all where there are more
+ * than two. Memory is sequentially consistent. A condition variable wakes one of those parked, and
+ * once in a run one that nobody signalled; a timed wait that has been signalled may all the same
+ * end as a time-out.
  *
  * Claims: nobody parks for ever while there is a unit; no unit is taken twice or lost; the block
- * is used by nobody once it is deleted, and it is deleted.
+ * is used by nobody once it is deleted, and if all takers come to an end it is deleted.
  */
 
 #define TAKERS 2
-#define GIVERS 2
 
 bool mutex;
 int count = 0;
@@ -25,6 +27,7 @@ bool parked[TAKERS];
 bool spurious = true; /* one wake-up without a signal is left */
 byte taken = 0;
 byte given = 0;
+byte givers;
 byte leaving = 0; /* takers that are done */
 
 #define LOCK atomic { !mutex -> mutex = true }
@@ -43,6 +46,19 @@ inline LetGo()
     }
 }
 
+/* pthread_cond_signal */
+inline Signal()
+{
+    atomic {
+        USE;
+        if
+        :: parked[0] -> parked[0] = false
+        :: parked[1] -> parked[1] = false
+        :: else
+        fi
+    }
+}
+
 /* pthread_cond_wait: gives the mutex back and parks in one step, and holds it again afterwards. */
 inline Wait(me, timed)
 {
@@ -50,12 +66,19 @@ inline Wait(me, timed)
     atomic { parked[me] = true; UNLOCK };
     if
     :: !parked[me]
+    :: atomic { timed && !parked[me] -> expired = true } /* the signal has been used up */
     :: atomic { parked[me] && spurious -> spurious = false; parked[me] = false }
     :: atomic { timed && parked[me] -> parked[me] = false; expired = true }
     fi;
     LOCK;
     USE;
-    waiters--
+    waiters--;
+#ifndef WITHOUT_PASSING_ON
+    if
+    :: expired && count > 0 && waiters > 0 -> Signal()
+    :: else
+    fi
+#endif
 }
 
 inline TakeLocked(me, timed)
@@ -101,7 +124,7 @@ proctype Taker(byte me; bool timed)
     atomic { leaving++; seen = leaving == TAKERS };
     if
     :: seen ->
-        given == GIVERS; /* a give that has not begun needs the semaphore still */
+        given == givers; /* a give that has not begun needs the semaphore still */
         LOCK;            /* Destroy() */
         LetGo();
         UNLOCK
@@ -128,14 +151,7 @@ proctype Giver()
     UNLOCK;
     if
     :: wakes ->
-        atomic { /* Wake(): pthread_cond_signal */
-            USE;
-            if
-            :: parked[0] -> parked[0] = false
-            :: parked[1] -> parked[1] = false
-            :: else
-            fi
-        };
+        Signal(); /* Wake() */
 #ifndef WITHOUT_HOLDERS
         LetGo()
 #endif
@@ -146,15 +162,28 @@ proctype Giver()
 init {
     bool timed;
     if
-    :: timed = false
-    :: timed = true
+    :: timed = false; givers = 2
+    :: timed = true; givers = 1
+    :: timed = true; givers = 2
     fi;
     atomic {
         run Taker(0, false);
         run Taker(1, timed);
         run Giver();
-        run Giver();
+        if
+        :: givers == 2 -> run Giver()
+        :: else
+        fi
     };
-    end_all_done: timeout ->
-    assert(!alive && leaving == TAKERS && taken == given - count)
+    timeout ->
+    assert(given == givers && taken == given - count);
+    if
+    :: leaving < TAKERS -> /* the other one has taken the only unit: parked, but not beside one */
+        assert(count == 0);
+        givers++;
+        run Giver();
+        timeout
+    :: else
+    fi;
+    assert(leaving == TAKERS && !alive && taken == given - count)
 }

@@ -4,8 +4,8 @@ What is left out is after order and speed, and takes longer than it is worth her
 """
 
 SEMAPHORES = ["SemaphoreSingleProcessorTest", "SemaphoreSeveralProcessorsTest", "SemaphoreTest",
-              "MutexTest"]
-QUEUES = ["QueueSectionTest", "QueueTest", "QueueThreadTest:-*MillionEvents*",
+              "SemaphoreWakingTest", "SemaphoreCancelTest", "SemaphoreForkTest", "MutexTest"]
+QUEUES = ["QueueSectionTest", "QueuePageTest", "QueueTest", "QueueThreadTest:-*MillionEvents*",
           "QueueAllocationTest", "QueueModelTest:*DoWhatTheRulesSay/1"]
 TASKS = ["TaskTest", "SendTest", "PingTest", "TaskListTest", "PauseTest", "TrapPointTest",
          "WatchdogNotifierTest", "MultiQTaskTest"]
@@ -14,7 +14,9 @@ TIMERS = ["TimerTest:-*TenThousand*", "TimersSchedulerTest", "TimersSchedulerClo
 
 FOR = {
     "src/Queue.cpp": QUEUES + ["TaskTest", "SendTest", "MultiQTaskTest"],
-    "src/Thread.cpp": SEMAPHORES + ["ThreadTest", "ThreadUtilTest", "QueueTest", "TaskTest"],
+    "src/QueueSelect.cpp": QUEUES + ["TaskTest", "MultiQTaskTest"],
+    "src/Semaphore.cpp": SEMAPHORES + ["ThreadTest", "QueueTest", "TaskTest"],
+    "src/Thread.cpp": ["ThreadTest", "ThreadUtilTest", "TaskTest"],
     "src/Task.cpp": TASKS + ["SyncTest", "TimerTest:-*TenThousand*"],
     "src/TaskControl.cpp": TASKS,
     "src/TaskList.cpp": TASKS,

@@ -17,6 +17,7 @@ Seam<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> condTimedwaitSeam(
 Seam<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*)> condClockwaitSeam(
     "pthread_cond_clockwait");
 Seam<int(pthread_cond_t*)> condSignalSeam("pthread_cond_signal");
+Seam<int(pthread_cond_t*)> condBroadcastSeam("pthread_cond_broadcast");
 
 ConditionWatch::ConditionWatch(int failing)
     : m_failing(failing),
@@ -143,5 +144,10 @@ int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, cl
 int pthread_cond_signal(pthread_cond_t* condition) noexcept
 {
     return zortest::condSignalSeam(condition);
+}
+
+int pthread_cond_broadcast(pthread_cond_t* condition) noexcept
+{
+    return zortest::condBroadcastSeam(condition);
 }
 }

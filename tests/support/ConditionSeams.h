@@ -23,6 +23,7 @@ extern Seam<int(pthread_cond_t*, pthread_mutex_t*)> condWaitSeam;
 extern Seam<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> condTimedwaitSeam;
 extern Seam<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*)> condClockwaitSeam;
 extern Seam<int(pthread_cond_t*)> condSignalSeam;
+extern Seam<int(pthread_cond_t*)> condBroadcastSeam;
 
 /// Watches condition variables come and go while it lives, and so semaphores, of which each has
 /// one. They are known by their number in the order in which they were made, from 0.

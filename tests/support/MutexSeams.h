@@ -11,6 +11,7 @@ namespace zortest {
 
 extern Seam<int(pthread_mutex_t*)> mutexLockSeam;
 extern Seam<int(pthread_mutex_t*)> mutexTrylockSeam;
+extern Seam<int(pthread_mutex_t*)> mutexUnlockSeam;
 
 /// Whether @p mutex is a member of @p object.
 template <typename Object>

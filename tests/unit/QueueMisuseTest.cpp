@@ -18,6 +18,12 @@ struct Misuse
     std::function<void(TCQueue&)> call;
 };
 
+/// Whether the statement ends with an assertion of either source of the queue.
+#define EXPECT_QUEUE_ASSERT_DEATH(statement, expression)                    \
+    EXPECT_EXIT(statement, ::testing::KilledBySignal(SIGABRT),              \
+                ::testing::AllOf(::zortest::HasAssertionReport(expression), \
+                                 ::testing::HasSubstr("failed: src/Queue")))
+
 std::string NameOf(const ::testing::TestParamInfo<Misuse>& info)
 {
     return info.param.name;
@@ -34,7 +40,7 @@ class QueueNotCreatedDeathTest : public ::testing::TestWithParam<Misuse>
 TEST_P(QueueNotCreatedDeathTest, Asserts)
 {
     TCQueue queue;
-    EXPECT_ASSERT_DEATH_IN("Queue.cpp", GetParam().call(queue), "FlagCreate() == true");
+    EXPECT_QUEUE_ASSERT_DEATH(GetParam().call(queue), "FlagCreate() == true");
 }
 
 TEST_P(QueueNotCreatedDeathTest, AssertsAfterDestroyToo)
@@ -42,7 +48,7 @@ TEST_P(QueueNotCreatedDeathTest, AssertsAfterDestroyToo)
     TCQueue queue;
     ASSERT_TRUE(queue.Create());
     queue.Destroy();
-    EXPECT_ASSERT_DEATH_IN("Queue.cpp", GetParam().call(queue), "FlagCreate() == true");
+    EXPECT_QUEUE_ASSERT_DEATH(GetParam().call(queue), "FlagCreate() == true");
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -11,6 +11,7 @@ zor_add_test(QueueAllocationTest SOURCES QueueAllocationTest.cpp)
 zor_add_test(QueueSectionTest
   SOURCES QueueSectionTest.cpp
           ${zor_support}/MutexSeams.cpp ${zor_support}/TwoProcessors.cpp)
+zor_add_test(QueuePageTest SOURCES QueuePageTest.cpp ${zor_support}/MutexSeams.cpp)
 zor_add_test(QueueModelTest SOURCES QueueModelTest.cpp)
 zor_add_test(QueueThreadTest SOURCES QueueThreadTest.cpp)
 zor_add_test(SyncTest

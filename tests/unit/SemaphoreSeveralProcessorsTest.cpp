@@ -4,9 +4,14 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
+#include <thread>
 
+#include "ConditionSeams.h"
+#include "Layout.h"
 #include "MutexSeams.h"
 #include "Thread.h"
+#include "Wait.h"
 
 namespace {
 
@@ -52,6 +57,37 @@ TEST_F(SemaphoreSeveralProcessorsTest, MutexThatStaysTakenIsTriedSixTimesBeforeT
     m_semaphore.Give();
     EXPECT_EQ(m_tries, 6);
     EXPECT_EQ(triesBeforeTheLock, 6);
+}
+
+/// How many waits have asked whether they should watch, which they do unless they must not.
+unsigned WaitsThatMayWatch(const TCSemaphore& semaphore)
+{
+    constexpr std::size_t STATE_OFFSET = 8;
+    constexpr std::size_t SKIPPED_OFFSET = 76; // waits without credit, of which some are probes
+    const auto* const state = FieldAt<const char*>(semaphore, STATE_OFFSET);
+    return reinterpret_cast<const std::atomic<unsigned>*>(state + SKIPPED_OFFSET)->load();
+}
+
+/// It would take the units that the parked one is woken for.
+TEST_F(SemaphoreSeveralProcessorsTest, NobodyWatchesBesideAParkedThread)
+{
+    std::atomic<int> waits{0};
+    const Takeover wait(condWaitSeam, [&waits](pthread_cond_t* condition, pthread_mutex_t* mutex) {
+        ++waits;
+        return condWaitSeam.Real(condition, mutex);
+    });
+    EXPECT_FALSE(m_semaphore.Try(1));
+    const unsigned before = WaitsThatMayWatch(m_semaphore);
+    EXPECT_EQ(before, 1u);
+    std::thread parked([this] { m_semaphore.Take(); });
+    ASSERT_TRUE(Eventually([&waits] { return waits == 1; }));
+    EXPECT_EQ(WaitsThatMayWatch(m_semaphore), before + 1); // the parked one's
+    EXPECT_FALSE(m_semaphore.Try(1));
+    EXPECT_EQ(WaitsThatMayWatch(m_semaphore), before + 1);
+    m_semaphore.Give();
+    parked.join();
+    EXPECT_FALSE(m_semaphore.Try(1));
+    EXPECT_EQ(WaitsThatMayWatch(m_semaphore), before + 2);
 }
 
 } // namespace

@@ -457,7 +457,7 @@ TEST_F(SemaphoreTest, FailedAssertionIsReportedWithItsFileAndAPause)
         semaphore.Create(0);
         KeepInSight(semaphore);
     }
-    EXPECT_THAT(console.Text(), ::testing::HasSubstr("Assertion failed: src/Thread.cpp ("));
+    EXPECT_THAT(console.Text(), ::testing::HasSubstr("Assertion failed: src/Semaphore.cpp ("));
     EXPECT_THAT(console.Pauses(), ElementsAre(100UL));
 }
 

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <functional>
 #include <mutex>
 #include <ostream>
 #include <thread>
@@ -55,11 +56,12 @@ class ThreadPriorityTest : public ::testing::Test
 {
  protected:
     ThreadPriorityTest()
-        : m_thread([this] {
+        : m_body([this] {
               m_kernelId = KernelId();
               m_inBody.Pass();
               m_end.Wait();
           }),
+          m_thread([this] { m_body(); }),
           m_setpriority(setprioritySeam, [this](__priority_which_t which, id_t who, int niceness) {
               std::lock_guard<std::mutex> lock(m_mutex);
               m_calls.push_back({static_cast<int>(which), static_cast<int>(who), niceness});
@@ -93,6 +95,7 @@ class ThreadPriorityTest : public ::testing::Test
     std::atomic<int> m_answer{0}; ///< of setpriority()
     Gate m_inBody;
     Gate m_end;
+    std::function<void()> m_body; ///< changed while there is no thread only
     TestThread m_thread;
 
  private:
@@ -154,11 +157,24 @@ TEST_F(ThreadPriorityTest, SecondThreadOfAnObjectHasAKernelIdOfItsOwn)
     const int first = m_kernelId;
     m_end.Pass();
     m_thread.Destroy();
+    m_body = [this] {
+        m_kernelId = KernelId();
+        EXPECT_TRUE(m_thread.SetPriority(1));
+    };
     ASSERT_TRUE(m_thread.Create("worker", TEST_STACK_SIZE));
-    EXPECT_TRUE(m_thread.SetPriority(1));
     m_thread.Destroy();
     EXPECT_NE(m_kernelId, first);
     EXPECT_THAT(Calls(), ElementsAre(Call{PRIO_PROCESS, m_kernelId, 0}));
+}
+
+/// Its kernel id may be a stranger's by then.
+TEST_F(ThreadPriorityTest, EndedThreadIsRefusedAndNobodyIsReniced)
+{
+    StartThread();
+    m_end.Pass();
+    ASSERT_TRUE(Eventually([this] { return m_thread.HasEnded(); }));
+    EXPECT_FALSE(m_thread.SetPriority(2));
+    EXPECT_THAT(Calls(), IsEmpty());
 }
 
 /// A thread that has been made but does not get to run.

@@ -6,10 +6,23 @@ zor_add_test(SemaphoreTest
           ${zor_support}/AllocationSeam.cpp ${zor_support}/ConditionSeams.cpp
           ${zor_support}/ConsoleSeam.cpp)
 zor_add_test(SemaphoreSingleProcessorTest
-  SOURCES SemaphoreSingleProcessorTest.cpp ${zor_support}/MutexSeams.cpp)
+  SOURCES SemaphoreSingleProcessorTest.cpp
+          ${zor_support}/ConditionSeams.cpp ${zor_support}/MutexSeams.cpp)
 zor_add_test(SemaphoreSeveralProcessorsTest
   SOURCES SemaphoreSeveralProcessorsTest.cpp
-          ${zor_support}/MutexSeams.cpp ${zor_support}/TwoProcessors.cpp)
+          ${zor_support}/ConditionSeams.cpp ${zor_support}/MutexSeams.cpp
+          ${zor_support}/TwoProcessors.cpp)
+foreach(version 2.36 2.41)
+  set(test SemaphoreWakingTest)
+  if(version STREQUAL 2.41)
+    set(test SemaphoreWakingRepairedTest)
+  endif()
+  zor_add_test(${test} SOURCES SemaphoreWakingTest.cpp ${zor_support}/ConditionSeams.cpp)
+  target_compile_definitions(${test} PRIVATE ZOR_TEST_LIBC_VERSION="${version}")
+endforeach()
+zor_add_test(SemaphoreCancelTest
+  SOURCES SemaphoreCancelTest.cpp ${zor_support}/ConditionSeams.cpp)
+zor_add_test(SemaphoreForkTest SOURCES SemaphoreForkTest.cpp ${zor_support}/MutexSeams.cpp)
 zor_add_test(MutexTest
   SOURCES MutexTest.cpp
           ${zor_support}/AllocationSeam.cpp ${zor_support}/ConditionSeams.cpp

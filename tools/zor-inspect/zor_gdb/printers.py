@@ -110,11 +110,12 @@ class QueuePrinter:
         )
 
     def children(self):
-        elements = self._value["m_ring"]["_M_elems"]
+        record = memory.type_named("TSEvent").pointer()
+        elements = self._value["m_ring"].address.cast(record)
         head = int(self._value["m_head"])
         count = min(int(self._value["m_count"]), self._slots())
         for i in range(min(count, EVENTS_SHOWN)):
-            yield f"[{i}]", elements[(head + i) % self._slots()]
+            yield f"[{i}]", (elements + (head + i) % self._slots()).dereference()
 
 
 class TaskPrinter:

@@ -1,0 +1,83 @@
+#include "Spin.h"
+
+#include <sched.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+
+namespace {
+
+/// What is assumed of a pause while none has been measured.
+constexpr std::int64_t USUAL_PAUSE_PSEC = 40000;
+
+/// Relaxed all of them: a stale value costs a little time and nothing else.
+std::atomic<bool> g_severalProcessors{false};
+std::atomic<std::int64_t> g_pausePsec{USUAL_PAUSE_PSEC};
+
+bool HasSeveralProcessors()
+{
+    cpu_set_t processors;
+    CPU_ZERO(&processors);
+    return sched_getaffinity(0, sizeof(processors), &processors) == 0 && CPU_COUNT(&processors) > 1;
+}
+
+/// Nanoseconds on the monotonic clock; 0 if it cannot be read.
+std::int64_t Now()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+/// Picoseconds that a pause takes. The shortest of a few rounds counts: the others may have been
+/// interrupted. Takes less than ten microseconds where a pause is at its slowest.
+std::int64_t MeasurePause()
+{
+    constexpr int ROUNDS = 3;
+    constexpr int PAUSES = 64;
+    constexpr std::int64_t LEAST_PSEC = 100; // a clock that stands still is none
+
+    std::int64_t shortest = INT64_MAX;
+    for (int round = 0; round < ROUNDS; ++round) {
+        const std::int64_t begin = Now();
+        for (int i = 0; i < PAUSES; ++i) {
+            zor::Spin::Pause();
+        }
+        shortest = std::min(shortest, Now() - begin);
+    }
+    const std::int64_t psec = shortest * 1000 / PAUSES;
+    return psec < LEAST_PSEC ? USUAL_PAUSE_PSEC : psec;
+}
+
+/// At load; before, nothing is waited for.
+const bool g_measured = [] {
+    g_pausePsec.store(MeasurePause(), std::memory_order_relaxed);
+    g_severalProcessors.store(HasSeveralProcessors(), std::memory_order_relaxed);
+    return true;
+}();
+
+} // namespace
+
+int zor::Spin::PausesIn(int nsec)
+{
+    const std::int64_t psec = static_cast<std::int64_t>(nsec) * 1000;
+    return static_cast<int>(
+        std::max<std::int64_t>(1, psec / g_pausePsec.load(std::memory_order_relaxed)));
+}
+
+bool zor::Spin::CanHelp()
+{
+    return g_severalProcessors.load(std::memory_order_relaxed);
+}
+
+void zor::Spin::Reconsider()
+{
+    constexpr unsigned CALLS = 1024;
+
+    static thread_local unsigned t_calls = 0;
+    if (++t_calls % CALLS == 0) {
+        g_severalProcessors.store(HasSeveralProcessors(), std::memory_order_relaxed);
+    }
+}

@@ -1,0 +1,109 @@
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+
+#include <atomic>
+
+#include "ConditionSeams.h"
+#include "Queue.h"
+#include "Thread.h"
+#include "Wait.h"
+
+namespace {
+
+using namespace zortest;
+
+/// A thread of the system's that can be cancelled.
+class CancelledThread
+{
+ public:
+    template <typename Body>
+    explicit CancelledThread(Body* body)
+    {
+        const auto run = [](void* what) -> void* {
+            (*static_cast<Body*>(what))();
+            pthread_testcancel();
+            return nullptr;
+        };
+        EXPECT_EQ(pthread_create(&m_thread, nullptr, run, body), 0);
+    }
+
+    void Cancel() { EXPECT_EQ(pthread_cancel(m_thread), 0); }
+
+    /// Waits for the thread's end.
+    ///
+    /// @return whether it was cancelled
+    bool Join()
+    {
+        void* result = nullptr;
+        EXPECT_EQ(pthread_join(m_thread, &result), 0);
+        return result == PTHREAD_CANCELED;
+    }
+
+ private:
+    pthread_t m_thread{};
+};
+
+/// The waits that have begun, so that a test knows that a thread is parked.
+class SemaphoreCancelTest : public ::testing::Test
+{
+ protected:
+    SemaphoreCancelTest()
+        : m_wait(condWaitSeam, [this](pthread_cond_t* condition, pthread_mutex_t* mutex) {
+              ++m_waits;
+              return condWaitSeam.Real(condition, mutex);
+          })
+    {}
+
+    std::atomic<int> m_waits{0};
+
+ private:
+    Takeover<int(pthread_cond_t*, pthread_mutex_t*)> m_wait;
+};
+
+TEST_F(SemaphoreCancelTest, CancelledWaiterIsNoWaiterAnyMore)
+{
+    TCSemaphore semaphore;
+    ASSERT_TRUE(semaphore.Create(0));
+    auto body = [&semaphore] { semaphore.Take(); };
+    CancelledThread thread(&body);
+    ASSERT_TRUE(Eventually([this] { return m_waits == 1; }));
+    thread.Cancel();
+    EXPECT_TRUE(thread.Join());
+
+    int signals = 0;
+    const Takeover signal(condSignalSeam, [&signals](pthread_cond_t* condition) {
+        ++signals;
+        return condSignalSeam.Real(condition);
+    });
+    semaphore.Give();
+    EXPECT_EQ(signals, 0);
+    EXPECT_TRUE(semaphore.Try(0));
+    semaphore.Destroy();
+}
+
+/// The queued event points to the sender's stack.
+TEST_F(SemaphoreCancelTest, SynchronousSenderIsCancelledOnlyWhenItHasItsReply)
+{
+    TCQueue queue;
+    ASSERT_TRUE(queue.Create());
+    std::atomic<bool> returned{false};
+    auto body = [&] {
+        TSEvent event;
+        queue.PutSync(&event, true, false);
+        returned = true;
+    };
+    CancelledThread thread(&body);
+    ASSERT_TRUE(Eventually([this] { return m_waits == 1; }));
+    thread.Cancel();
+    TSEvent event;
+    ASSERT_TRUE(queue.GetSync(&event, 0, false));
+    ASSERT_NE(event.sync, nullptr);
+    EXPECT_FALSE(returned);
+    event.sync->Give();
+    EXPECT_TRUE(thread.Join());
+    EXPECT_TRUE(returned);
+    queue.Destroy();
+}
+
+} // namespace
