@@ -17,8 +17,8 @@ namespace {
 /// How long to stay away from a mutex that is taken: the longer, the more there is for the other
 /// side to do, which then does it in one run. A put makes way for gets when the queue is full, a
 /// get for puts when it is empty. Found by measuring streams (docs/benchmarks.md).
-constexpr int LEAST_NSEC = 1200;
-constexpr int MORE_NSEC = 2000;
+constexpr int LEAST_NSEC = 350;
+constexpr int MORE_NSEC = 550;
 constexpr int FULL = 240; // events, as many as normal puts can queue
 
 int NsecBeforePut(int queued)

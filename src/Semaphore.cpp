@@ -157,7 +157,7 @@ void TCSemaphore::State::LetGo()
 int TCSemaphore::State::NsecToWatch()
 {
     // About what parking and waking cost, both threads' share together.
-    constexpr int WATCH_NSEC = 16000;
+    constexpr int WATCH_NSEC = 5000;
     // Two threads that answer each other must both watch, or each finds the other asleep. A probe
     // is long enough to see the answer of one that has to be woken first. It is worth several
     // parkings, which is why probes are rare.

@@ -18,7 +18,7 @@ class TimeMutexLock
 {
  public:
     /// About what the other side needs for a critical section and the way back to it.
-    static constexpr int STAY_AWAY_NSEC = 2400;
+    static constexpr int STAY_AWAY_NSEC = 700;
 
     /// @param stayAwayNsec  how long to stay away when the mutex is taken, before the next try
     explicit TimeMutexLock(int stayAwayNsec = STAY_AWAY_NSEC);
