@@ -2,3 +2,9 @@
 
 /// Marks what `libzor-core` offers to applications; everything else in the library is hidden.
 #define ZOR_CORE_API __attribute__((visibility("default")))
+
+// Layouts of the library's objects and the numbers in its signatures are those of such systems.
+#if !defined(__linux__) || !defined(__LP64__)
+#error \
+    "zor-core is for Linux where long and pointers have 64 bits (LP64), such as x86-64 and AArch64."
+#endif
