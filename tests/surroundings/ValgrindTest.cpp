@@ -51,7 +51,14 @@ class ValgrindTest : public testing::Test
                    daemon);
     }
 
-    static DaemonResult Helgrind(const Command& daemon) { return Run("helgrind", {}, daemon); }
+    static DaemonResult Helgrind(const Command& daemon)
+    {
+        Command options;
+        if (HELGRIND_KNOWS_DUBIOUS) {
+            options.push_back("--suppressions=" SUPPRESSIONS_DIR "/helgrind-dubious.supp");
+        }
+        return Run("helgrind", options, daemon);
+    }
 
     static void ExpectTable(const DaemonResult& result)
     {
