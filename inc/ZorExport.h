@@ -5,3 +5,9 @@
 
 /// Takes back from a member what its class offers: a helper that only the library calls.
 #define ZOR_CORE_LOCAL __attribute__((visibility("hidden")))
+
+// Layouts of the library's objects and the numbers in its signatures are those of such systems.
+#if !defined(__linux__) || !defined(__LP64__)
+#error \
+    "zor-core is for Linux where long and pointers have 64 bits (LP64), such as x86-64 and AArch64."
+#endif

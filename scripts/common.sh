@@ -12,50 +12,59 @@ die() {
     exit 1
 }
 
-# missing_packages FILE: the packages listed there that are not installed.
+# missing_packages FILE...: the packages listed there that are not installed.
 missing_packages() {
     local package
-    sed -e 's/#.*//' "$1" | while read -r package; do
+    sed -e 's/#.*//' "$@" | while read -r package; do
         [ -n "$package" ] || continue
         [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
             printf '%s\n' "$package"
     done
 }
 
-# install_packages [FILE]: installs what is missing of that list (default: packages.txt), as root or
-# through sudo.
+# as_root COMMAND...: runs it as root, through sudo if this is another user. Stops if that cannot be;
+# what is the command's purpose is in ROOT_HINT then.
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+        return
+    fi
+    command -v sudo >/dev/null || die "this is not root and there is no sudo; $ROOT_HINT"
+    sudo -n true 2>/dev/null || [ -t 0 ] ||
+        die "sudo wants a password and there is no terminal to ask on; $ROOT_HINT"
+    sudo "$@"
+}
+
+# install_packages [FILE...]: installs what is missing of these lists (default: what building and all
+# tests need), as root or through sudo.
 install_packages() {
-    local list=${1:-$ROOT/scripts/packages.txt}
+    [ $# -gt 0 ] || set -- "$ROOT/scripts/build-packages.txt" "$ROOT/scripts/packages.txt"
     command -v dpkg-query >/dev/null && command -v apt-get >/dev/null ||
         die "this needs a Debian system (dpkg-query and apt-get); on another one install the" \
-            "counterparts of $list and build with cmake --preset release"
-    local missing as_root=()
-    mapfile -t missing < <(missing_packages "$list")
+            "counterparts of $* and build with cmake --preset release -DZOR_BUILD_TESTS=OFF"
+    local missing
+    mapfile -t missing < <(missing_packages "$@")
     [ ${#missing[@]} -gt 0 ] || return 0
 
     say "packages to install: ${missing[*]}"
-    if [ "$(id -u)" -ne 0 ]; then
-        command -v sudo >/dev/null ||
-            die "they are needed, but this is not root and there is no sudo;" \
-                "let an administrator run: apt-get install ${missing[*]}"
-        sudo -n true 2>/dev/null || [ -t 0 ] ||
-            die "they are needed, but sudo wants a password and there is no terminal to ask on;" \
-                "let an administrator run: apt-get install ${missing[*]}"
-        as_root=(sudo)
-    fi
-    "${as_root[@]}" apt-get update >&2 || die "the package lists cannot be updated (see above)"
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y \
+    ROOT_HINT="let an administrator run: apt-get install ${missing[*]}"
+    as_root apt-get update >&2 || die "the package lists cannot be updated (see above)"
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y \
         --no-install-recommends "${missing[@]}" >&2 ||
         die "the packages cannot be installed (see above)"
 }
 
-# build PRESET [TARGET...]: configures and builds below build/PRESET.
+# build PRESET [-DSETTING...] [TARGET...]: configures and builds below build/PRESET.
 build() {
-    local preset=$1
+    local preset=$1 settings=()
     shift
+    while [ "${1-}" != "${1#-D}" ]; do
+        settings+=("$1")
+        shift
+    done
     (
         cd "$ROOT"
-        cmake --preset "$preset" >&2
+        cmake --preset "$preset" "${settings[@]}" >&2
         cmake --build --preset "$preset" ${1:+--target "$@"} >&2
     ) || die "the build with preset '$preset' failed (see above)"
 }

@@ -3,8 +3,8 @@
 #   scripts/demo.sh --help
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-install_packages
-build release zor-tsmon
+install_packages "$ROOT/scripts/build-packages.txt"
+build release -DZOR_BUILD_TESTS=OFF zor-tsmon zor-record
 clear_pid_file
 
 [ $# -gt 0 ] || set -- "$ROOT/examples/data/three-services.ts"

@@ -87,19 +87,21 @@ bool TCMultiQTask::Create(const char* name, unsigned int waitMsec, unsigned long
 bool TCMultiQTask::CreateQueues(unsigned int nQueueSize)
 {
     auto queues = std::make_unique<TCQueue*[]>(nQueueSize);
-    std::vector<std::unique_ptr<TCQueue>> notCreated(nQueueSize);
-    for (unsigned int i = 1; i < nQueueSize; ++i) {
-        notCreated[i] = std::make_unique<TCQueue>();
+    std::vector<std::unique_ptr<TCQueue>> notCreated;
+    notCreated.reserve(nQueueSize);
+    while (notCreated.size() + 1 < nQueueSize) {
+        notCreated.push_back(std::make_unique<TCQueue>());
     }
     if (!m_notifySemaphore.Create(0)) {
         return false;
     }
-    queues[0] = this;
-    for (unsigned int i = 1; i < nQueueSize; ++i) {
-        if (!notCreated[i]->Create()) {
+    unsigned int made = 0;
+    queues[made++] = this;
+    for (auto& queue : notCreated) {
+        if (!queue->Create()) {
             return false;
         }
-        queues[i] = notCreated[i].release();
+        queues[made++] = queue.release();
     }
     const std::unique_lock<std::shared_mutex> lock(m_queuesMutex);
     m_queueSize = nQueueSize;

@@ -31,12 +31,7 @@ constexpr unsigned long LONG_INTERVAL = 600 * 1000;
 class TestAlarm : public TCAlarm
 {
  public:
-    ~TestAlarm() override
-    {
-        if (FlagCreate()) {
-            Destroy();
-        }
-    }
+    ~TestAlarm() override { EndAlarm(this); }
 
     bool t_OnAlarm(const TSEvent* event) override
     {
@@ -62,7 +57,7 @@ class AlarmFaultsTest : public ::testing::Test
         OnAnotherThread([this] {
             ASSERT_TRUE(m_alarm.Create(&m_task, 10, 2));
             EXPECT_TRUE(m_alarm.trace.WaitFor(2));
-            m_alarm.Destroy();
+            EndAlarm(&m_alarm);
             EXPECT_TRUE(Flush(&m_task));
         });
         EXPECT_THAT(m_alarm.trace.Get(), ElementsAre("0", "1"));

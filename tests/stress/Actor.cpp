@@ -166,14 +166,17 @@ void Actor::Flush(unsigned sender)
 {
     Shot shot;
     shot.sync = true;
-    // Twice: a clear-queue that is queued deletes the first event, and may still be at it when its
-    // sender is released.
-    Shoot(m_world, sender, Self(), shot);
-    for (unsigned queue = 0; queue < std::max(m_queues, 1U); ++queue) {
-        shot.queue = queue;
-        while (!Shoot(m_world, sender, Self(), shot)) {
+    const auto shoot = [&] {
+        while (!Shoot(m_world, sender, Self(), shot)) { // the queue is full
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
+    };
+    // Twice: a clear-queue that is queued deletes the first event, and may still be at it when its
+    // sender is released.
+    shoot();
+    for (unsigned queue = 0; queue < std::max(m_queues, 1U); ++queue) {
+        shot.queue = queue;
+        shoot();
     }
     m_world->ledger.CheckQuiet(m_receiver.get());
     for (const auto& handler : m_handlers) {

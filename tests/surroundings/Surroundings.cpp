@@ -44,13 +44,17 @@ struct TSOwnMounts
     {
         const std::string attempt =
             std::string(FUNCTIONS) + "private_tmp size=1m; private_dev; read_only /tmp";
-        for (const Command& each : {Command{}, Command{"--user", "--map-root-user"}}) {
+        const std::pair<const char*, Command> ways[] = {
+            {"as this user", {}}, {"as root of a user namespace", {"--user", "--map-root-user"}}};
+        for (const auto& [way, each] : ways) {
             options = each;
             const ProgramResult result = RunProgram("/usr/bin/env", Unshare(each, attempt, {}));
-            complaint = result.exitCode == 0 ? "" : result.err + ".";
-            if (complaint.empty()) {
+            if (result.exitCode == 0) {
+                complaint.clear();
                 return;
             }
+            complaint += std::string("\n") + way + ": " +
+                         (result.err.empty() ? "without a word" : result.err);
         }
     }
 

@@ -45,8 +45,11 @@ testing::Matcher<const std::string&> IsTableOfSample();
 } // namespace zortest
 
 /// Skips a test that needs mounts of its own.
-#define SKIP_WITHOUT_OWN_MOUNTS()                                              \
-    if (!zortest::WhyNoOwnMounts().empty()) {                                  \
-        GTEST_SKIP() << "no mounts of its own: " << zortest::WhyNoOwnMounts(); \
-    }                                                                          \
+#define SKIP_WITHOUT_OWN_MOUNTS()                                                               \
+    if (!zortest::WhyNoOwnMounts().empty()) {                                                   \
+        GTEST_SKIP()                                                                            \
+            << "this system gives a test no mounts of its own, which takes the right to mount " \
+               "and a root directory that is a mount (not that of a chroot):"                   \
+            << zortest::WhyNoOwnMounts();                                                       \
+    }                                                                                           \
     static_assert(true)

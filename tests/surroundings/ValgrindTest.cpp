@@ -25,7 +25,8 @@ constexpr int FOUND_ERRORS = 99;
 class ValgrindTest : public testing::Test
 {
  protected:
-    /// Runs a daemon under one of valgrind's tools, whose report a failure shows.
+    /// Runs a daemon under one of valgrind's tools, whose report a failure shows. The daemon's
+    /// process exits when its threads have ended, but for the supervisor's (EndOfThreads.cpp).
     static DaemonResult Run(const std::string& tool, const Command& options, const Command& daemon)
     {
         Command line = {"--tool=" + tool,
@@ -37,7 +38,8 @@ class ValgrindTest : public testing::Test
         line.insert(line.end(), options.begin(), options.end());
         line.insert(line.end(), daemon.begin(), daemon.end());
         DaemonResult result =
-            zortest::RunDaemonIn("exec " VALGRIND_PROGRAM " \"$@\"", line, {{"ZOR_DLOG", "none"}});
+            zortest::RunDaemonIn("exec " VALGRIND_PROGRAM " \"$@\"", line,
+                                 {{"ZOR_DLOG", "none"}, {"LD_PRELOAD", END_OF_THREADS_LIBRARY}});
         EXPECT_NE(result.exitCode, FOUND_ERRORS) << result.err;
         return result;
     }
@@ -49,7 +51,14 @@ class ValgrindTest : public testing::Test
                    daemon);
     }
 
-    static DaemonResult Helgrind(const Command& daemon) { return Run("helgrind", {}, daemon); }
+    static DaemonResult Helgrind(const Command& daemon)
+    {
+        Command options;
+        if (HELGRIND_KNOWS_DUBIOUS) {
+            options.push_back("--suppressions=" SUPPRESSIONS_DIR "/helgrind-dubious.supp");
+        }
+        return Run("helgrind", options, daemon);
+    }
 
     static void ExpectTable(const DaemonResult& result)
     {

@@ -29,12 +29,7 @@ constexpr unsigned long LONG_INTERVAL = 600 * 1000;
 class TestAlarm : public TCAlarm
 {
  public:
-    ~TestAlarm() override
-    {
-        if (FlagCreate()) {
-            Destroy();
-        }
-    }
+    ~TestAlarm() override { EndAlarm(this); }
 
     bool t_OnAlarm(const TSEvent* event) override
     {
@@ -367,12 +362,7 @@ TEST_F(AlarmTest, ControlFromFourThreadsAtOnce)
 class TestStateAlarm : public TCStateAlarm
 {
  public:
-    ~TestStateAlarm() override
-    {
-        if (FlagCreate()) {
-            Destroy();
-        }
-    }
+    ~TestStateAlarm() override { EndAlarm(this); }
 };
 
 class StateAlarmTest : public ::testing::Test
@@ -409,9 +399,9 @@ TEST_F(StateAlarmTest, CountOfMinusOneFiresWithoutEnd)
 TEST_F(StateAlarmTest, NegativeIntervalNeverPasses)
 {
     ASSERT_TRUE(m_alarm.Create(&m_task, TCTask::EVENT_USER, -1, 5));
+    std::atomic<int> fired{0};
     TestStateAlarm other;
     ASSERT_TRUE(other.Create(&m_task, TCTask::EVENT_PAUSE + 10, LONG_INTERVAL, 1));
-    std::atomic<int> fired{0};
     other.SetCallbackAfter([&fired](const TSEvent*) { return ++fired > 0; });
     other.Reset(10, 5);
     EXPECT_TRUE(Eventually([&fired] { return fired >= 3; }));

@@ -91,12 +91,7 @@ class IntervalWaits
 class CountingAlarm : public TCAlarm
 {
  public:
-    ~CountingAlarm() override
-    {
-        if (FlagCreate()) {
-            Destroy();
-        }
-    }
+    ~CountingAlarm() override { EndAlarm(this); }
 
     bool t_OnAlarm(const TSEvent* event) override
     {
@@ -186,7 +181,7 @@ TEST_F(AlarmWaitTest, UsedUpAndEndlessAlarmsWaitForNoInterval)
     CountingAlarm other;
     ASSERT_TRUE(other.Create(&m_task, 10, 3));
     EXPECT_TRUE(other.trace.WaitFor(3));
-    other.Destroy();
+    EndAlarm(&other);
     EXPECT_EQ(m_waits.Size(), 3u);
 }
 
@@ -238,7 +233,7 @@ TEST_F(AlarmWaitTest, FiringIsSentUnderTheNameOfItsCallback)
     EXPECT_THAT(namesSoFar(), ElementsAre("cb-alarm"));
     m_task.Unlock();
     EXPECT_TRUE(m_alarm.trace.WaitFor(1));
-    m_alarm.Destroy();
+    EndAlarm(&m_alarm);
     EXPECT_THAT(namesSoFar(), ElementsAre("cb-alarm", ""));
 }
 
@@ -286,7 +281,7 @@ TEST_P(AlarmFailureTest, CreateOfAStateAlarmFailsAsWell)
     EXPECT_FALSE(alarm.FlagCreate());
     ASSERT_TRUE(alarm.Create(&task, TCTask::EVENT_USER, 10, 1));
     EXPECT_TRUE(Eventually([&users] { return users == 1; }));
-    alarm.Destroy();
+    EndAlarm(&alarm);
 }
 
 using AlarmThreadFailureTest = AlarmWaitTest;

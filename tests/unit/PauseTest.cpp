@@ -276,7 +276,8 @@ TEST_F(PauseTest, RequestIsAPriorityEventWithAPromise)
         EXPECT_FALSE(event.flag);
         EXPECT_NE(dynamic_cast<ZORManagedEventData<std::promise<bool>>*>(event.wrappedData.get()),
                   nullptr);
-        EXPECT_EQ(event.wrappedData.use_count(), 1); // the requester has let go
+        // The requester lets go when its send has returned.
+        EXPECT_TRUE(Eventually([&event] { return event.wrappedData.use_count() == 1; }));
     }
     pauser.Join();
 }

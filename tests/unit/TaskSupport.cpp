@@ -216,6 +216,25 @@ bool Flush(TCTask* task)
     return Eventually([&] { return TCTask::Send(&event, true, false); });
 }
 
+bool RunOn(TCTask* task, const std::function<void()>& body)
+{
+    FunctionHandler handler(
+        [&body](const TSEvent*) {
+            body();
+            return true;
+        },
+        task);
+    TSEvent event = EventTo(&handler);
+    return Eventually([&event] { return TCTask::Send(&event, true, true); });
+}
+
+void EndAlarm(TCAlarm* alarm)
+{
+    if (alarm->FlagCreate()) {
+        EXPECT_TRUE(RunOn(alarm->Task(), [alarm] { alarm->Destroy(); }));
+    }
+}
+
 void FillQueue(TCTask* task)
 {
     TSEvent event = EventTo(task);

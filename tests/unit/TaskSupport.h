@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "Alarm.h"
 #include "LogRecord.h"
 #include "Sync.h"
 #include "Task.h"
@@ -184,6 +185,13 @@ bool Post(TCHandler* receiver, unsigned long type = TCTask::EVENT_USER, std::uin
 /// Sends an ordinary event, waiting a full queue out, and waits until it has been handled and with
 /// it all that was queued before.
 bool Flush(TCTask* task);
+
+/// Runs @p body on @p task's thread, before what is queued, and waits until it is done.
+bool RunOn(TCTask* task, const std::function<void()>& body);
+
+/// Destroys @p alarm, if it is created, on its task's thread: between two events none of the
+/// alarm's is in hand, so that the object may be freed as soon as this has returned.
+void EndAlarm(TCAlarm* alarm);
 
 /// Fills @p task's queue with user events until even a priority event is refused.
 void FillQueue(TCTask* task);

@@ -59,7 +59,13 @@ def _attach(request):
 
 
 def _open_core(request):
-    gdb.execute(f"core-file {request['core']}", to_string=True)
+    # What core-file makes of blanks and quotes in a name differs from one gdb to the next, so it gets
+    # a name without any: a descriptor of gdb's own, which stays open as long as gdb needs the core.
+    name = f"/proc/self/fd/{os.open(request['core'], os.O_RDONLY)}"
+    try:
+        gdb.execute(f"core-file {name}", to_string=True)
+    except gdb.error as error:
+        raise gdb.error(str(error).replace(name, request["core"])) from error
     model.check()
     return {
         "clocks": None,
