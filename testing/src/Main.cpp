@@ -127,7 +127,7 @@ bool MayRunNone()
 {
     return GTEST_FLAG_GET(list_tests) || ::testing::internal::InDeathTestChild() ||
            (getenv("GTEST_TOTAL_SHARDS") != nullptr &&
-            ::testing::UnitTest::GetInstance()->test_to_run_count() > 0);
+            ::testing::UnitTest::GetInstance()->total_test_count() > 0);
 }
 
 /// Tasks that are left over would work on without a runtime, so nothing is taken down then.
