@@ -20,14 +20,14 @@ constexpr char NOTIFIER_THREAD[] = "WatchdogNotifier";
 
 std::atomic<bool> gHurry{false};
 
-void WakeNotifier(bool hurry)
+void HurryNotifier(bool hurries)
 {
-    gHurry.store(hurry);
+    gHurry.store(hurries);
     internal::EndSleeps(&gHurry);
 }
 
-const bool gWakesNotifier = [] {
-    Runtime::wakeNotifier = WakeNotifier;
+const bool gHurriesNotifier = [] {
+    Runtime::hurryNotifier = HurryNotifier;
     return true;
 }();
 

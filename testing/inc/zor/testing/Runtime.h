@@ -1,7 +1,14 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
+
+#include "Sync.h"
+#include "Task.h"
+#include "TaskList.h"
+#include "WatchdogNotifier.h"
 
 namespace zor::testing {
 
@@ -23,24 +30,63 @@ class Runtime
     };
 
     /// Adds a failure to the test for each service that cannot be brought up.
-    explicit Runtime(Services services = Services::TASKS);
+    explicit Runtime(Services services = Services::TASKS) : m_services(services)
+    {
+        EXPECT_TRUE(TCSyncDet::Create()) << "the table of synchronous calls cannot be made";
+        if (!TCTaskList::FlagInitialize()) {
+            EXPECT_TRUE(TCTaskList::m_mutex.Create()) << "the registry's lock cannot be made";
+        }
+        if (m_services == Services::ALL) {
+            TCWatchdogNotifier::Init();
+        }
+    }
 
     /// The application must have destroyed its tasks; see Tasks(). Ends at once if the library's
     /// `main()` is linked; if not, the notifier takes up to its 2 seconds.
-    ~Runtime();
+    ~Runtime()
+    {
+        if (m_services == Services::ALL) {
+            HurryNotifier(true);
+            TCWatchdogNotifier::Exit();
+            HurryNotifier(false);
+        }
+        if (TCSyncDet::FlagCreate()) {
+            TCSyncDet::Destroy();
+        }
+        TCTaskList::Finalize();
+    }
 
     Runtime(const Runtime&) = delete;
     Runtime& operator=(const Runtime&) = delete;
 
     /// The names of the tasks that have been created and not yet destroyed, oldest first. Any
     /// thread may ask.
-    static std::vector<std::string> Tasks();
+    static std::vector<std::string> Tasks()
+    {
+        std::vector<std::string> names;
+        if (!TCTaskList::FlagInitialize()) {
+            return names;
+        }
+        TCTaskList::m_mutex.Lock();
+        for (const TCTask* task : TCTaskList::m_taskList) {
+            names.emplace_back(task->Name());
+        }
+        TCTaskList::m_mutex.Unlock();
+        return names;
+    }
 
-    /// What has the notifier end its sleep when the runtime goes down; set by what takes the
-    /// sleeping over.
-    static void (*wakeNotifier)(bool hurry);
+    /// Has the notifier sleep no more, or as always again; null where nobody has taken its sleep
+    /// over.
+    static inline void (*hurryNotifier)(bool hurries) = nullptr;
 
  private:
+    static void HurryNotifier(bool hurries)
+    {
+        if (hurryNotifier != nullptr) {
+            hurryNotifier(hurries);
+        }
+    }
+
     const Services m_services;
 };
 
