@@ -1,7 +1,7 @@
 #pragma once
 
 /// @file
-/// All that a test of an application's tasks is written with. See docs/testing.md.
+/// All that a test of an application's tasks is written with. docs/writing-a-daemon.md shows it in use.
 
 #include "zor/testing/Assertions.h"
 #include "zor/testing/Clock.h"
