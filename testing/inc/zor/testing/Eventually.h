@@ -20,7 +20,9 @@ namespace zor::testing {
 ///                   It returns anything that converts to bool; with an `AssertionResult` the
 ///                   failure says what the last look saw:
 ///
-///     Eventually([&] { return ::testing::AssertionResult(box.Size() == 3) << box.Size(); })
+/// @code
+/// Eventually([&] { return ::testing::AssertionResult(box.Size() == 3) << box.Size(); })
+/// @endcode
 ///
 /// @param deadline   in real time, whatever a Clock does
 /// @return success, or a failure that says how long and how often it looked, and what it saw last

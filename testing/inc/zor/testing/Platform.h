@@ -57,7 +57,7 @@ class Watchdog
     /// A thread that registered.
     struct Registration
     {
-        std::string threadName;
+        std::string threadName;    ///< its name
         unsigned long seconds = 0; ///< the time-out that was asked for
     };
 

@@ -19,15 +19,15 @@ namespace zor::testing {
 /// go and not when a test does.
 struct HandledEvent
 {
-    unsigned long type = 0;
-    std::uint32_t param1 = 0;
-    std::uint32_t param2 = 0;
-    std::uint32_t param3 = 0;
-    std::uint16_t param4 = 0;
-    std::uint64_t param5 = 0;
-    std::uint64_t param6 = 0;
-    bool hadData = false; ///< something was attached
-    bool result = false;  ///< what the handler answered
+    unsigned long type = 0;   ///< the event's, as the rest but the last two
+    std::uint32_t param1 = 0; ///< see TSEvent
+    std::uint32_t param2 = 0; ///< see TSEvent
+    std::uint32_t param3 = 0; ///< see TSEvent
+    std::uint16_t param4 = 0; ///< see TSEvent
+    std::uint64_t param5 = 0; ///< see TSEvent
+    std::uint64_t param6 = 0; ///< see TSEvent
+    bool hadData = false;     ///< something was attached
+    bool result = false;      ///< what the handler answered
 
     /// Shows the event when an expectation fails.
     friend void PrintTo(const HandledEvent& event, std::ostream* out)
@@ -97,6 +97,7 @@ class Recording : public Base
     /// Lets through what waits at the gate and what comes later.
     void OpenGate() { m_gate.Pass(); }
 
+    /// Waits at the gate, has the task handle the event, and records it.
     bool t_OnEvent(const TSEvent* event) override
     {
         if (m_isGated && event->type == m_gatedType) {
@@ -118,6 +119,7 @@ class Recording : public Base
         return handled.result;
     }
 
+    /// Has the task take its idle turn, and counts it.
     void t_Idle() override
     {
         Base::t_Idle();

@@ -31,8 +31,8 @@ template <typename Result, typename... Args>
 class Seam<Result(Args...)>
 {
  public:
-    using Function = Result(Args...);
-    using Hook = std::function<Function>;
+    using Function = Result(Args...);     ///< what is taken over
+    using Hook = std::function<Function>; ///< what calls may be sent to
 
     /// @param symbol  the function's name as the linker knows it
     constexpr explicit Seam(const char* symbol) : m_symbol(symbol) {}
@@ -40,6 +40,7 @@ class Seam<Result(Args...)>
     Seam(const Seam&) = delete;
     Seam& operator=(const Seam&) = delete;
 
+    /// Passes the call on, to the hook of a Takeover or to the library.
     Result operator()(Args... args)
     {
         if (m_hook.load() == nullptr) {
@@ -102,6 +103,8 @@ template <typename Signature>
 class Takeover
 {
  public:
+    /// @param seam  which must outlive this; nobody else may have taken it over
+    /// @param hook  where its calls go
     template <typename Callable>
     Takeover(Seam<Signature>& seam, Callable&& hook)
         : m_seam(seam), m_hook(std::forward<Callable>(hook))

@@ -1,7 +1,8 @@
 #pragma once
 
 /// @file
-/// All that a test of an application's tasks is written with. docs/writing-a-daemon.md shows it in use.
+/// All that a test of an application's tasks is written with. docs/writing-a-daemon.md shows it in
+/// use.
 
 #include "zor/testing/Assertions.h"
 #include "zor/testing/Clock.h"
