@@ -272,6 +272,38 @@ void ReviseWaitsLocked()
     }
 }
 
+/// Keeps a wait in the list for a scope, which the thread may also leave by being cancelled. Needs
+/// the lock.
+class ListEntry
+{
+ public:
+    explicit ListEntry(Waiting* waiting) : m_waiting(waiting)
+    {
+        AppendLocked(m_waiting);
+        SetAtWork(false);
+        realCondSignal.Real(&gRest);
+    }
+
+    ~ListEntry()
+    {
+        UnlinkLocked(m_waiting);
+        SetAtWork(true);
+    }
+
+    ListEntry(const ListEntry&) = delete;
+    ListEntry& operator=(const ListEntry&) = delete;
+
+ private:
+    void SetAtWork(bool atWork)
+    {
+        if (m_waiting->thread != nullptr) {
+            m_waiting->thread->atWork = atWork;
+        }
+    }
+
+    Waiting* const m_waiting;
+};
+
 /// @param drives  the driver's own step: its deadline may be now, and has to be driven to
 EWake WaitAsLocked(const void* key, const Deadline& deadline, bool drives)
 {
@@ -282,17 +314,12 @@ EWake WaitAsLocked(const void* key, const Deadline& deadline, bool drives)
     if (IsTimed(own) && *deadline.at <= Now() && !drives) {
         return EWake::TIMED_OUT;
     }
-    AppendLocked(&own);
-    if (own.thread != nullptr) {
-        own.thread->atWork = false;
-    }
-    realCondSignal.Real(&gRest);
+    const ListEntry entry(&own);
     if (DrivesTime()) {
         DriveLocked(&own);
     } else {
         ParkLocked(&own);
     }
-    UnlinkLocked(&own);
     return own.notified ? EWake::NOTIFIED : EWake::TIMED_OUT;
 }
 

@@ -51,18 +51,28 @@ Nanoseconds FromTimespec(const timespec& time)
            Nanoseconds(time.tv_nsec);
 }
 
+/// Lets a mutex go for a scope, which the thread may also leave by being cancelled.
+class Unlocked
+{
+ public:
+    explicit Unlocked(pthread_mutex_t* mutex) : m_mutex(mutex) {}
+    ~Unlocked() { pthread_mutex_lock(m_mutex); }
+
+    Unlocked(const Unlocked&) = delete;
+    Unlocked& operator=(const Unlocked&) = delete;
+
+ private:
+    pthread_mutex_t* const m_mutex;
+};
+
 /// The mutex is let go while the list's lock is held: a notification that comes as soon as it is
-/// free finds the wait begun.
+/// free finds the wait begun. It is taken again when that lock is free.
 int WaitFor(pthread_cond_t* condition, pthread_mutex_t* mutex, const Deadline& deadline)
 {
-    EWake wake = EWake::NOTIFIED;
-    {
-        const TimeLock lock;
-        pthread_mutex_unlock(mutex);
-        wake = WaitLocked(condition, deadline);
-    }
-    pthread_mutex_lock(mutex);
-    return wake == EWake::NOTIFIED ? 0 : ETIMEDOUT;
+    const Unlocked unlocked(mutex);
+    const TimeLock lock;
+    pthread_mutex_unlock(mutex);
+    return WaitLocked(condition, deadline) == EWake::NOTIFIED ? 0 : ETIMEDOUT;
 }
 
 int Notify(pthread_cond_t* condition, int count)

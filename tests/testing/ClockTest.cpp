@@ -481,6 +481,41 @@ TEST(ClockLifeTest, TakesOverThreadsThatWaitAlready)
     semaphore.Destroy();
 }
 
+/// The mutex is held again while the thread is unwound, as by libc's own wait.
+TEST(ClockLifeTest, CancelledWaitLeavesNothingBehind)
+{
+    struct Waiter
+    {
+        pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+        pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+        std::atomic<bool> waits{false};
+    } waiter;
+    const auto wait = [](void* argument) -> void* {
+        auto* const self = static_cast<Waiter*>(argument);
+        pthread_mutex_lock(&self->mutex);
+        pthread_cleanup_push(
+            [](void* mutex) { pthread_mutex_unlock(static_cast<pthread_mutex_t*>(mutex)); },
+            &self->mutex);
+        self->waits = true;
+        for (;;) {
+            pthread_cond_wait(&self->condition, &self->mutex);
+        }
+        pthread_cleanup_pop(1);
+        return nullptr;
+    };
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, nullptr, wait, &waiter), 0);
+    ASSERT_TRUE(Eventually([&] { return waiter.waits.load(); }));
+    Clock clock;
+    clock.Settle();
+    ASSERT_EQ(pthread_cancel(thread), 0);
+    ASSERT_EQ(pthread_join(thread, nullptr), 0);
+    EXPECT_EQ(pthread_mutex_trylock(&waiter.mutex), 0);
+    pthread_mutex_unlock(&waiter.mutex);
+    clock.Advance(seconds(1));
+    EXPECT_EQ(pthread_cond_signal(&waiter.condition), 0) << "nobody waits any more";
+}
+
 TEST(ClockLifeTest, TimeRunsOnWhereItStood)
 {
     const auto begin = steady_clock::now();
