@@ -323,6 +323,18 @@ EWake WaitAsLocked(const void* key, const Deadline& deadline, bool drives)
     return own.notified ? EWake::NOTIFIED : EWake::TIMED_OUT;
 }
 
+/// Of a child only the thread that forked is there, and the lock may have been another's. It cannot
+/// be taken before a fork: those who hold it wait for it with mutexes held that others take then.
+const bool gForksCleanly = [] {
+    return pthread_atfork(nullptr, nullptr, [] {
+               gLock = PTHREAD_MUTEX_INITIALIZER;
+               gRest = PTHREAD_COND_INITIALIZER;
+               gFirst = nullptr;
+               gThreads = nullptr;
+               tSelf.thread = nullptr;
+           }) == 0;
+}();
+
 /// What RunThread() is given.
 struct Prepared
 {

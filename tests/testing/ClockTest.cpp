@@ -4,6 +4,7 @@
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 #include <sys/times.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -514,6 +515,25 @@ TEST(ClockLifeTest, CancelledWaitLeavesNothingBehind)
     pthread_mutex_unlock(&waiter.mutex);
     clock.Advance(seconds(1));
     EXPECT_EQ(pthread_cond_signal(&waiter.condition), 0) << "nobody waits any more";
+}
+
+TEST(ClockLifeTest, ForkedChildKnowsItsOwnThreadsOnly)
+{
+    TCSemaphore semaphore;
+    ASSERT_TRUE(semaphore.Create(0));
+    std::thread waiter([&] { semaphore.Take(); });
+    const pid_t child = fork();
+    if (child == 0) {
+        Clock clock;
+        clock.Advance(seconds(1));
+        _exit(clock.Elapsed() == seconds(1) ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    semaphore.Give();
+    waiter.join();
+    semaphore.Destroy();
 }
 
 TEST(ClockLifeTest, TimeRunsOnWhereItStood)
