@@ -116,7 +116,10 @@ bool TakeFutex(const long* args, long* result)
     constexpr long PRIVATE = 128;
     constexpr long ON_SYSTEM_CLOCK = 256;
 
+    // All arguments of a system call are numbers.
+    // NOLINTNEXTLINE(performance-no-int-to-ptr)
     const auto* word = reinterpret_cast<const std::uint32_t*>(args[0]);
+    // NOLINTNEXTLINE(performance-no-int-to-ptr)
     const auto* time = reinterpret_cast<const timespec*>(args[3]);
     const long operation = args[1] & ~(PRIVATE | ON_SYSTEM_CLOCK);
     if (operation == WAKE) {
