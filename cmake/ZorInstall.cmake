@@ -38,6 +38,17 @@ install(FILES ${PROJECT_BINARY_DIR}/package/zor-core-config.cmake
               ${PROJECT_BINARY_DIR}/package/zor-core-config-version.cmake
         DESTINATION ${ZOR_PACKAGE_DIR} COMPONENT development)
 
+# For applications' tests, with an export of its own: only who asks for it needs GoogleTest.
+if(TARGET zor-testing)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/testing/inc/ DESTINATION ${ZOR_HEADER_DIR}
+          COMPONENT development FILES_MATCHING PATTERN *.h)
+  install(TARGETS zor-testing zor-testing-program EXPORT zor-testing-targets
+          ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+  target_include_directories(zor-testing INTERFACE $<INSTALL_INTERFACE:${ZOR_HEADER_DIR}>)
+  install(EXPORT zor-testing-targets NAMESPACE zor:: DESTINATION ${ZOR_PACKAGE_DIR}
+          COMPONENT development)
+endif()
+
 # The file finds its prefix from its own place, so that an installation may be moved.
 file(RELATIVE_PATH ZOR_PREFIX_FROM_PC
      ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})

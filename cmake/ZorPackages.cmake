@@ -30,9 +30,10 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libzor-core-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}-1)")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "libgtest-dev (>= 1.12)")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
-    "Headers of the runtime and of its platform, and the files that CMake and
-pkg-config need to find them.")
+    "Headers of the runtime and of its platform, the files that CMake and
+pkg-config need to find them, and a library for applications' tests.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zor-core-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS

@@ -29,6 +29,8 @@ runtime+='|WatchdogNotifier|ZorServiceDebug|ZorServiceDebugOverlay|ZorExport)\.h
 include_rule platform "$runtime" "the platform knows nothing of the runtime; move the code to src/"
 include_rule inc '\.\./|.*src/' "public headers stand on inc/ and platform/inc/ alone"
 include_rule examples '.*(src|platform/host)/' "examples use the installed headers only"
+include_rule testing '.*(src|platform/host|tests)/' "zor::testing uses the installed headers only"
+include_rule inc 'zor/testing/' "the runtime knows nothing of what it is tested with"
 include_rule src/Debug.cpp '(Thread|Queue|Task|ZorServiceDebugOverlay)\.h' \
     "debug print and assertions know nothing above them"
 include_rule src/ZorServiceDebugOverlay.cpp '(Thread|Queue|Task)\.h' \
@@ -53,14 +55,14 @@ for file in "${sources[@]}"; do
 done
 
 say "every public header alone"
-git ls-files 'inc/*.h' 'platform/inc/*.h' | xargs -P "$(nproc)" -I{} \
+git ls-files 'inc/*.h' 'platform/inc/*.h' 'testing/inc/*.h' | xargs -P "$(nproc)" -I{} \
     g++ -std=c++17 -fsyntax-only -Wall -Wextra -Wpedantic -Werror -I inc -I platform/inc \
-    -include {} -x c++ /dev/null ||
+    -I testing/inc -include {} -x c++ /dev/null ||
     fail "a header (above) does not compile by itself: include what it uses, or declare it"
 
 build dev
-say "clang-tidy over src/ and platform/host/"
-git ls-files 'src/*.cpp' 'platform/host/*.cpp' | xargs -P "$(nproc)" -n 1 \
+say "clang-tidy over src/, platform/host/ and testing/"
+git ls-files 'src/*.cpp' 'platform/host/*.cpp' 'testing/src/*.cpp' | xargs -P "$(nproc)" -n 1 \
     clang-tidy --quiet -p build/dev --warnings-as-errors='*' 2>/dev/null ||
     fail "clang-tidy found something (above); mend it, or silence that one line with" \
         "NOLINT(check-name) and the reason"

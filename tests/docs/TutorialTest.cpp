@@ -51,6 +51,15 @@ INSTANTIATE_TEST_SUITE_P(Tutorial, TutorialStepTest,
                                            "step4_timer", "step5_pause"),
                          [](const auto& info) { return std::string(info.param); });
 
+/// A test program: not a daemon, but run like one.
+TEST_F(TutorialTest, TestsOfATaskPassAsTheTutorialSays)
+{
+    DaemonProcess tests("step7_test", {"--gtest_print_time=0"}, {});
+    ASSERT_TRUE(tests.WaitForEnd());
+    EXPECT_EQ(tests.ExitStatus(), 0) << tests.Errors();
+    EXPECT_EQ(tests.Output(), Promised("step7_test"));
+}
+
 class SupervisedStepTest : public TutorialTest
 {
  protected:

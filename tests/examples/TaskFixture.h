@@ -3,68 +3,34 @@
 #include <gtest/gtest.h>
 
 #include <mutex>
+#include <utility>
 
 #include "Batch.h"
 #include "Messages.h"
 #include "Packet.h"
 #include "StreamBuilder.h"
-#include "Sync.h"
-#include "TaskList.h"
 #include "TempDirectory.h"
 #include "Wait.h"
+#include "zor/testing/RecordingTask.h"
+#include "zor/testing/Runtime.h"
 
 /// @file
 /// What the tests of the monitor's tasks share.
 
 namespace made {
 
-/// The runtime's services for tasks, as the process entry makes them.
-class TaskRuntime
-{
- public:
-    TaskRuntime()
-    {
-        EXPECT_TRUE(TCSyncDet::Create());
-        EXPECT_TRUE(TCTaskList::m_mutex.Create());
-    }
+using TaskRuntime = zor::testing::Runtime;
 
-    ~TaskRuntime()
-    {
-        TCTaskList::Finalize();
-        TCSyncDet::Destroy();
-    }
-
-    TaskRuntime(const TaskRuntime&) = delete;
-    TaskRuntime& operator=(const TaskRuntime&) = delete;
-};
-
-/// A task that lets nothing through before its gate is open.
+/// A task that lets no packets through before its gate is open, unless told to gate other events.
 template <class Task>
-class Gated : public Task
+class Gated : public zor::testing::Recording<Task>
 {
  public:
-    using Task::Task;
-
-    bool t_OnEvent(const TSEvent* event) override
+    template <typename... Args>
+    explicit Gated(Args&&... args) : zor::testing::Recording<Task>(std::forward<Args>(args)...)
     {
-        if (event->type == m_gatedType) {
-            m_arrived.Pass();
-            EXPECT_TRUE(m_gate.Wait());
-        }
-        return Task::t_OnEvent(event);
+        this->GateAt(tsmon::MESSAGE_PACKETS);
     }
-
-    /// Before the task is created: which events wait at the gate.
-    void GateAt(unsigned long type) { m_gatedType = type; }
-
-    /// Waits until an event stands at the gate.
-    bool AwaitArrival() { return m_arrived.Wait(); }
-    void OpenGate() { m_gate.Pass(); }
-
- private:
-    unsigned long m_gatedType = tsmon::MESSAGE_PACKETS;
-    zortest::Gate m_arrived;
-    zortest::Gate m_gate;
 };
 
 /// Takes what a reader sends and keeps it.

@@ -33,6 +33,26 @@ build_with_find_package() {
     grep -q "zor-core_DIR:PATH=$1/" "$2/CMakeCache.txt" || fail "another installation was found"
 }
 
+# test_with_find_package PREFIX DIRECTORY: builds the consumer's tests, which must pass, with the tests
+# among the libraries of either order; and a program that would run none, which must not link.
+test_with_find_package() {
+    local program log libraries
+    libraries=$(library_dir "$1")
+    rm -rf "$2"
+    cmake -S "$SOURCE_DIR/tests/install/consumer-tests" -B "$2" -G Ninja -DCMAKE_PREFIX_PATH="$1" \
+        -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF -DCMAKE_CXX_FLAGS="-Wall -Wextra -Wpedantic -Werror"
+    cmake --build "$2" --target counter-test counter-test-last
+    for program in counter-test counter-test-last; do
+        log=$(LD_LIBRARY_PATH=$libraries timeout 120 "$2/$program" 2>&1) ||
+            fail "$program ended with status $?: $log"
+        grep -qF '[  PASSED  ] 3 tests.' <<<"$log" || fail "$program printed: $log"
+        ! grep -rIl -e "$BUILD_DIR" "$2/$program" || fail "$program names the build's folder"
+    done
+    ! log=$(cmake --build "$2" --target gtest-main-test 2>&1) ||
+        fail "a program with gtest_main beside the runtime links"
+    grep -q link_zor_testing_instead_of_gtest_main <<<"$log" || fail "the linker says: $log"
+}
+
 # build_with_pkg_config PREFIX PROGRAM
 build_with_pkg_config() {
     local flags

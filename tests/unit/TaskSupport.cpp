@@ -9,18 +9,6 @@
 
 namespace zortest {
 
-TaskRuntime::TaskRuntime()
-{
-    EXPECT_TRUE(TCSyncDet::Create());
-    EXPECT_TRUE(TCTaskList::m_mutex.Create());
-}
-
-TaskRuntime::~TaskRuntime()
-{
-    TCTaskList::Finalize();
-    TCSyncDet::Destroy();
-}
-
 bool IsRegistered(const TCTask* task)
 {
     const RegistryLock lock;

@@ -17,6 +17,7 @@
 #include "Task.h"
 #include "TestThread.h"
 #include "Wait.h"
+#include "zor/testing/Runtime.h"
 
 /// @file
 /// What the tests of tasks share.
@@ -26,16 +27,7 @@ namespace zortest {
 /// So long that no idle hook runs while a test does.
 constexpr unsigned int LONG_WAIT_MSEC = 600 * 1000;
 
-/// The registry's lock and the table of synchronous calls, as the process entry makes them.
-class TaskRuntime
-{
- public:
-    TaskRuntime();
-    ~TaskRuntime();
-
-    TaskRuntime(const TaskRuntime&) = delete;
-    TaskRuntime& operator=(const TaskRuntime&) = delete;
-};
+using TaskRuntime = zor::testing::Runtime;
 
 /// Holds the registry's lock for a scope.
 class RegistryLock
