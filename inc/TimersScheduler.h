@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -37,7 +38,8 @@ enum TimerState : std::uint32_t
 ///
 /// Creating, scheduling, firing and cancelling cost O(log n). Any thread may call any operation;
 /// each holds the scheduler's mutex for its whole work, and std::system_error is thrown if that
-/// cannot be locked. Firings are sent with the mutex held.
+/// cannot be locked. Firings are sent with the mutex held; between two late ones the thread lets
+/// those in that wait for it, so that a timer can be stopped while its missed firings are made up.
 ///
 /// The thread is notified only if it sleeps because nothing is scheduled, or if a timer comes
 /// before the earliest that is scheduled. Two states leave it asleep although the schedule is
@@ -128,6 +130,9 @@ class ZOR_CORE_API TCTimersScheduler
     void m_ProcessTimerSchedule(Clock::time_point now);
     bool m_FireTimer(std::size_t id, TimerSchedule* schedule);
 
+    std::unique_lock<std::mutex> Enter();
+    void LetOthersInLocked(std::unique_lock<std::mutex>* lock) const;
+
     void MakeRoomLocked();
     std::size_t TakeFreeIdLocked();
     bool MustNotifyLocked(const TimerWakeupData& wakeup) const;
@@ -135,7 +140,7 @@ class ZOR_CORE_API TCTimersScheduler
     void ScheduleLocked(const TimerWakeupData& wakeup);
     bool IsScheduledLocked(std::size_t id) const;
     void UnscheduleLocked(std::size_t id);
-    void FinishReset(std::size_t id, TimerSchedule* schedule, bool* notify);
+    void FinishResetLocked(std::size_t id, TimerSchedule* schedule, bool* notify);
 
     std::unique_ptr<std::thread> m_thread;       ///< owned; null until the first timer
     std::deque<TimerSchedule> m_scheduledTimers; ///< by id; guarded by m_mutex, as all that follows
@@ -149,4 +154,8 @@ class ZOR_CORE_API TCTimersScheduler
 
     // Kept for use again: searching would cost more than the rest of an operation.
     std::vector<std::size_t> m_freeIds; ///< ids of destroyed timers, a heap with the lowest on top
+
+    // How many operations have come for m_mutex, and how many of them have got it.
+    std::atomic<unsigned int> m_arrived{0}; ///< synchronised in itself
+    std::atomic<unsigned int> m_entered{0}; ///< written under m_mutex
 };
