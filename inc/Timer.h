@@ -103,8 +103,10 @@ class ZOR_CORE_API TCTimer : public ITimer
     bool Pause() override;
     bool Resume() override;
 
-    /// The one scheduler of the process, from the loading of the library to the end.
-    static TCTimersScheduler m_scheduler;
+    /// The one scheduler of the process, from the loading of the library to the end. At exit its
+    /// thread is ended, so that no timer fires any more; timers themselves may still be made, set
+    /// and destroyed by threads that run on until the process is gone.
+    static TCTimersScheduler& m_scheduler;
 
  private:
     class TCTimerHandler;

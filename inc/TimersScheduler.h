@@ -57,6 +57,10 @@ class ZOR_CORE_API TCTimersScheduler
     /// Ends the thread and destroys all timers with their events.
     ~TCTimersScheduler();
 
+    /// Ends the thread for good and waits for it: nothing fires any more. Not on that thread. All
+    /// operations go on working on the timers that there are, and new ones can be made.
+    void EndThread();
+
     TCTimersScheduler(const TCTimersScheduler&) = delete;
     TCTimersScheduler& operator=(const TCTimersScheduler&) = delete;
 
@@ -154,6 +158,8 @@ class ZOR_CORE_API TCTimersScheduler
 
     // Kept for use again: searching would cost more than the rest of an operation.
     std::vector<std::size_t> m_freeIds; ///< ids of destroyed timers, a heap with the lowest on top
+
+    bool m_ended = false; ///< no thread may be started any more
 
     // How many operations have come for m_mutex, and how many of them have got it.
     std::atomic<unsigned int> m_arrived{0}; ///< synchronised in itself

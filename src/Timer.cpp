@@ -4,10 +4,26 @@
 #include <utility>
 
 #include "Debug.h"
+#include "Immortal.h"
 #include "MutexLock.h"
 #include "Task.h"
 
-TCTimersScheduler TCTimer::m_scheduler;
+namespace {
+
+zor::Immortal<TCTimersScheduler> processScheduler;
+
+/// Ends the thread in place of the scheduler's destructor, which would free what tasks that still
+/// run use through their timers.
+struct ThreadEnd
+{
+    ~ThreadEnd() { processScheduler.object.EndThread(); }
+};
+
+const ThreadEnd threadEnd;
+
+} // namespace
+
+TCTimersScheduler& TCTimer::m_scheduler = processScheduler.object;
 
 ITimerListener::~ITimerListener() = default;
 ITimer::~ITimer() = default;

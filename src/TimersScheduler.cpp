@@ -34,9 +34,15 @@ Clock::time_point After(Clock::time_point from, milliseconds interval)
 
 TCTimersScheduler::~TCTimersScheduler()
 {
+    EndThread();
+}
+
+void TCTimersScheduler::EndThread()
+{
     {
         const std::unique_lock<std::mutex> lock = Enter();
         m_running = false;
+        m_ended = true;
     }
     if (m_thread != nullptr && m_thread->joinable()) {
         m_condition.notify_one();
@@ -49,7 +55,7 @@ std::size_t TCTimersScheduler::CreateTimer(milliseconds interval, unsigned int c
     // Of the timer that had the slot before: destroying it may run code that uses timers.
     std::shared_ptr<ZOREventDataBase> released;
     std::unique_lock<std::mutex> lock = Enter();
-    if (m_thread == nullptr) {
+    if (m_thread == nullptr && !m_ended) {
         m_running = true;
         m_thread = std::make_unique<std::thread>(&TCTimersScheduler::m_TimersSchedulerThread, this);
     }
