@@ -5,7 +5,6 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -42,10 +41,10 @@ enum TimerState : std::uint32_t
 /// those in that wait for it, so that a timer can be stopped while its missed firings are made up.
 ///
 /// The thread is notified only if it sleeps because nothing is scheduled, or if a timer comes
-/// before the earliest that is scheduled. Two states leave it asleep although the schedule is
-/// empty: when the last scheduled timer was paused (it sleeps on until that was due) and when it
-/// has only just been started. A timer that is created or reset then is served when the thread
-/// wakes by itself, which is late if the paused timer's interval is much longer than the new one.
+/// before the earliest that is scheduled. When the last scheduled timer was paused it sleeps on
+/// until that would have been due, although the schedule is empty. A timer that is created or reset
+/// then is served when the thread wakes by itself, which is late if the paused timer's interval is
+/// much longer than the new one.
 class ZOR_CORE_API TCTimersScheduler
 {
  public:
@@ -146,8 +145,9 @@ class ZOR_CORE_API TCTimersScheduler
     void UnscheduleLocked(std::size_t id);
     void FinishResetLocked(std::size_t id, TimerSchedule* schedule, bool* notify);
 
-    std::unique_ptr<std::thread> m_thread;       ///< owned; null until the first timer
-    std::deque<TimerSchedule> m_scheduledTimers; ///< by id; guarded by m_mutex, as all that follows
+    std::unique_ptr<std::thread> m_thread; ///< owned; null until the first timer
+    std::vector<TimerSchedule>
+        m_scheduledTimers; ///< by id; guarded by m_mutex, as all that follows
     std::mutex m_mutex;
     std::condition_variable m_condition; ///< the thread waits on it
     Wakeups m_wakeups;                   ///< the scheduled timers, earliest first

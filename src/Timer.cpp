@@ -153,9 +153,8 @@ bool TCTimer::Resume()
 
 // Why the handler travels, and why the queue is locked around its departure:
 //
-//   stopping thread:  DestroyTimer -- delete queued firings -- send [handler] -- release own share
-//   task's thread:         listener runs with the handler ..................|-- takes event,
-//   releases
+//   stopper:  DestroyTimer -- delete queued firings -- send [handler] -- release own share
+//   task:          listener runs with the handler ..................|-- take event, release it
 //
 // The task may be in the listener at this very moment, so only the task can know when the handler
 // is done with. And the last to let go of the event destroys the handler: without the lock the task

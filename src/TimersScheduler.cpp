@@ -333,17 +333,23 @@ bool TCTimersScheduler::m_FireTimer(std::size_t id, TimerSchedule* schedule)
     return finished;
 }
 
-/// Makes one more slot, and all that its timer will ever need: nothing is allocated from then on,
-/// so nothing can fail half-way. Needs m_mutex.
+/// Makes one more slot, and what scheduling, firing and destroying its timer will ever need: they
+/// allocate nothing, so they cannot fail half-way. (Pausing does allocate, before it changes
+/// anything.) Needs m_mutex.
 void TCTimersScheduler::MakeRoomLocked()
 {
     const std::size_t id = m_scheduledTimers.size();
     Wakeups wakeup;
     wakeup.insert({Clock::time_point(), id});
+    constexpr std::size_t FEWEST = 16;
+    if (id == m_scheduledTimers.capacity()) {
+        m_scheduledTimers.reserve(std::max(FEWEST, 2 * id));
+    }
+    if (id == m_wakeupIndex.capacity()) {
+        m_wakeupIndex.reserve(std::max(FEWEST, 2 * id));
+    }
     if (id == m_freeIds.capacity()) {
-        const std::size_t capacity = std::max<std::size_t>(16, 2 * id);
-        m_wakeupIndex.reserve(capacity);
-        m_freeIds.reserve(capacity); // last: it says how much room there is
+        m_freeIds.reserve(std::max(FEWEST, 2 * id)); // as many as there are timers
     }
     m_scheduledTimers.emplace_back();
     m_wakeupIndex.push_back({m_wakeups.end(), wakeup.extract(wakeup.begin())});
