@@ -16,9 +16,16 @@
 /// Each interval is measured from the end of the send before it, so firings drift.
 ///
 /// An alarm that has fired as often as it was told to is idle until a Reset(). Destroy() must be
-/// called before the alarm and before its task are destroyed. Any thread may call Reset(), Stop(),
-/// RestartAfterStop() and Destroy(). Except for Create() every operation asserts
-/// "FlagCreate() == true"; the setters without a result do not.
+/// called before the alarm and before its task are destroyed. Any thread may call Reset(), Stop()
+/// and RestartAfterStop(); Destroy() says when it may be called. Except for Create() every
+/// operation asserts "FlagCreate() == true"; the setters without a result do not.
+///
+/// No lock guards the callbacks, and Create() starts the alarm. An alarm that must not fire before
+/// its callbacks are set is made without a firing and started afterwards:
+///
+///     alarm.Create(&task, TCAlarm::ENDLESS, 0);
+///     alarm.SetCallbackAfter(...);
+///     alarm.Reset(interval, count);
 class ZOR_CORE_API TCAlarm : protected TCThread, public TCHandler
 {
  public:
@@ -51,8 +58,19 @@ class ZOR_CORE_API TCAlarm : protected TCThread, public TCHandler
     /// Asserts "FlagCreate() == false".
     ~TCAlarm() override;
 
-    /// Ends the alarm: waits for its thread and deletes its events from the task's queue. Call it
-    /// on the task's thread, or when the task cannot be handling one of the alarm's events.
+    /// Ends the alarm: waits for its thread and deletes its events from the task's queue.
+    ///
+    /// A firing that the task's thread has taken off the queue already is not among them: its
+    /// callbacks and its hook may run on, or even begin, after Destroy() has returned, and they
+    /// read the alarm. So any thread may call Destroy() at any time, but it is safe only on the
+    /// task's thread, or where it is known that the task handles none of the alarm's events;
+    /// elsewhere the task may assert that the alarm is created and read what the caller deletes
+    /// next.
+    ///
+    /// On the task's thread callbacks and hook may end their own alarm: what is left of the firing
+    /// still runs (a hook of a derived class, the after callback), so the object itself must stay
+    /// until the firing has been handled. The callables of SetCallbackBefore() and
+    /// SetCallbackAfter(), and what they hold, stay with the object and serve its next life.
     void Destroy() override;
 
     /// Handles EVENT_ALARM by OnAlarm(). Any other type asserts "event->type == EVENT_ALARM" and is
@@ -61,7 +79,8 @@ class ZOR_CORE_API TCAlarm : protected TCThread, public TCHandler
 
     /// Hook: the alarm has fired. Runs on the task's thread.
     ///
-    /// @return whether the event was handled; the base version returns false
+    /// @return whether the event was handled. The base version asserts "FlagCreate() == true" and
+    ///         "event != NULL" and returns false; OnAlarm() does not call it.
     virtual bool t_OnAlarm(const TSEvent* event);
 
     /// Makes the alarm and starts it.
@@ -69,9 +88,13 @@ class ZOR_CORE_API TCAlarm : protected TCThread, public TCHandler
     /// @param task      whose alarm it is; it stays the caller's
     /// @param interval  milliseconds from one firing to the next, at least INTERVAL_MIN
     /// @param count     how many times to fire; 0 not at all, ENDLESS for ever
-    /// @return whether everything could be made; nothing is left behind if not
+    /// @return whether everything could be made. If not the alarm is not created, and may be made
+    ///         again. Settings and callbacks of SetEventCallback() are lost then if it was the
+    ///         thread that could not be started.
     ///
-    /// Asserts "FlagCreate() == false", "task != NULL" and that the task is created.
+    /// Unsets what GetEventCallback() answers, but clears no callable: what an earlier life has set
+    /// goes on being called. Asserts "FlagCreate() == false", "task != NULL" and that the task is
+    /// created.
     bool Create(const TCTask* task, unsigned long interval, unsigned long count);
 
     /// Starts anew with these settings: a full interval, the count from 0. Firings that still wait
@@ -86,35 +109,40 @@ class ZOR_CORE_API TCAlarm : protected TCThread, public TCHandler
     void RestartAfterStop();
 
     /// Sets the callbacks around t_OnAlarm(); @p type must be EVENT_ALARM. A null pointer leaves
-    /// the callback that is set. A before callback that returns true takes the place of
+    /// the callback that is called, whoever has set it; only an empty SetCallbackBefore() or
+    /// SetCallbackAfter() clears one. A before callback that returns true takes the place of
     /// t_OnAlarm(); an after callback always runs, and its result is or-ed into that of the event.
     ///
-    /// No lock guards callbacks: set them before the alarm fires.
+    /// No lock guards callbacks: set them before the alarm can fire (the class says how), or on the
+    /// task's thread. They outlive Destroy().
     ///
     /// @return false, and nothing is changed, for any other @p type
     bool SetEventCallback(int type, EventCallback before, EventCallback after, const void* context);
 
-    /// Stores what SetEventCallback() was given, wherever the pointer is not null.
+    /// Stores what SetEventCallback() was given last, wherever the pointer is not null: null
+    /// pointers too, and whatever the other setters have put in their place.
     ///
     /// @return false for any other type than EVENT_ALARM
     bool GetEventCallback(int type, EventCallback* before, EventCallback* after,
                           const void** context);
 
     /// Sets the callback before t_OnAlarm(), in place of the one from SetEventCallback(); an empty
-    /// one clears it. The alarm need not be created; no lock guards it.
+    /// one clears it. The alarm need not be created, and neither Create() nor Destroy() clears the
+    /// callback. No lock guards it: as for SetEventCallback().
     void SetCallbackBefore(Callback callback);
 
     /// The same for the callback after t_OnAlarm().
     void SetCallbackAfter(Callback callback);
 
     /// Runs callbacks and hook for one firing, on the task's thread. Asserts "event != NULL".
+    ///
+    /// @return whether one of them has handled it; a class that leaves the hook as it is has none
     bool OnAlarm(const TSEvent* event);
 
     using TCHandler::FlagCreate;
 
  private:
-    bool WaitForInterval();
-    void LogStateLocked();
+    bool WaitForIntervalLocked();
 
     TCMutex m_lock;                      ///< guards the settings; not held while the thread waits
     TCSemaphore m_wakeUp;                ///< given by whoever changes the settings

@@ -11,7 +11,8 @@
 /// | 113         | /usr/apps/org.nimbo.core-tkgs-menu/bin/core-tkgs-menu    | always            |
 ///
 /// Initialize() and Exit() are called once each, by one thread. The programs are started from the
-/// key-combination library's thread.
+/// key-combination library's thread, with no signal blocked and none ignored, whatever the daemon
+/// does.
 class ZOR_CORE_API KeyCombinationLoggerRegistration
 {
  public:
@@ -35,11 +36,11 @@ class ZOR_CORE_API KeyCombinationLoggerRegistration
     static void* m_handle;
 
  private:
-    static void* m_FindFunction(const char* symbol, const char** error);
+    static void* FindFunction(const char* symbol, const char** error);
     static void m_CallInitializeFinalizeFunctions(const char* symbol);
     static void m_CallHandlerFunction(const char* symbol, KeyComb combination,
                                       KeyCombHandler handler);
     static void m_LaunchMenu(KeyComb combination, void* data);
     static void m_LaunchTkgsPopup(KeyComb combination, void* data);
-    static void m_StartProgram(const char* program);
+    static void StartProgram(const char* program);
 };

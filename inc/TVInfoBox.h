@@ -5,7 +5,8 @@
 /// @file
 /// Texts on the television's screen, shown by the platform's program "/usr/bin/infobox". Any thread
 /// may call any function; none waits for a box and none reports a failure to its caller. Showing a
-/// box sets SIGCHLD to be ignored, so that finished boxes are reaped by the system.
+/// box sets SIGCHLD to be ignored, so that finished boxes are reaped by the system. The program
+/// itself starts with no signal blocked and none ignored, whatever the daemon does.
 
 /// Shows a text.
 ///

@@ -44,25 +44,39 @@ class ZOR_CORE_API ITimer
     /// What a timer's firings are handled with.
     struct ZOR_CORE_API TimerHandlerParams
     {
-        const TCTask* task = nullptr;               ///< on whose thread; must outlive the timer
-        std::shared_ptr<ITimerListener> listener;   ///< what is called; shared with the timer
-        void* userData = nullptr;                   ///< handed to every call
-        std::function<void(void*)> userDataRelease; ///< called once with userData, on the task's
-                                                    ///< thread, when the timer is done with; may be
-                                                    ///< empty
+        const TCTask* task = nullptr;             ///< on whose thread; must outlive the timer
+        std::shared_ptr<ITimerListener> listener; ///< what is called; shared with the timer
+        /// Handed to every call. It must stay good until userDataRelease is called with it, not
+        /// only until the timer's destructor has returned: see TCTimer.
+        void* userData = nullptr;
+
+        /// Called once with userData, on the task's thread, when no call of the listener can come
+        /// any more; may be empty. This is the place to free userData.
+        std::function<void(void*)> userDataRelease;
     };
 
     virtual ~ITimer();
 
     /// Starts the timer anew: it fires @p count times, first after one interval. Firings that still
-    /// wait in the task's queue are deleted. A paused timer stays paused.
+    /// wait in the task's queue are deleted; one that the task's thread has taken off the queue
+    /// already may still call the listener, even after this has returned. A paused timer stays
+    /// paused.
+    ///
+    /// The first firing may come late while another timer is paused: see Pause().
     ///
     /// @param interval  from one firing to the next, at least INTERVAL_MIN
     /// @param count     how many times; 0 not at all, INFINITE_FIRE for ever
     /// @return false if there is no timer behind the object
     virtual bool Restart(std::chrono::milliseconds interval, unsigned int count) = 0;
 
-    /// Halts the timer; what is left of the interval is kept.
+    /// Halts the timer; what is left of the interval is kept. Firings that are queued already are
+    /// delivered.
+    ///
+    /// The scheduler's thread is not told. If no other timer is scheduled, it sleeps on until this
+    /// one would have been due, and a timer that is made or restarted meanwhile is served only
+    /// then: pausing a timer of an hour may delay a new one of ten milliseconds by an hour. A timer
+    /// that is resumed while none is scheduled wakes the thread, and so does destroying or
+    /// restarting the earliest that is scheduled.
     ///
     /// @return false if there is no timer behind the object or if it is paused already
     virtual bool Pause() = 0;
@@ -79,6 +93,11 @@ class ZOR_CORE_API ITimer
 /// queued and hands what the listener is called with over to the task, which releases it on its own
 /// thread when it comes to that: a call that is running is never cut short. If the task's loop has
 /// ended, whoever destroys the task releases it. The task must outlive its timers.
+///
+/// Unless the timer is destroyed on its task's thread, a call may not only run on but even begin
+/// after the destructor has returned: that of a firing which the task had taken off its queue.
+/// Listener and userData serve until userDataRelease. The same holds for a move assignment and the
+/// timer that it replaces.
 class ZOR_CORE_API TCTimer : public ITimer
 {
  public:
@@ -103,8 +122,10 @@ class ZOR_CORE_API TCTimer : public ITimer
     bool Pause() override;
     bool Resume() override;
 
-    /// The one scheduler of the process, from the loading of the library to the end.
-    static TCTimersScheduler m_scheduler;
+    /// The one scheduler of the process, from the loading of the library to the end. At exit its
+    /// thread is ended, so that no timer fires any more; timers themselves may still be made, set
+    /// and destroyed by threads that run on until the process is gone.
+    static TCTimersScheduler& m_scheduler;
 
  private:
     class TCTimerHandler;

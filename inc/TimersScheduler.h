@@ -1,10 +1,10 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -37,13 +37,14 @@ enum TimerState : std::uint32_t
 ///
 /// Creating, scheduling, firing and cancelling cost O(log n). Any thread may call any operation;
 /// each holds the scheduler's mutex for its whole work, and std::system_error is thrown if that
-/// cannot be locked. Firings are sent with the mutex held.
+/// cannot be locked. Firings are sent with the mutex held; between two late ones the thread lets
+/// those in that wait for it, so that a timer can be stopped while its missed firings are made up.
 ///
 /// The thread is notified only if it sleeps because nothing is scheduled, or if a timer comes
-/// before the earliest that is scheduled. Two states leave it asleep although the schedule is
-/// empty: when the last scheduled timer was paused (it sleeps on until that was due) and when it
-/// has only just been started. A timer that is created or reset then is served when the thread
-/// wakes by itself, which is late if the paused timer's interval is much longer than the new one.
+/// before the earliest that is scheduled. When the last scheduled timer was paused it sleeps on
+/// until that would have been due, although the schedule is empty. A timer that is created or reset
+/// then is served when the thread wakes by itself, which is late if the paused timer's interval is
+/// much longer than the new one.
 class ZOR_CORE_API TCTimersScheduler
 {
  public:
@@ -54,6 +55,10 @@ class ZOR_CORE_API TCTimersScheduler
 
     /// Ends the thread and destroys all timers with their events.
     ~TCTimersScheduler();
+
+    /// Ends the thread for good and waits for it: nothing fires any more. Not on that thread. All
+    /// operations go on working on the timers that there are, and new ones can be made.
+    void EndThread();
 
     TCTimersScheduler(const TCTimersScheduler&) = delete;
     TCTimersScheduler& operator=(const TCTimersScheduler&) = delete;
@@ -128,6 +133,9 @@ class ZOR_CORE_API TCTimersScheduler
     void m_ProcessTimerSchedule(Clock::time_point now);
     bool m_FireTimer(std::size_t id, TimerSchedule* schedule);
 
+    std::unique_lock<std::mutex> Enter();
+    void LetOthersInLocked(std::unique_lock<std::mutex>* lock) const;
+
     void MakeRoomLocked();
     std::size_t TakeFreeIdLocked();
     bool MustNotifyLocked(const TimerWakeupData& wakeup) const;
@@ -135,10 +143,11 @@ class ZOR_CORE_API TCTimersScheduler
     void ScheduleLocked(const TimerWakeupData& wakeup);
     bool IsScheduledLocked(std::size_t id) const;
     void UnscheduleLocked(std::size_t id);
-    void FinishReset(std::size_t id, TimerSchedule* schedule, bool* notify);
+    void FinishResetLocked(std::size_t id, TimerSchedule* schedule, bool* notify);
 
-    std::unique_ptr<std::thread> m_thread;       ///< owned; null until the first timer
-    std::deque<TimerSchedule> m_scheduledTimers; ///< by id; guarded by m_mutex, as all that follows
+    std::unique_ptr<std::thread> m_thread; ///< owned; null until the first timer
+    std::vector<TimerSchedule>
+        m_scheduledTimers; ///< by id; guarded by m_mutex, as all that follows
     std::mutex m_mutex;
     std::condition_variable m_condition; ///< the thread waits on it
     Wakeups m_wakeups;                   ///< the scheduled timers, earliest first
@@ -149,4 +158,10 @@ class ZOR_CORE_API TCTimersScheduler
 
     // Kept for use again: searching would cost more than the rest of an operation.
     std::vector<std::size_t> m_freeIds; ///< ids of destroyed timers, a heap with the lowest on top
+
+    bool m_ended = false; ///< no thread may be started any more
+
+    // How many operations have come for m_mutex, and how many of them have got it.
+    std::atomic<unsigned int> m_arrived{0}; ///< synchronised in itself
+    std::atomic<unsigned int> m_entered{0}; ///< written under m_mutex
 };

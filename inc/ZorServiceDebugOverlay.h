@@ -87,7 +87,8 @@ class ZOR_CORE_API ZORLoggerDLOG : public IZORLogger
                 va_list* args) override;
     const std::string& GetLoggerId() const override;
 
-    static const std::string m_id; ///< "ZOR DLOG logger"
+    /// "ZOR DLOG logger". Like the logger it outlives every static destructor.
+    static const std::string& m_id;
 
     /// Format of a line with an application name. It may be exchanged at any time for a text that
     /// takes the same arguments and that lives on.
@@ -110,7 +111,8 @@ class ZOR_CORE_API ZORLoggerDLOG2023 : public IZORLogger
                 va_list* args) override;
     const std::string& GetLoggerId() const override;
 
-    static const std::string m_id; ///< "ZOR DLOG logger 2023"
+    /// "ZOR DLOG logger 2023". Like the logger it outlives every static destructor.
+    static const std::string& m_id;
 
     /// As ZORLoggerDLOG::m_logFmt, with the arguments of this layout.
     static std::atomic<const char*> m_logFmt;
@@ -138,7 +140,8 @@ class ZOR_CORE_API ZORLoggerLegacy : public IZORLogger
                 va_list* args) override;
     const std::string& GetLoggerId() const override;
 
-    static const std::string m_id; ///< "ZOR Legacy logger"
+    /// "ZOR Legacy logger". Like the logger it outlives every static destructor.
+    static const std::string& m_id;
 
     /// The levels, which outlive every static destructor. An application may fill the table before
     /// the first Instance(); once the logger is in use only the logger may touch it.
@@ -176,10 +179,14 @@ class ZOR_CORE_API ZORLogs
     /// in the byte order of their ids. The front owns the plug-in from now on. One whose id is
     /// taken is destroyed at once. The plug-in must not log from GetLoggerId() or from its
     /// destructor.
+    ///
+    /// A plug-in may call this while it takes an entry: then the change is made when the entry, and
+    /// all that is logged meanwhile on the same thread, has been given to all plug-ins.
     void AddPlugin(std::unique_ptr<IZORLogger> plugin);
 
     /// Removes and destroys the plug-in with that id, waiting for entries that are being logged.
-    /// Nothing happens if there is none or if @p id is empty.
+    /// Nothing happens if there is none or if @p id is empty. A plug-in that calls this while it
+    /// takes an entry, also for itself, stays until that entry is done with, as for AddPlugin().
     void RemovePlugin(const std::string& id);
 
     /// Logs one entry; ZOR_LOG() supplies the arguments (see IZORLogger::ZORLog()). Asserts

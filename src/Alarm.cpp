@@ -3,9 +3,12 @@
 #include <sys/prctl.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
+#include "Immortal.h"
 #include "MutexLock.h"
 #include "Task.h"
 #include "ZorServiceDebug.h"
@@ -14,6 +17,39 @@
 namespace {
 
 constexpr unsigned long STACK_SIZE = 512;
+
+constexpr char STATE_TEXT[] =
+    "[pause_resume] END m_stopped[%d], m_interval[%lu], m_interval_holder[%lu], m_count[%lu]";
+
+using Hook = bool (TCAlarm::*)(const TSEvent*);
+
+/// The function that @p alarm has for a virtual operation.
+///
+/// By the C++ ABI of all Linux targets a pointer to a virtual member function begins with the
+/// offset of the operation in the class's table (on some with the lowest bit set), and an object
+/// begins with the address of its table.
+const void* FunctionOf(const TCAlarm& alarm, Hook operation)
+{
+    std::size_t offset = 0;
+    static_assert(sizeof(operation) >= sizeof(offset));
+    memcpy(&offset, &operation, sizeof(offset));
+    const char* table = nullptr;
+    memcpy(&table, static_cast<const void*>(&alarm), sizeof(table));
+    const void* function = nullptr;
+    memcpy(&function, table + (offset & ~std::size_t{1}), sizeof(function));
+    return function;
+}
+
+/// Whether the alarm's class has left the hook as it is.
+///
+/// The base version asserts that the alarm is created, and an alarm whose before callback has ended
+/// it is not. It must not be called for such an alarm, but a derived class's hook must. No flag can
+/// tell them apart: there is no virtual operation left to ask, because their order is fixed.
+bool HasBaseHook(const TCAlarm& alarm)
+{
+    static const zor::Immortal<TCAlarm> plain;
+    return FunctionOf(alarm, &TCAlarm::t_OnAlarm) == FunctionOf(plain.object, &TCAlarm::t_OnAlarm);
+}
 
 } // namespace
 
@@ -100,7 +136,7 @@ void TCAlarm::Stop()
     m_stopped = true;
     m_interval_holder = m_interval;
     m_interval = ENDLESS;
-    LogStateLocked();
+    ZOR_LOG(false, DLOG_INFO, STATE_TEXT, m_stopped, m_interval, m_interval_holder, m_count);
     m_wakeUp.Give();
 }
 
@@ -113,17 +149,8 @@ void TCAlarm::RestartAfterStop()
     }
     m_stopped = false;
     m_interval = m_interval_holder;
-    LogStateLocked();
+    ZOR_LOG(false, DLOG_INFO, STATE_TEXT, m_stopped, m_interval, m_interval_holder, m_count);
     m_wakeUp.Give();
-}
-
-/// Needs m_lock.
-void TCAlarm::LogStateLocked()
-{
-    ZOR_LOG(
-        false, DLOG_INFO,
-        "[pause_resume] END m_stopped[%d], m_interval[%lu], m_interval_holder[%lu], m_count[%lu]",
-        m_stopped, m_interval, m_interval_holder, m_count);
 }
 
 // The lock is held whenever the thread does not wait. A firing is sent with it held, so that a
@@ -146,7 +173,7 @@ void TCAlarm::t_Main()
             }
             m_lock.Lock();
             fired = 0;
-        } else if (WaitForInterval()) {
+        } else if (WaitForIntervalLocked()) {
             event.param2 = static_cast<std::uint32_t>(fired);
             ++fired;
             const TCCallbackNameSetter callbackName("cb-alarm");
@@ -161,10 +188,10 @@ void TCAlarm::t_Main()
     }
 }
 
-/// Waits without the lock, which the caller holds, and takes it again.
+/// Needs m_lock, which it lets go while it waits.
 ///
 /// @return true if the interval has passed, false if the settings have changed
-bool TCAlarm::WaitForInterval()
+bool TCAlarm::WaitForIntervalLocked()
 {
     const std::uint64_t interval = m_interval;
     m_lock.Unlock();
@@ -197,7 +224,7 @@ bool TCAlarm::OnAlarm(const TSEvent* event)
     TCASSERT(FlagCreate() == true);
     TCASSERT(event != NULL);
     bool handled = m_callbackBefore && m_callbackBefore(event);
-    if (!handled) {
+    if (!handled && !HasBaseHook(*this)) {
         handled = t_OnAlarm(event);
     }
     if (m_callbackAfter) {

@@ -17,8 +17,8 @@
 
 std::function<void(const char* file, unsigned long line)> test::TSCustomAssert::callback;
 
-/// Numbers the lines of TCDebug::Print. Relaxed, because the number orders nothing: all that is
-/// wanted of it is that it moves.
+/// Numbers the lines of TCDebug::Print. Relaxed, because the number orders nothing; numbers that
+/// repeat or are left out would be accepted too.
 std::atomic<unsigned long> lineCount{0};
 
 namespace {
@@ -26,7 +26,7 @@ namespace {
 constexpr char CONSOLE_PATH[] = "/dev/console";
 constexpr unsigned long CONSOLE_DRAIN_MSEC = 100;
 constexpr int MAX_FRAMES = 100;
-constexpr size_t THREAD_NAME_SIZE = 16;
+constexpr size_t THREAD_NAME_SIZE = 16; // of the kernel's
 constexpr size_t PRINT_BUFFER_SIZE = 8192;
 constexpr size_t PROFILING_BUFFER_SIZE = 128;
 

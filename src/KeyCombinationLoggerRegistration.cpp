@@ -5,6 +5,7 @@
 
 #include <csignal>
 
+#include "ChildSignals.h"
 #include "ZorApiLite.h"
 #include "ZorServiceDebugOverlay.h"
 
@@ -63,7 +64,7 @@ void KeyCombinationLoggerRegistration::Exit()
 }
 
 /// @param error  the loader's error, null if there was none
-void* KeyCombinationLoggerRegistration::m_FindFunction(const char* symbol, const char** error)
+void* KeyCombinationLoggerRegistration::FindFunction(const char* symbol, const char** error)
 {
     dlerror(); // whatever went wrong elsewhere in this thread is not ours
     void* const function = dlsym(m_handle, symbol);
@@ -71,12 +72,12 @@ void* KeyCombinationLoggerRegistration::m_FindFunction(const char* symbol, const
     return function;
 }
 
-/// Calls what was found, even after an error: a library without these functions is broken, and the
-/// sooner that shows the better.
+/// Calls what was found even after an error, and so brings down a daemon whose library has no such
+/// function. That is required, and deliberately unlike the handler calls.
 void KeyCombinationLoggerRegistration::m_CallInitializeFinalizeFunctions(const char* symbol)
 {
     const char* error = nullptr;
-    void* const function = m_FindFunction(symbol, &error);
+    void* const function = FindFunction(symbol, &error);
     if (error != nullptr) {
         ZOR_LOG(true, DLOG_INFO, "[%s][%d] There was error during getting %s function: %s ",
                 __func__, __LINE__, symbol, error);
@@ -89,7 +90,7 @@ void KeyCombinationLoggerRegistration::m_CallHandlerFunction(const char* symbol,
                                                              KeyCombHandler handler)
 {
     const char* error = nullptr;
-    void* const function = m_FindFunction(symbol, &error);
+    void* const function = FindFunction(symbol, &error);
     if (error != nullptr) {
         ZOR_LOG(true, DLOG_INFO, "[%s][%d] There was error during getting %s function: %s ",
                 __func__, __LINE__, symbol, error);
@@ -102,7 +103,7 @@ void KeyCombinationLoggerRegistration::m_LaunchMenu(KeyComb combination, void* d
 {
     ZOR_LOG(true, DLOG_INFO, "[%s][%d] %s hit sucessfully! %d", __func__, __LINE__,
             static_cast<const char*>(data), combination);
-    m_StartProgram(DEBUG_MENU_PROGRAM);
+    StartProgram(DEBUG_MENU_PROGRAM);
 }
 
 void KeyCombinationLoggerRegistration::m_LaunchTkgsPopup(KeyComb combination, void* data)
@@ -110,13 +111,18 @@ void KeyCombinationLoggerRegistration::m_LaunchTkgsPopup(KeyComb combination, vo
     ZOR_LOG(true, DLOG_INFO, "[%s][%d] %s hit sucessfully! %d", __func__, __LINE__,
             static_cast<const char*>(data), combination);
     signal(SIGCHLD, SIG_IGN); // the system reaps the children
-    m_StartProgram(TKGS_MENU_PROGRAM);
+    StartProgram(TKGS_MENU_PROGRAM);
 }
 
-void KeyCombinationLoggerRegistration::m_StartProgram(const char* program)
+void KeyCombinationLoggerRegistration::StartProgram(const char* program)
 {
+    const sigset_t before = zor::BlockSignals();
     if (fork() == 0) {
+        static zor::SignalActions inherited; // nobody else's: the child has one thread
+        zor::ResetSignals(&inherited);
         execl(program, program, "", static_cast<char*>(nullptr));
-        // A child without its program goes on from here; nothing ends it.
+        // A child without its program goes on from here, as its parent would; nothing ends it.
+        zor::SetSignals(inherited);
     }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }

@@ -53,13 +53,17 @@ void LogBanner()
 /// Takes the places of the standard streams that the process was started without: a file that got
 /// one of these descriptors, the pid file first of all, would be given what is printed and logged.
 /// To read or write such a stream goes on failing with EBADF, for what takes its place is a path
-/// that is not open for either.
+/// that is not open for either; in the programs that the daemon starts as well. It must be nobody's
+/// way out of a changed root directory, so the root is only taken where there is no null device,
+/// and is kept from those programs.
 void ReserveStandardStreams()
 {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
         if (fcntl(stream, F_GETFD) < 0) {
-            // Gets this descriptor, the least that is free. If it fails, so does every open.
-            open("/", O_PATH);
+            // Gets this descriptor, the least that is free. If both fail, so does every open.
+            if (open("/dev/null", O_PATH) < 0) {
+                open("/", O_PATH | O_CLOEXEC);
+            }
         }
     }
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "ChildSignals.h"
 #include "ZorFunctionIndices.h"
 #include "dlog.h"
 
@@ -17,56 +18,56 @@ constexpr char PROGRAM_NAME[] = "infobox";
 constexpr unsigned int MAX_X = 1920;
 constexpr unsigned int MAX_Y = 1080;
 
+constexpr size_t LONGEST_TEXT = 998;
+
 /// What is handed to the program, complete before the child is made: between vfork() and execl() a
 /// child may do next to nothing.
 struct Box
 {
-    char x[5];
+    char x[5]; ///< at most four digits
     char y[5];
-    char text[1000];
+    char text[1000]; ///< one more than is ever used: a text is cut to LONGEST_TEXT and its end
 };
 
-void Fill(Box* box, unsigned int x, unsigned int y, const char* fmt, va_list args)
-{
-    snprintf(box->x, sizeof(box->x), "%d", static_cast<int>(x <= MAX_X ? x : 0));
-    snprintf(box->y, sizeof(box->y), "%d", static_cast<int>(y <= MAX_Y ? y : 0));
-    vsnprintf(box->text, sizeof(box->text) - 1, fmt, args);
-}
-
+/// Shows a text.
+///
 /// @param last  a further argument of the program, or null
-void Show(const Box& box, const char* last)
+void Show(unsigned int x, unsigned int y, const char* last, const char* fmt, va_list args)
 {
+    Box box = {};
+    snprintf(box.x, sizeof(box.x), "%d", static_cast<int>(x <= MAX_X ? x : 0));
+    snprintf(box.y, sizeof(box.y), "%d", static_cast<int>(y <= MAX_Y ? y : 0));
+    vsnprintf(box.text, LONGEST_TEXT + 1, fmt, args);
     signal(SIGCHLD, SIG_IGN);
+    const sigset_t before = zor::BlockSignals();
     // The parent goes on once the child has started the program or ended.
     if (vfork() == 0) { // NOLINT(clang-analyzer-security.insecureAPI.vfork)
-        // Both only tell the kernel something: nothing of the parent's memory is changed.
-        close(STDIN_FILENO);  // NOLINT(clang-analyzer-unix.Vfork)
-        close(STDOUT_FILENO); // NOLINT(clang-analyzer-unix.Vfork)
+        // All three only tell the kernel something: nothing of the parent's memory is changed.
+        zor::ResetSignals(nullptr); // NOLINT(clang-analyzer-unix.Vfork)
+        close(STDIN_FILENO);        // NOLINT(clang-analyzer-unix.Vfork)
+        close(STDOUT_FILENO);       // NOLINT(clang-analyzer-unix.Vfork)
         execl(PROGRAM, PROGRAM_NAME, box.text, box.x, box.y, last, static_cast<char*>(nullptr));
         _exit(1);
     }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 } // namespace
 
 void show_message_box(unsigned int x, unsigned int y, const char* fmt, ...)
 {
-    Box box = {};
     va_list args;
     va_start(args, fmt);
-    Fill(&box, x, y, fmt, args);
+    Show(x, y, nullptr, fmt, args);
     va_end(args);
-    Show(box, nullptr);
 }
 
 void create_message_box(unsigned int x, unsigned int y, const char* fmt, ...)
 {
-    Box box = {};
     va_list args;
     va_start(args, fmt);
-    Fill(&box, x, y, fmt, args);
+    Show(x, y, "1", fmt, args);
     va_end(args);
-    Show(box, "1");
 }
 
 void destroy_message_box()

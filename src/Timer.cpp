@@ -4,10 +4,26 @@
 #include <utility>
 
 #include "Debug.h"
+#include "Immortal.h"
 #include "MutexLock.h"
 #include "Task.h"
 
-TCTimersScheduler TCTimer::m_scheduler;
+namespace {
+
+zor::Immortal<TCTimersScheduler> processScheduler;
+
+/// Ends the thread in place of the scheduler's destructor, which would free what tasks that still
+/// run use through their timers.
+struct ThreadEnd
+{
+    ~ThreadEnd() { processScheduler.object.EndThread(); }
+};
+
+const ThreadEnd threadEnd;
+
+} // namespace
+
+TCTimersScheduler& TCTimer::m_scheduler = processScheduler.object;
 
 ITimerListener::~ITimerListener() = default;
 ITimer::~ITimer() = default;
@@ -137,9 +153,8 @@ bool TCTimer::Resume()
 
 // Why the handler travels, and why the queue is locked around its departure:
 //
-//   stopping thread:  DestroyTimer -- delete queued firings -- send [handler] -- release own share
-//   task's thread:         listener runs with the handler ..................|-- takes event,
-//   releases
+//   stopper:  DestroyTimer -- delete queued firings -- send [handler] -- release own share
+//   task:          listener runs with the handler ..................|-- take event, release it
 //
 // The task may be in the listener at this very moment, so only the task can know when the handler
 // is done with. And the last to let go of the event destroys the handler: without the lock the task

@@ -18,6 +18,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// How long the thread, with firings to make up, waits for another one to be woken: looks at about
+// the time that a wake-up takes, for a millisecond.
+constexpr std::chrono::microseconds LOOK_INTERVAL(50);
+constexpr int LOOKS = 20;
+
 /// @p interval after @p from, or the end of all time if that comes first.
 Clock::time_point After(Clock::time_point from, milliseconds interval)
 {
@@ -29,9 +34,15 @@ Clock::time_point After(Clock::time_point from, milliseconds interval)
 
 TCTimersScheduler::~TCTimersScheduler()
 {
+    EndThread();
+}
+
+void TCTimersScheduler::EndThread()
+{
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        const std::unique_lock<std::mutex> lock = Enter();
         m_running = false;
+        m_ended = true;
     }
     if (m_thread != nullptr && m_thread->joinable()) {
         m_condition.notify_one();
@@ -43,8 +54,8 @@ std::size_t TCTimersScheduler::CreateTimer(milliseconds interval, unsigned int c
 {
     // Of the timer that had the slot before: destroying it may run code that uses timers.
     std::shared_ptr<ZOREventDataBase> released;
-    std::unique_lock<std::mutex> lock(m_mutex);
-    if (m_thread == nullptr) {
+    std::unique_lock<std::mutex> lock = Enter();
+    if (m_thread == nullptr && !m_ended) {
         m_running = true;
         m_thread = std::make_unique<std::thread>(&TCTimersScheduler::m_TimersSchedulerThread, this);
     }
@@ -82,7 +93,7 @@ std::size_t TCTimersScheduler::CreateTimer(milliseconds interval, unsigned int c
 
 bool TCTimersScheduler::ResetTimer(std::size_t id, milliseconds interval, unsigned int count)
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock = Enter();
     if (id >= m_scheduledTimers.size()) {
         ZOR_LOG(false, DLOG_INFO, "Id[%zu] Timer not found!", id);
         return false;
@@ -102,7 +113,7 @@ bool TCTimersScheduler::ResetTimer(std::size_t id, milliseconds interval, unsign
     if (schedule.state == TIMER_PAUSED) {
         m_pausedTimers.erase(id);
     } else {
-        FinishReset(id, &schedule, &notify);
+        FinishResetLocked(id, &schedule, &notify);
     }
     const milliseconds shown = schedule.interval;
     lock.unlock();
@@ -115,7 +126,7 @@ bool TCTimersScheduler::ResetTimer(std::size_t id, milliseconds interval, unsign
 }
 
 /// Schedules a timer that is not paused with its new settings. Needs m_mutex.
-void TCTimersScheduler::FinishReset(std::size_t id, TimerSchedule* schedule, bool* notify)
+void TCTimersScheduler::FinishResetLocked(std::size_t id, TimerSchedule* schedule, bool* notify)
 {
     const bool wasEarliest = IsEarliestLocked(id);
     UnscheduleLocked(id);
@@ -133,7 +144,7 @@ void TCTimersScheduler::FinishReset(std::size_t id, TimerSchedule* schedule, boo
 
 bool TCTimersScheduler::PauseTimer(std::size_t id)
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock = Enter();
     if (id >= m_scheduledTimers.size()) {
         ZOR_LOG(false, DLOG_INFO, "Id[%zu] Timer not found!", id);
         return false;
@@ -168,7 +179,7 @@ bool TCTimersScheduler::PauseTimer(std::size_t id)
 
 bool TCTimersScheduler::ResumeTimer(std::size_t id)
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock = Enter();
     if (id >= m_scheduledTimers.size()) {
         ZOR_LOG(false, DLOG_INFO, "Id[%zu] Timer not found!", id);
         return false;
@@ -204,7 +215,7 @@ bool TCTimersScheduler::ResumeTimer(std::size_t id)
 
 bool TCTimersScheduler::DestroyTimer(std::size_t id)
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock = Enter();
     if (id >= m_scheduledTimers.size()) {
         ZOR_LOG(false, DLOG_INFO, "Id[%zu] Timer not found!", id);
         return false;
@@ -243,8 +254,50 @@ void TCTimersScheduler::m_TimersSchedulerThread()
             // A copy: the entry may be gone when the wait is over.
             const Clock::time_point due = m_wakeups.begin()->due;
             m_condition.wait_until(lock, due);
+        } else {
+            LetOthersInLocked(&lock);
         }
     }
+}
+
+/// Takes m_mutex for an operation.
+std::unique_lock<std::mutex> TCTimersScheduler::Enter()
+{
+    std::unique_lock<std::mutex> lock(m_mutex, std::defer_lock);
+    // Both numbers relaxed: they only say that somebody waits, the mutex orders all else.
+    m_arrived.fetch_add(1, std::memory_order_relaxed);
+    try {
+        lock.lock();
+    } catch (...) {
+        m_arrived.fetch_sub(1, std::memory_order_relaxed);
+        throw;
+    }
+    m_entered.store(m_entered.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    return lock;
+}
+
+/// Lets go of m_mutex until one of the operations that wait for it has got it. Needs m_mutex.
+///
+/// To unlock and lock again would not do: the mutex goes to whoever comes first, and a thread that
+/// has to be woken comes later than one that runs.
+///
+///   thread:     fires late -- unlock -- sleeps ........................ lock -- fires late
+///   operation:       arrives, waits .......... lock -- enters -- works -- unlock
+///
+/// The sleep, and not a yield, lets an operation in whose thread has a lower priority; it has an
+/// end, because who waits may not be let run by somebody else.
+void TCTimersScheduler::LetOthersInLocked(std::unique_lock<std::mutex>* lock) const
+{
+    const unsigned int entered = m_entered.load(std::memory_order_relaxed);
+    if (m_arrived.load(std::memory_order_relaxed) == entered) {
+        return;
+    }
+    lock->unlock();
+    for (int look = 0; look < LOOKS && m_entered.load(std::memory_order_relaxed) == entered;
+         ++look) {
+        std::this_thread::sleep_for(LOOK_INTERVAL);
+    }
+    lock->lock();
 }
 
 /// Fires the earliest timer if it is due at @p now, and schedules its next firing. Needs m_mutex.
@@ -280,17 +333,23 @@ bool TCTimersScheduler::m_FireTimer(std::size_t id, TimerSchedule* schedule)
     return finished;
 }
 
-/// Makes one more slot, and all that its timer will ever need: nothing is allocated from then on,
-/// so nothing can fail half-way. Needs m_mutex.
+/// Makes one more slot, and what scheduling, firing and destroying its timer will ever need: they
+/// allocate nothing, so they cannot fail half-way. (Pausing does allocate, before it changes
+/// anything.) Needs m_mutex.
 void TCTimersScheduler::MakeRoomLocked()
 {
     const std::size_t id = m_scheduledTimers.size();
     Wakeups wakeup;
     wakeup.insert({Clock::time_point(), id});
+    constexpr std::size_t FEWEST = 16;
+    if (id == m_scheduledTimers.capacity()) {
+        m_scheduledTimers.reserve(std::max(FEWEST, 2 * id));
+    }
+    if (id == m_wakeupIndex.capacity()) {
+        m_wakeupIndex.reserve(std::max(FEWEST, 2 * id));
+    }
     if (id == m_freeIds.capacity()) {
-        const std::size_t capacity = std::max<std::size_t>(16, 2 * id);
-        m_wakeupIndex.reserve(capacity);
-        m_freeIds.reserve(capacity); // last: it says how much room there is
+        m_freeIds.reserve(std::max(FEWEST, 2 * id)); // as many as there are timers
     }
     m_scheduledTimers.emplace_back();
     m_wakeupIndex.push_back({m_wakeups.end(), wakeup.extract(wakeup.begin())});

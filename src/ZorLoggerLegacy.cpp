@@ -1,9 +1,14 @@
 #include <mutex>
 #include <stdexcept>
 
+#include "Immortal.h"
 #include "ZorServiceDebugOverlay.h"
 
 namespace {
+
+zor::Immortal<const std::string> legacyId("ZOR Legacy logger");
+zor::Immortal<ZORLoggerLegacy::LevelMapping> levelMapping;
+zor::Immortal<ZORLoggerLegacy::ModuleMapping> moduleMapping;
 
 ZORLoggerLegacy::LevelMapping MakeLevelMapping()
 {
@@ -83,23 +88,23 @@ typename Table::mapped_type LookUp(Table* table, std::shared_mutex* mutex, const
 
 } // namespace
 
-const std::string ZORLoggerLegacy::m_id = "ZOR Legacy logger";
-ZORLoggerLegacy::LevelMapping& ZORLoggerLegacy::m_levelMapping = *new LevelMapping;
-ZORLoggerLegacy::ModuleMapping& ZORLoggerLegacy::m_moduleMapping = *new ModuleMapping;
+const std::string& ZORLoggerLegacy::m_id = legacyId.object;
+ZORLoggerLegacy::LevelMapping& ZORLoggerLegacy::m_levelMapping = levelMapping.object;
+ZORLoggerLegacy::ModuleMapping& ZORLoggerLegacy::m_moduleMapping = moduleMapping.object;
 
 ZORLoggerLegacy* ZORLoggerLegacy::Instance()
 {
-    // Never destroyed: threads may log until the process is gone.
-    static ZORLoggerLegacy* const instance = [] {
+    static zor::Immortal<ZORLoggerLegacy> instance;
+    static std::once_flag filled;
+    std::call_once(filled, [] {
         if (m_levelMapping.empty()) {
             m_levelMapping = MakeLevelMapping();
         }
         if (m_moduleMapping.empty()) {
             m_moduleMapping = MakeModuleMapping();
         }
-        return new ZORLoggerLegacy;
-    }();
-    return instance;
+    });
+    return &instance.object;
 }
 
 void ZORLoggerLegacy::ZORLog(bool flag, log_priority priority, const char* tag, const char* file,

@@ -1,7 +1,9 @@
 #include "ZorServiceDebug.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
+#include <iterator>
 
 #include "TCDebugPrint.h"
 
@@ -9,97 +11,144 @@ namespace {
 
 constexpr char INVALID[] = "inv";
 
-/// Texts by value, from the first value that has one. The two tables differ in names and in order,
-/// and are kept apart.
-constexpr int FIRST_MODE = -2;
-constexpr const char* MODES[] = {
-    "auto",           "unknown",       "atsc",        "dvb",       "isdb",
-    "fsat",           "candig",        "tivu",        "cdtvv",     "astra",
-    "digplus",        "dsmart",        "digiturk",    "fransat",   "freeview",
-    "ncplus",         "nnk",           "skylink",     "airtel",    "hdaustria",
-    "otau",           "ciop1",         "ciop2",       "dvbnt",     INVALID,
-    "polsat",         "ntvplus",       "telekarta",   "tricolor",  "sundirect",
-    "digi",           "mts-sat",       "nagvexop1",   "nagvexop2", "nagvexop3",
-    "nagvexop4",      "dishtv",        INVALID,       INVALID,     "diveo",
-    "simplitv",       "alma-sat",      "tkgs",        "mychannel", "bulgaria_a1",
-    "japan-bs",       "japan-cs",      "freesat_m7",  "upcdirect", "focussat",
-    "slovak_telekom", "digi_slovakia", "t_mobile_cz", "telly_cz",  "Osterreichliste",
-    "Prosieben"};
+/// What a value is shown as.
+struct Text
+{
+    long long value;
+    const char* text;
+};
 
-constexpr int FIRST_PROFILE = -1;
-constexpr const char* PROFILES[] = {"unknown",
-                                    "atsc",
-                                    "isdb",
-                                    "dvb",
-                                    "fsat",
-                                    "candig",
-                                    "tive",
-                                    "cdtvv",
-                                    "astra",
-                                    "digplus",
-                                    "dsmart",
-                                    "digiturk",
-                                    "fransat",
-                                    "freeview",
-                                    "ncplus",
-                                    "nnk",
-                                    "skylink",
-                                    "airtel",
-                                    "hdaustria",
-                                    "otau",
-                                    "ciop1",
-                                    "ciop2",
-                                    "dvbnt",
-                                    INVALID,
-                                    "stb",
-                                    "polsat",
-                                    "tricolor",
-                                    "telekarta",
-                                    "ntvplus",
-                                    "sundirect",
-                                    "digi",
-                                    "mts-sat",
-                                    "nagvexop1",
-                                    "nagvexop2",
-                                    "nagvexop3",
-                                    "nagvexop4",
-                                    "dishtv",
-                                    INVALID,
-                                    INVALID,
-                                    INVALID,
-                                    "diveo",
-                                    "simplitv",
-                                    "alma-sat",
-                                    "tkgs",
-                                    "bulgaria_a1",
-                                    "japan-bs",
-                                    "japan-cs",
-                                    "freesat-m7",
-                                    "upcdirect",
-                                    "focussat",
-                                    "slovak-telekom",
-                                    "digi-slovakia",
-                                    "t-mobile-cz",
-                                    "telly-cz",
-                                    "Osterreichliste",
-                                    "Prosieben"};
+// The two big tables differ in names and in order on purpose, and are kept apart.
 
-constexpr int FIRST_BROADCAST_TYPE = -2;
-constexpr const char* BROADCAST_TYPES[] = {"auto", "und", "air", "cbl", "sat"};
+constexpr Text MODES[] = {
+    {SERVICE_MODE_AUTO, "auto"},
+    {SERVICE_MODE_UNKNOWN, "unknown"},
+    {SERVICE_MODE_ATSC, "atsc"},
+    {SERVICE_MODE_DVB, "dvb"},
+    {SERVICE_MODE_ISDB, "isdb"},
+    {SERVICE_MODE_FSAT, "fsat"},
+    {SERVICE_MODE_CANDIG, "candig"},
+    {SERVICE_MODE_TIVU, "tivu"},
+    {SERVICE_MODE_CDTVV, "cdtvv"},
+    {SERVICE_MODE_ASTRA, "astra"},
+    {SERVICE_MODE_DIGPLUS, "digplus"},
+    {SERVICE_MODE_DSMART, "dsmart"},
+    {SERVICE_MODE_DIGITURK, "digiturk"},
+    {SERVICE_MODE_FRANSAT, "fransat"},
+    {SERVICE_MODE_FREEVIEW, "freeview"},
+    {SERVICE_MODE_NCPLUS, "ncplus"},
+    {SERVICE_MODE_NNK, "nnk"},
+    {SERVICE_MODE_SKYLINK, "skylink"},
+    {SERVICE_MODE_AIRTEL, "airtel"},
+    {SERVICE_MODE_HDAUSTRIA, "hdaustria"},
+    {SERVICE_MODE_OTAU, "otau"},
+    {SERVICE_MODE_CIOP1, "ciop1"},
+    {SERVICE_MODE_CIOP2, "ciop2"},
+    {SERVICE_MODE_DVBNT, "dvbnt"},
+    {SERVICE_MODE_POLSAT, "polsat"},
+    {SERVICE_MODE_NTVPLUS, "ntvplus"},
+    {SERVICE_MODE_TELEKARTA, "telekarta"},
+    {SERVICE_MODE_TRICOLOR, "tricolor"},
+    {SERVICE_MODE_SUNDIRECT, "sundirect"},
+    {SERVICE_MODE_DIGI, "digi"},
+    {SERVICE_MODE_MTS_SAT, "mts-sat"},
+    {SERVICE_MODE_NAGVEXOP1, "nagvexop1"},
+    {SERVICE_MODE_NAGVEXOP2, "nagvexop2"},
+    {SERVICE_MODE_NAGVEXOP3, "nagvexop3"},
+    {SERVICE_MODE_NAGVEXOP4, "nagvexop4"},
+    {SERVICE_MODE_DISHTV, "dishtv"},
+    {SERVICE_MODE_DIVEO, "diveo"},
+    {SERVICE_MODE_SIMPLITV, "simplitv"},
+    {SERVICE_MODE_ALMA_SAT, "alma-sat"},
+    {SERVICE_MODE_TKGS, "tkgs"},
+    {SERVICE_MODE_MYCHANNEL, "mychannel"},
+    {SERVICE_MODE_BULGARIA_A1, "bulgaria_a1"},
+    {SERVICE_MODE_JAPAN_BS, "japan-bs"},
+    {SERVICE_MODE_JAPAN_CS, "japan-cs"},
+    {SERVICE_MODE_FREESAT_M7, "freesat_m7"},
+    {SERVICE_MODE_UPCDIRECT, "upcdirect"},
+    {SERVICE_MODE_FOCUSSAT, "focussat"},
+    {SERVICE_MODE_SLOVAK_TELEKOM, "slovak_telekom"},
+    {SERVICE_MODE_DIGI_SLOVAKIA, "digi_slovakia"},
+    {SERVICE_MODE_T_MOBILE_CZ, "t_mobile_cz"},
+    {SERVICE_MODE_TELLY_CZ, "telly_cz"},
+    {SERVICE_MODE_OSTERREICHLISTE, "Osterreichliste"},
+    {SERVICE_MODE_PROSIEBEN, "Prosieben"},
+};
 
-constexpr const char* CHANNEL_TYPES[] = {INVALID, "atv",  "dtv",   "catv", "cdtv", INVALID,
-                                         INVALID, "sdtv", "media", "virt", "iptv", "hotel-ext"};
+constexpr Text PROFILES[] = {
+    {SERVICE_PROFILE_UNKNOWN, "unknown"},
+    {SERVICE_PROFILE_ATSC, "atsc"},
+    {SERVICE_PROFILE_ISDB, "isdb"},
+    {SERVICE_PROFILE_DVB, "dvb"},
+    {SERVICE_PROFILE_FSAT, "fsat"},
+    {SERVICE_PROFILE_CANDIG, "candig"},
+    {SERVICE_PROFILE_TIVE, "tive"},
+    {SERVICE_PROFILE_CDTVV, "cdtvv"},
+    {SERVICE_PROFILE_ASTRA, "astra"},
+    {SERVICE_PROFILE_DIGPLUS, "digplus"},
+    {SERVICE_PROFILE_DSMART, "dsmart"},
+    {SERVICE_PROFILE_DIGITURK, "digiturk"},
+    {SERVICE_PROFILE_FRANSAT, "fransat"},
+    {SERVICE_PROFILE_FREEVIEW, "freeview"},
+    {SERVICE_PROFILE_NCPLUS, "ncplus"},
+    {SERVICE_PROFILE_NNK, "nnk"},
+    {SERVICE_PROFILE_SKYLINK, "skylink"},
+    {SERVICE_PROFILE_AIRTEL, "airtel"},
+    {SERVICE_PROFILE_HDAUSTRIA, "hdaustria"},
+    {SERVICE_PROFILE_OTAU, "otau"},
+    {SERVICE_PROFILE_CIOP1, "ciop1"},
+    {SERVICE_PROFILE_CIOP2, "ciop2"},
+    {SERVICE_PROFILE_DVBNT, "dvbnt"},
+    {SERVICE_PROFILE_STB, "stb"},
+    {SERVICE_PROFILE_POLSAT, "polsat"},
+    {SERVICE_PROFILE_TRICOLOR, "tricolor"},
+    {SERVICE_PROFILE_TELEKARTA, "telekarta"},
+    {SERVICE_PROFILE_NTVPLUS, "ntvplus"},
+    {SERVICE_PROFILE_SUNDIRECT, "sundirect"},
+    {SERVICE_PROFILE_DIGI, "digi"},
+    {SERVICE_PROFILE_MTS_SAT, "mts-sat"},
+    {SERVICE_PROFILE_NAGVEXOP1, "nagvexop1"},
+    {SERVICE_PROFILE_NAGVEXOP2, "nagvexop2"},
+    {SERVICE_PROFILE_NAGVEXOP3, "nagvexop3"},
+    {SERVICE_PROFILE_NAGVEXOP4, "nagvexop4"},
+    {SERVICE_PROFILE_DISHTV, "dishtv"},
+    {SERVICE_PROFILE_DIVEO, "diveo"},
+    {SERVICE_PROFILE_SIMPLITV, "simplitv"},
+    {SERVICE_PROFILE_ALMA_SAT, "alma-sat"},
+    {SERVICE_PROFILE_TKGS, "tkgs"},
+    {SERVICE_PROFILE_BULGARIA_A1, "bulgaria_a1"},
+    {SERVICE_PROFILE_JAPAN_BS, "japan-bs"},
+    {SERVICE_PROFILE_JAPAN_CS, "japan-cs"},
+    {SERVICE_PROFILE_FREESAT_M7, "freesat-m7"},
+    {SERVICE_PROFILE_UPCDIRECT, "upcdirect"},
+    {SERVICE_PROFILE_FOCUSSAT, "focussat"},
+    {SERVICE_PROFILE_SLOVAK_TELEKOM, "slovak-telekom"},
+    {SERVICE_PROFILE_DIGI_SLOVAKIA, "digi-slovakia"},
+    {SERVICE_PROFILE_T_MOBILE_CZ, "t-mobile-cz"},
+    {SERVICE_PROFILE_TELLY_CZ, "telly-cz"},
+    {SERVICE_PROFILE_OSTERREICHLISTE, "Osterreichliste"},
+    {SERVICE_PROFILE_PROSIEBEN, "Prosieben"},
+};
+
+constexpr Text BROADCAST_TYPES[] = {{-2, "auto"}, {-1, "und"}, {0, "air"}, {1, "cbl"}, {2, "sat"}};
+
+constexpr Text CHANNEL_TYPES[] = {{1, "atv"},  {2, "dtv"},   {3, "catv"},
+                                  {4, "cdtv"}, {7, "sdtv"},  {8, "media"},
+                                  {9, "virt"}, {10, "iptv"}, {11, "hotel-ext"}};
 
 template <std::size_t SIZE>
-const char* TextOf(const char* const (&texts)[SIZE], long long first, long long value)
+const char* TextOf(const Text (&texts)[SIZE], long long value)
 {
-    const long long index = value - first;
-    return index >= 0 && index < static_cast<long long>(SIZE) ? texts[index] : INVALID;
+    const Text* const found =
+        std::find_if(std::begin(texts), std::end(texts),
+                     [value](const Text& text) { return text.value == value; });
+    return found != std::end(texts) ? found->text : INVALID;
 }
 
 const char* ChannelType(unsigned int value)
 {
-    return TextOf(CHANNEL_TYPES, 0, value);
+    return TextOf(CHANNEL_TYPES, value);
 }
 
 constexpr unsigned long long INVALID_SERVICE_ID = ~0ULL;
@@ -133,8 +182,7 @@ std::string TCZorServiceDebug::ToString(const ZORHandle& handle)
 std::string TCZorServiceDebug::ToString(const TSTvMode& mode)
 {
     char text[30];
-    snprintf(text, sizeof(text), "%s-%s",
-             TextOf(BROADCAST_TYPES, FIRST_BROADCAST_TYPE, mode.broadcastType),
+    snprintf(text, sizeof(text), "%s-%s", TextOf(BROADCAST_TYPES, mode.broadcastType),
              m_ToString(mode.serviceMode).c_str());
     return text;
 }
@@ -167,12 +215,12 @@ std::string TCZorServiceDebug::ToString(const unsigned long long& serviceId)
 
 std::string TCZorServiceDebug::m_ToString(EServiceMode mode)
 {
-    return TextOf(MODES, FIRST_MODE, mode);
+    return TextOf(MODES, mode);
 }
 
 std::string TCZorServiceDebug::m_ToString(EServiceProfile profile)
 {
-    return TextOf(PROFILES, FIRST_PROFILE, profile);
+    return TextOf(PROFILES, profile);
 }
 
 TCCallbackNameSetter::TCCallbackNameSetter(const std::string& name)

@@ -3,12 +3,17 @@
 #include <algorithm>
 #include <cstring>
 #include <mutex>
-#include <stdexcept>
+#include <utility>
+#include <vector>
 
 #include "Debug.h"
+#include "Immortal.h"
 #include "LogText.h"
 
 namespace {
+
+zor::Immortal<const std::string> dlogId("ZOR DLOG logger");
+zor::Immortal<const std::string> dlog2023Id("ZOR DLOG logger 2023");
 
 constexpr size_t MESSAGE_SIZE = 844;
 constexpr size_t NAME_SIZE = 1024;
@@ -50,14 +55,39 @@ class NestedEntry
     va_list m_outer;
 };
 
-/// An object that is made on first use and outlives every static destructor, because threads may
-/// log until the process is gone.
-template <typename T>
-union Immortal {
-    Immortal() : object() {}
-    ~Immortal() {}
+/// A plug-in to add, or without one the id of what is to be removed.
+struct PluginChange
+{
+    std::unique_ptr<IZORLogger> added;
+    std::string removed;
+};
 
-    T object;
+using PluginChanges = std::vector<PluginChange>;
+
+/// Where a thread that calls plug-ins, and so holds the mutex that a change needs, puts the changes
+/// that they ask for; null in all others.
+thread_local PluginChanges* tChanges = nullptr;
+
+/// The calls of all plug-ins with one entry. A plug-in that logs begins others inside them.
+class PluginCalls
+{
+ public:
+    explicit PluginCalls(PluginChanges* changes) : m_outer(tChanges)
+    {
+        if (m_outer == nullptr) {
+            tChanges = changes;
+        }
+    }
+    ~PluginCalls() { tChanges = m_outer; }
+
+    PluginCalls(const PluginCalls&) = delete;
+    PluginCalls& operator=(const PluginCalls&) = delete;
+
+    /// Whether the thread has yet to take the mutex.
+    bool AreOutermost() const { return m_outer == nullptr; }
+
+ private:
+    PluginChanges* const m_outer;
 };
 
 /// A text cut to what its buffer holds, put together piece by piece.
@@ -137,13 +167,13 @@ void BuildQualifiedName(const char* prettyFunction, int classBegin, int classEnd
 
 IZORLogger::~IZORLogger() = default;
 
-const std::string ZORLoggerDLOG::m_id = "ZOR DLOG logger";
+const std::string& ZORLoggerDLOG::m_id = dlogId.object;
 std::atomic<const char*> ZORLoggerDLOG::m_logFmt{"(%03d app:%s:%d) -> [%s:%d | %*s] >> %s"};
 std::atomic<const char*> ZORLoggerDLOG::m_logFmtNoApp{"(%03d) -> [%s:%d | %*s] >> %s"};
 
 ZORLoggerDLOG* ZORLoggerDLOG::Instance()
 {
-    static Immortal<ZORLoggerDLOG> instance;
+    static zor::Immortal<ZORLoggerDLOG> instance;
     return &instance.object;
 }
 
@@ -176,13 +206,13 @@ const std::string& ZORLoggerDLOG::GetLoggerId() const
     return m_id;
 }
 
-const std::string ZORLoggerDLOG2023::m_id = "ZOR DLOG logger 2023";
+const std::string& ZORLoggerDLOG2023::m_id = dlog2023Id.object;
 std::atomic<const char*> ZORLoggerDLOG2023::m_logFmt{"%s: %*s(%d) > %03d %s:%d | %s"};
 std::atomic<const char*> ZORLoggerDLOG2023::m_logFmtNoApp{"%s: %*s(%d) > %03d | %s"};
 
 ZORLoggerDLOG2023* ZORLoggerDLOG2023::Instance()
 {
-    static Immortal<ZORLoggerDLOG2023> instance;
+    static zor::Immortal<ZORLoggerDLOG2023> instance;
     return &instance.object;
 }
 
@@ -266,6 +296,10 @@ void ZORLogs::AddPlugin(std::unique_ptr<IZORLogger> plugin)
     if (plugin == nullptr) {
         return;
     }
+    if (tChanges != nullptr) {
+        tChanges->push_back({std::move(plugin), {}});
+        return;
+    }
     std::unique_lock<std::shared_mutex> lock(m_pluginMutex);
     const std::string& id = plugin->GetLoggerId();
     m_plugins.try_emplace(id, std::move(plugin));
@@ -274,6 +308,10 @@ void ZORLogs::AddPlugin(std::unique_ptr<IZORLogger> plugin)
 void ZORLogs::RemovePlugin(const std::string& id)
 {
     if (id.empty()) {
+        return;
+    }
+    if (tChanges != nullptr) {
+        tChanges->push_back({nullptr, id});
         return;
     }
     std::unique_lock<std::shared_mutex> lock(m_pluginMutex);
@@ -296,11 +334,21 @@ void ZORLogs::ZORLog(bool flag, log_priority priority, const char* tag, const ch
     logThrough(getLogger());
     va_end(tArguments);
 
-    // The shared lock tries again while the system asks for it, and throws on a deadlock.
-    std::shared_lock<std::shared_mutex> lock(m_pluginMutex);
-    for (const auto& plugin : m_plugins) {
-        va_start(tArguments, fmt);
-        logThrough(plugin.second.get());
-        va_end(tArguments);
+    PluginChanges changes;
+    {
+        // The shared lock tries again while the system asks for it, and throws on a deadlock.
+        std::shared_lock<std::shared_mutex> lock(m_pluginMutex, std::defer_lock);
+        const PluginCalls calls(&changes);
+        if (calls.AreOutermost()) {
+            lock.lock();
+        }
+        for (const auto& plugin : m_plugins) {
+            va_start(tArguments, fmt);
+            logThrough(plugin.second.get());
+            va_end(tArguments);
+        }
+    }
+    for (PluginChange& change : changes) {
+        change.added != nullptr ? AddPlugin(std::move(change.added)) : RemovePlugin(change.removed);
     }
 }

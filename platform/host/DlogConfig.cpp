@@ -11,6 +11,8 @@
 #include <ctime>
 #include <string_view>
 
+#include "OutputFile.h"
+
 namespace zorhost {
 namespace {
 
@@ -94,13 +96,7 @@ int OpenLogFile(std::string_view path)
     }
     memcpy(name, path.data(), path.size());
     name[path.size()] = '\0';
-    int fd = open(name, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666);
-    if (fd >= 0 && fd <= STDERR_FILENO) {
-        // A daemon without standard streams: the log must not become one of them.
-        const int low = fd;
-        fd = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-        close(low);
-    }
+    const int fd = OpenOutputFile(name, O_WRONLY | O_APPEND, 0666);
     if (fd < 0)
         Complain("the file", path, strerror(errno));
     return fd;

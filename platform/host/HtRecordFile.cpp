@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "HtClock.h"
+#include "OutputFile.h"
 #include "dlog.h"
 
 namespace zorhost {
@@ -68,13 +69,7 @@ void Refuse(const std::string& path, const char* why)
 /// Opens and locks the file. Returns -1, having said why, if it cannot be had.
 int OpenFile(const std::string& path)
 {
-    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600);
-    if (fd >= 0 && fd <= STDERR_FILENO) {
-        // A daemon without standard streams: the file must not become one of them.
-        const int low = fd;
-        fd = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-        close(low);
-    }
+    const int fd = OpenOutputFile(path.c_str(), O_RDWR, 0600);
     if (fd < 0) {
         Refuse(path, strerror(errno));
         return -1;

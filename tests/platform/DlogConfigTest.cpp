@@ -92,6 +92,36 @@ TEST_F(DlogConfigTest, LevelIsALetterANameOrANumber)
     }
 }
 
+TEST_F(DlogConfigTest, FifoThatNobodyReadsIsRefusedAndDoesNotBlock)
+{
+    ASSERT_EQ(mkfifo(Path("log").c_str(), 0600), 0);
+    const TSChildResult result = RunWith("file:" + Path("log"));
+    EXPECT_NE(result.err.find("No such device or address; the log goes to stderr:D\n"),
+              std::string::npos)
+        << result.err;
+}
+
+TEST_F(DlogConfigTest, SymbolicLinkIsFollowedIfItIsOurs)
+{
+    ASSERT_EQ(symlink(Path("log:old").c_str(), Path("log").c_str()), 0);
+    EXPECT_EQ(RunWith("file:" + Path("log")).err, "");
+    EXPECT_NE(ReadFile(Path("log:old")), "");
+}
+
+TEST_F(DlogConfigTest, SymbolicLinkOfSomebodyElseIsRefused)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can make a link of somebody else's";
+    }
+    ASSERT_EQ(symlink(Path("log:old").c_str(), Path("log").c_str()), 0);
+    ASSERT_EQ(lchown(Path("log").c_str(), 12345, 12345), 0);
+    const TSChildResult result = RunWith("file:" + Path("log"));
+    EXPECT_NE(result.err.find("Too many levels of symbolic links; the log goes to stderr:D\n"),
+              std::string::npos)
+        << result.err;
+    EXPECT_NE(access(Path("log:old").c_str(), F_OK), 0);
+}
+
 TEST_F(DlogConfigTest, NoneWritesNothingAtAnyLevel)
 {
     for (const char* value : {"none", "none:V"}) {

@@ -12,6 +12,7 @@
 #include "ConsoleSeam.h"
 #include "Layout.h"
 #include "LogSeam.h"
+#include "RecordingLogger.h"
 #include "StateAlarm.h"
 #include "TaskSupport.h"
 #include "ThreadNames.h"
@@ -157,6 +158,22 @@ TEST_F(AlarmTest, StopAndRestartLogTheStateOnce)
                             "m_interval_holder[600000], m_count[7]"));
 }
 
+TEST_F(AlarmTest, StopAndRestartLogUnderTheirOwnNamesAndLines)
+{
+    ASSERT_TRUE(m_alarm.Create(&m_task, LONG_INTERVAL, 7));
+    RecordingLogger record("record");
+    ZORLogs::getInstance()->SetLoggingSystem(&record);
+    record.Clear();
+    m_alarm.Stop();
+    m_alarm.RestartAfterStop();
+    const std::vector<RecordingLogger::TSEntry> entries = record.Entries();
+    ZORLogs::getInstance()->SetLoggingSystem(ZORLoggerDLOG::Instance());
+    ASSERT_EQ(entries.size(), 2u);
+    EXPECT_EQ(entries[0].function, "Stop");
+    EXPECT_EQ(entries[1].function, "RestartAfterStop");
+    EXPECT_LT(entries[0].line, entries[1].line);
+}
+
 TEST_F(AlarmTest, StoppedAlarmIsSilentUntilItIsRestarted)
 {
     ASSERT_TRUE(m_alarm.Create(&m_task, 10, ENDLESS));
@@ -271,6 +288,67 @@ TEST_F(AlarmTest, AlarmWithoutAHookOfItsOwnAnswersFalse)
     plain.Destroy();
     EXPECT_ASSERT_DEATH(plain.t_OnAlarm(&event), "FlagCreate() == true");
     EXPECT_ASSERT_DEATH(plain.t_OnEvent(&event), "FlagCreate() == true");
+}
+
+/// Leaves the hook as it is, and does not begin with its alarm.
+class NamedAlarm : public Trace, public TCAlarm
+{};
+
+TEST_F(AlarmTest, AlarmWithoutAHookOfItsOwnMayBeEndedByItsBeforeCallback)
+{
+    NamedAlarm derived;
+    TCAlarm plain;
+    for (TCAlarm* const alarm : {static_cast<TCAlarm*>(&derived), &plain}) {
+        int after = 0;
+        ASSERT_TRUE(alarm->Create(&m_task, LONG_INTERVAL, 1));
+        alarm->SetCallbackBefore([alarm](const TSEvent*) {
+            alarm->Destroy();
+            return false;
+        });
+        alarm->SetCallbackAfter([&after](const TSEvent*) { return ++after == 0; });
+        const TSEvent event = EventTo(alarm, TCAlarm::EVENT_ALARM);
+        EXPECT_THAT(AssertionsOf([&] { EXPECT_FALSE(alarm->OnAlarm(&event)); }), IsEmpty());
+        EXPECT_EQ(after, 1);
+    }
+}
+
+TEST_F(AlarmTest, HookOfADerivedClassIsCalledThoughTheBeforeCallbackHasEndedTheAlarm)
+{
+    ASSERT_TRUE(m_alarm.Create(&m_task, LONG_INTERVAL, 1));
+    m_alarm.result = true;
+    m_alarm.SetCallbackBefore([this](const TSEvent*) {
+        m_alarm.Destroy();
+        return false;
+    });
+    const TSEvent event = EventTo(&m_alarm, TCAlarm::EVENT_ALARM);
+    EXPECT_TRUE(m_alarm.OnAlarm(&event));
+    EXPECT_EQ(m_alarm.trace.Size(), 1u);
+}
+
+TEST_F(AlarmTest, CallbacksOutliveDestroyAndServeTheNextLife)
+{
+    ASSERT_TRUE(m_alarm.Create(&m_task, LONG_INTERVAL, 1));
+    int calls = 0;
+    EXPECT_TRUE(m_alarm.SetEventCallback(0, CountCall, nullptr, &calls));
+    m_alarm.Destroy();
+    ASSERT_TRUE(m_alarm.Create(&m_task, LONG_INTERVAL, 1));
+    TCAlarm::EventCallback before = nullptr;
+    EXPECT_TRUE(m_alarm.GetEventCallback(0, &before, nullptr, nullptr));
+    EXPECT_EQ(before, nullptr);
+    const TSEvent event = EventTo(&m_alarm, TCAlarm::EVENT_ALARM);
+    EXPECT_TRUE(m_alarm.OnAlarm(&event));
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(AlarmTest, CallbacksOfAnAlarmMadeWithoutAFiringAreThereForTheFirst)
+{
+    std::atomic<int> fired{0};
+    ASSERT_TRUE(m_alarm.Create(&m_task, ENDLESS, 0));
+    m_alarm.SetCallbackAfter([&fired](const TSEvent*) { return ++fired > 0; });
+    m_alarm.Reset(10, 2);
+    EXPECT_TRUE(m_alarm.trace.WaitFor(2));
+    EXPECT_TRUE(Flush(&m_task));
+    EXPECT_EQ(fired, 2);
 }
 
 TEST_F(AlarmTest, MisuseIsAsserted)

@@ -447,6 +447,42 @@ TEST_F(KeyHandlerTest, TkgsMenuIgnoresTheSignalOfEndedChildrenBeforeItForks)
     EXPECT_EQ(Sigchld(), SIG_IGN);
 }
 
+TEST_F(KeyHandlerTest, MenuOfADaemonThatBlocksAndIgnoresSignalsGetsAllOfThem)
+{
+    sigset_t blocked;
+    sigset_t before;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    signal(SIGINT, SIG_IGN);
+    const auto state = [] {
+        sigset_t mask;
+        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+        struct sigaction action = {};
+        sigaction(SIGINT, nullptr, &action);
+        return std::pair(sigismember(&mask, SIGTERM) != 0, action.sa_handler == SIG_IGN);
+    };
+    for (const auto& [handler, combination] :
+         {std::pair(gCalls.debugMenu, DEBUG_MENU), std::pair(gCalls.tkgsMenu, TKGS_MENU)}) {
+        std::pair<bool, bool> inProgram;
+        sighandler_t sigchldInProgram = SIG_ERR;
+        const Takeover fork(zortest::forkSeam, [] { return 0; });
+        const Takeover exec(zortest::execlSeam,
+                            [&](const std::string&, const std::vector<std::string>&) {
+                                inProgram = state();
+                                sigchldInProgram = Sigchld();
+                                return -1;
+                            });
+        handler(combination, m_text);
+        EXPECT_EQ(inProgram, std::pair(false, false));
+        EXPECT_EQ(sigchldInProgram, SIG_DFL);
+        // Without its program the child is as its parent again.
+        EXPECT_EQ(state(), std::pair(true, true));
+    }
+    signal(SIGINT, SIG_DFL);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
 TEST_F(KeyHandlerTest, ProgramIsStartedInAChildThatTheSystemReaps)
 {
     int ends[2];

@@ -11,6 +11,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "ConsoleSeam.h"
@@ -363,6 +364,31 @@ TEST_F(LoggingFrontTest, RemovalWaitsForTheEntryThatIsBeingLogged)
 }
 
 // The plug-ins' lock.
+
+TEST_F(LoggingFrontTest, PluginMayRemoveItselfAndAddAnotherWhileItTakesAnEntry)
+{
+    std::vector<std::string> order;
+    bool asked = false;
+    m_front->AddPlugin(std::make_unique<RecordingLogger>(
+        "b",
+        [&](const std::string& message) {
+            if (std::exchange(asked, true)) {
+                order.push_back("b:" + message);
+                return;
+            }
+            m_front->RemovePlugin("b");
+            AddOrderedPlugin("a", &order);
+            m_front->RemovePlugin("c");
+            ZOR_LOG(false, DLOG_DEBUG, "inner");
+            order.push_back("b:" + message);
+        },
+        &m_firstDestroyed));
+    AddOrderedPlugin("c", &order);
+    ZOR_LOG(false, DLOG_DEBUG, "first");
+    EXPECT_TRUE(m_firstDestroyed);
+    ZOR_LOG(false, DLOG_DEBUG, "second");
+    EXPECT_THAT(order, ElementsAre("b:inner", "c:inner", "b:first", "c:first", "a:second"));
+}
 
 TEST_F(LoggingFrontTest, CurrentLoggerIsCalledBeforeTheLockIsTaken)
 {

@@ -158,6 +158,61 @@ TEST_F(TVInfoBoxTest, ChildClosesStandardInputAndOutputOnly)
     EXPECT_FALSE(IsClosed(STDOUT_FILENO));
 }
 
+/// Blocks and ignores what a daemon may.
+class DeafToSigterm
+{
+ public:
+    DeafToSigterm()
+    {
+        sigset_t blocked;
+        sigemptyset(&blocked);
+        sigaddset(&blocked, SIGTERM);
+        sigaddset(&blocked, SIGUSR1);
+        pthread_sigmask(SIG_BLOCK, &blocked, &m_before);
+        signal(SIGINT, SIG_IGN);
+        signal(SIGUSR2, [](int) {});
+    }
+
+    ~DeafToSigterm()
+    {
+        signal(SIGINT, SIG_DFL);
+        signal(SIGUSR2, SIG_DFL);
+        pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+    }
+
+    DeafToSigterm(const DeafToSigterm&) = delete;
+    DeafToSigterm& operator=(const DeafToSigterm&) = delete;
+
+ private:
+    sigset_t m_before;
+};
+
+/// "blocked SIGTERM, blocked SIGUSR1, SIGINT is default, SIGUSR2 is default, SIGCHLD is default"
+std::string SignalState()
+{
+    sigset_t mask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    std::string state =
+        std::to_string(sigismember(&mask, SIGTERM)) + std::to_string(sigismember(&mask, SIGUSR1));
+    for (const int number : {SIGINT, SIGUSR2, SIGCHLD}) {
+        struct sigaction action = {};
+        sigaction(number, nullptr, &action);
+        state += std::to_string(action.sa_handler == SIG_DFL);
+    }
+    return state;
+}
+
+TEST_F(TVInfoBoxTest, BoxOfADaemonThatBlocksAndIgnoresSignalsGetsAllOfThem)
+{
+    const DeafToSigterm deaf;
+    const auto report = [](int file, const std::string&, const std::vector<std::string>&) {
+        dprintf(file, "%s", SignalState().c_str());
+    };
+    EXPECT_EQ(ChildOf([] { show_message_box(0, 0, "x"); }, report).report, "00111");
+    EXPECT_EQ(ChildOf([] { create_message_box(0, 0, "x"); }, report).report, "00111");
+    EXPECT_EQ(SignalState(), "11001"); // the test's fixture sets SIGCHLD back
+}
+
 TEST_F(TVInfoBoxTest, ChildWithoutItsProgramEndsWithStatus1)
 {
     for (const auto show : {show_message_box, create_message_box}) {

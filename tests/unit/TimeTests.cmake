@@ -17,6 +17,7 @@ target_compile_definitions(ServiceDebugTest
   PRIVATE SERVICE_DEBUG_TEXTS="${CMAKE_CURRENT_SOURCE_DIR}/ServiceDebugTexts.txt")
 zor_add_time_test(TimersSchedulerTest CallbackNameSeam.cpp TimersSchedulerTest.cpp)
 zor_add_time_test(TimerTest TimerTest.cpp)
+zor_add_time_test(LateUseTest LateUseTest.cpp)
 zor_add_time_test(TimersSchedulerClockTest
   SchedulerClock.cpp TimersSchedulerClockTest.cpp ${time_support}/ConditionSeams.cpp)
 zor_add_time_test(TimersSchedulerModelTest

@@ -1,13 +1,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "LogSeam.h"
+#include "RecordingLogger.h"
 #include "SchedulerClock.h"
 #include "TaskSupport.h"
 #include "Timer.h"
@@ -511,6 +515,56 @@ TEST_F(TimersSchedulerClockTest, ResetDropsTheFiringsOfItsOwnReceiverOnly)
     unsigned int found = 0;
     EXPECT_TRUE(m_task.Find(&m_handler, &found));
     EXPECT_EQ(found, 2u);
+}
+
+/// Has something done on the scheduler's thread when its n-th firing is logged.
+class FiringLogger
+{
+ public:
+    FiringLogger(unsigned int firing, std::function<void()> act)
+        : m_logger("firings", [this, firing, act = std::move(act)](const std::string& message) {
+              if (message.find("Timer fire!") != std::string::npos && ++m_fired == firing) {
+                  act();
+              }
+          })
+    {
+        ZORLogs::getInstance()->SetLoggingSystem(&m_logger);
+    }
+
+    ~FiringLogger() { ZORLogs::getInstance()->SetLoggingSystem(ZORLoggerDLOG::Instance()); }
+
+    FiringLogger(const FiringLogger&) = delete;
+    FiringLogger& operator=(const FiringLogger&) = delete;
+
+    unsigned int Fired() const { return m_fired; }
+
+ private:
+    std::atomic<unsigned int> m_fired{0};
+    RecordingLogger m_logger;
+};
+
+// Ten minutes in which the process was stopped are sixty thousand firings.
+TEST_F(TimersSchedulerClockTest, OperationGetsInBetweenTwoFiringsThatAreMadeUp)
+{
+    const std::size_t id = Create(milliseconds(10), ENDLESS);
+    unsigned int firedWhenIn = 0;
+    std::optional<Caller> caller;
+    Gate called;
+    FiringLogger firings(5, [&] {
+        caller.emplace([&] {
+            EXPECT_TRUE(m_clock.Run([&] { return m_scheduler.PauseTimer(id); }));
+            firedWhenIn = firings.Fired();
+        });
+        EXPECT_TRUE(caller->Blocks()); // this thread holds the mutex
+        called.Pass();
+    });
+    m_clock.Advance(std::chrono::minutes(10));
+    ASSERT_TRUE(called.Wait());
+    caller->Join();
+    // More than five if the machine is so busy that the thread gives up waiting for it.
+    EXPECT_LE(firedWhenIn, 100u);
+    EXPECT_TRUE(m_clock.Settle());
+    EXPECT_LE(firings.Fired(), 100u); // what was paused is not made up
 }
 
 } // namespace

@@ -6,7 +6,6 @@ import gdb
 
 # A damaged pointer must not make the tool read for minutes.
 LONGEST_STRING = 4096
-DEQUE_BLOCK = 512  # bytes, unless an element is larger
 LONGEST_LIST = 4096
 
 
@@ -170,19 +169,9 @@ def std_tree(value):
     return found
 
 
-def std_deque(value, type_name):
-    """The elements of a std::deque."""
+def std_vector(value, type_name):
+    """The elements of a std::vector."""
     size = type_named(type_name).sizeof
-    word = pointer_size()
-    begin = address_of(value) + 2 * word  # behind the map of blocks and its size
-    current, _, last, block = (pointer_at(begin + i * word) for i in range(4))
-    end = pointer_at(begin + 4 * word)
-    found = []
-    while current != end and len(found) < LONGEST_LIST:
-        found.append(object_at(current, type_name))
-        current += size
-        if current == last:
-            block += word
-            current = pointer_at(block)
-            last = current + max(1, DEQUE_BLOCK // size) * size
-    return found
+    begin = pointer_at(address_of(value))
+    end = min(pointer_at(address_of(value) + pointer_size()), begin + LONGEST_LIST * size)
+    return [object_at(address, type_name) for address in range(begin, end, size)]

@@ -202,7 +202,7 @@ class Reader:
         )
         states = objects.enumeration("TimerState")
         timers = []
-        for number, timer in enumerate(memory.std_deque(scheduler["m_scheduledTimers"], schedule)):
+        for number, timer in enumerate(memory.std_vector(scheduler["m_scheduledTimers"], schedule)):
             state = states.get(int(timer["state"]), str(int(timer["state"])))
             if state == "TIMER_DESTROYED":
                 continue

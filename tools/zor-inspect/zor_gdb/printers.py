@@ -159,7 +159,7 @@ class SchedulerPrinter:
 
     def _timers(self):
         timers = self._value["m_scheduledTimers"]
-        schedules = memory.std_deque(timers, "TCTimersScheduler::TimerSchedule")
+        schedules = memory.std_vector(timers, "TCTimersScheduler::TimerSchedule")
         return [(i, t) for i, t in enumerate(schedules) if int(t["state"]) != 0]
 
     def _due(self):
