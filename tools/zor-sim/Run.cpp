@@ -254,7 +254,7 @@ class Watch
             m_ticks = TicksOf(m_process);
         } else if (SecondsSince(m_since) > m_options.spinSec && m_report->started != 0) {
             const long ticks = TicksOf(m_process) - m_ticks;
-            const bool spins = ticks > m_options.spinSec * static_cast<double>(sysconf(_SC_CLK_TCK)) / 10;
+            const bool spins = ticks > m_options.spinSec * static_cast<double>(sysconf(_SC_CLK_TCK)) / 50;
             return spins ? Outcome::SPIN : Outcome::STUCK;
         }
         return Outcome::PASSED;

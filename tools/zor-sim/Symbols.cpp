@@ -47,6 +47,7 @@ bool IsForeign(const Place& place)
     // By name as well: addr2line takes the file of an inlined function for the including one.
     return place.file.empty() || place.file.rfind("/usr/", 0) == 0 ||
            place.function.rfind("__gthread", 0) == 0 || place.function.rfind("std::", 0) == 0 ||
+           place.function.find(" std::") != std::string::npos ||
            place.file.find("/zor-sim/library/") != std::string::npos ||
            place.file.find("/c++/") != std::string::npos;
 }

@@ -24,6 +24,8 @@ std::int64_t g_now = 1000 * NSEC_PER_SEC;
 namespace {
 
 constexpr std::uint32_t MAX_THREADS = 8192;
+/// A step takes time, or a thread that is always busy would keep all deadlines from coming.
+constexpr std::int64_t STEP_NSEC = 100;
 constexpr std::uint32_t FILES_EVERY = 64; ///< steps after which ready files are looked for anyway
 
 Thread g_threads[MAX_THREADS];
@@ -252,6 +254,7 @@ void Count(Thread* self, Operation operation, const void* object, const void* ca
     if (++g_report->steps > g_report->settings.maxSteps) {
         Found(Finding::STEPS, "the run takes more steps than --steps allows");
     }
+    Tick(self, STEP_NSEC);
     Hash(self->id * 64 + static_cast<std::uint32_t>(operation));
     Hash(static_cast<std::uint64_t>(g_now));
     if (g_report->settings.records != 0) {
@@ -287,7 +290,7 @@ void InChild()
 /// Found by descriptors of /proc, for the environment is not there yet when a preloaded library begins.
 const char* FromEnvironment(const char* name, char* buffer, std::size_t size)
 {
-    const int file = open("/proc/self/environ", O_RDONLY | O_CLOEXEC);
+    const int file = ZOR_SIM_REAL(open)("/proc/self/environ", O_RDONLY | O_CLOEXEC);
     std::size_t used = 0;
     for (ssize_t count; file >= 0 && used + 1 < size &&
                         (count = ZOR_SIM_REAL(read)(file, buffer + used, size - used - 1)) > 0;) {
@@ -311,7 +314,7 @@ Report* MapReport()
     const bool isOurs = process != nullptr && (strcmp(process, ANY_PROCESS) == 0 ||
                                               atoi(process) == getpid());
     const char* const path = FromEnvironment(REPORT_VARIABLE, s_buffer, sizeof(s_buffer));
-    const int file = path != nullptr ? open(path, O_RDWR | O_CLOEXEC) : -1;
+    const int file = path != nullptr ? ZOR_SIM_REAL(open)(path, O_RDWR | O_CLOEXEC) : -1;
     if (file < 0) {
         return nullptr;
     }
