@@ -116,7 +116,7 @@ RunResult Shrink(const RunOptions& run, std::ostream& err)
 void WriteDecisions(const RunResult& result, std::ostream& out)
 {
     const Settings& settings = result.report->settings;
-    out << "seed " << settings.seed << "\nstall " << settings.stallNsec << "\nspurious "
+    out << "seed " << settings.seed << "\nstall-nsec " << settings.stallNsec << "\nspurious-per-million "
         << settings.spuriousPerMillion << '\n';
     for (const Decision& decision : result.decisions) {
         out << CHOICES[static_cast<int>(decision.choice)] << ' ' << decision.number << ' '
@@ -137,9 +137,9 @@ void ReadDecisions(const std::string& file, RunOptions* run)
             run->decisions.push_back(decision);
         } else if (word == "seed") {
             in >> run->settings.seed;
-        } else if (word == "stall") {
+        } else if (word == "stall-nsec") {
             in >> run->settings.stallNsec;
-        } else if (word == "spurious") {
+        } else if (word == "spurious-per-million") {
             in >> run->settings.spuriousPerMillion;
         } else {
             in.setstate(std::ios::failbit);

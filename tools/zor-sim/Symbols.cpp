@@ -54,7 +54,14 @@ bool IsForeign(const Place& place)
 
 std::string WithoutArguments(const std::string& function)
 {
-    return function.substr(0, function.find('('));
+    std::size_t at = function.rfind(')');
+    for (int depth = 0; at != std::string::npos && at > 0; --at) {
+        depth += function[at] == ')' ? 1 : function[at] == '(' ? -1 : 0;
+        if (depth == 0) {
+            return function.substr(0, at);
+        }
+    }
+    return function;
 }
 
 } // namespace
