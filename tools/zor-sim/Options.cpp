@@ -136,6 +136,10 @@ void AddBehaviour(CLI::App& app, Options* options, Texts* texts)
     app.add_option("--steps", texts->steps, "Steps that a run may take (default 50000000)")
         ->check(CLI::PositiveNumber)
         ->option_text("N");
+    app.add_option("--remove", options->run.filesToRemove,
+                   "Remove this file before every run, such as the pid file of a daemon; repeatable")
+        ->allow_extra_args(false)
+        ->option_text("FILE");
     app.add_option("--jobs", options->jobs, "Runs at a time (default 1)")
         ->check(CLI::Range(1, 256))
         ->option_text("N");
@@ -228,14 +232,19 @@ std::string RepeatLine(const Options& options, const Settings& settings)
 {
     std::ostringstream line;
     line << "zor-sim --seed " << settings.seed;
-    if (settings.strategy == StrategyKind::REPLAY) {
-        line.str("");
-        line << "zor-sim --replay "
-             << (options.replayFile.empty() ? options.decisionsFile : options.replayFile);
-    } else {
-        line << " --strategy " << STRATEGIES[static_cast<int>(settings.strategy)];
+    const std::string& decisions =
+        options.replayFile.empty() ? options.decisionsFile : options.replayFile;
+    StrategyKind strategy = settings.strategy;
+    if (strategy == StrategyKind::REPLAY && decisions.empty()) {
+        strategy = StrategyOf(options, settings.seed); // shrunk: the whole run fails likewise
     }
-    if (settings.strategy == StrategyKind::PCT) {
+    if (strategy == StrategyKind::REPLAY) {
+        line.str("");
+        line << "zor-sim --replay " << decisions;
+    } else {
+        line << " --strategy " << STRATEGIES[static_cast<int>(strategy)];
+    }
+    if (strategy == StrategyKind::PCT) {
         line << " --depth " << settings.changePoints << " --length " << settings.length;
     }
     if (settings.stallNsec != 0) {
@@ -246,6 +255,9 @@ std::string RepeatLine(const Options& options, const Settings& settings)
     }
     if (settings.endlessNsec != 3600 * NSEC_PER_SEC) {
         line << " --endless " << static_cast<double>(settings.endlessNsec) / 1e9;
+    }
+    for (const std::string& file : options.run.filesToRemove) {
+        line << " --remove " << file;
     }
     line << (options.run.randomAddresses ? " --random-addresses --" : " --");
     for (const std::string& argument : options.run.command) {

@@ -369,6 +369,11 @@ RunResult RunProgram(const RunOptions& options)
     MakeEnvironment(options, shared, &image);
     std::vector<std::string> command = Command(options, shared);
     AddPointers(command, &image.arguments);
+    for (const std::string& file : options.filesToRemove) {
+        if (unlink(file.c_str()) != 0 && errno != ENOENT) {
+            throw std::system_error(errno, std::generic_category(), file + " cannot be removed");
+        }
+    }
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child < 0) {

@@ -31,6 +31,7 @@ struct RunOptions
     std::vector<std::string> command;
     Settings settings = {};
     std::vector<Decision> decisions; ///< with StrategyKind::REPLAY
+    std::vector<std::string> filesToRemove; ///< before the run: what one that was ended has left
     double limitSec = 60;            ///< of real time
     double spinSec = 5;              ///< of real time without a step
     unsigned int processor = 0;

@@ -124,18 +124,24 @@ void Symbols::LoadModule(const Module& module, const std::vector<std::uint64_t>&
 
 Place Symbols::PlaceOf(const std::uint64_t* frames, std::size_t count) const
 {
-    Place first;
+    const std::vector<Place> stack = StackOf(frames, count);
+    if (!stack.empty()) {
+        return stack.front();
+    }
+    const auto found = count > 0 ? m_places.find(frames[0]) : m_places.end();
+    return found != m_places.end() ? found->second : Place();
+}
+
+std::vector<Place> Symbols::StackOf(const std::uint64_t* frames, std::size_t count) const
+{
+    std::vector<Place> stack;
     for (std::size_t i = 0; i < count && frames[i] != 0; ++i) {
         const auto found = m_places.find(frames[i]);
-        if (found == m_places.end()) {
-            continue;
+        if (found != m_places.end() && !IsForeign(found->second)) {
+            stack.push_back(found->second);
         }
-        if (!IsForeign(found->second)) {
-            return found->second;
-        }
-        first = first.function.empty() ? found->second : first;
     }
-    return first;
+    return stack;
 }
 
 const Symbols::Variables& Symbols::VariablesOf(const Module& module)

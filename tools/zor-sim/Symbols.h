@@ -28,6 +28,9 @@ class Symbols
     /// simulator's.
     Place PlaceOf(const std::uint64_t* frames, std::size_t count) const;
 
+    /// Of all of them that are the program's, from the innermost one on.
+    std::vector<Place> StackOf(const std::uint64_t* frames, std::size_t count) const;
+
     /// The name of the variable at the address; empty if it has none.
     std::string ObjectAt(std::uint64_t address);
 

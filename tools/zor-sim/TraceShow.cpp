@@ -12,6 +12,7 @@ namespace zorsim {
 
 namespace {
 
+constexpr std::size_t MOST_CALLERS = 6;
 constexpr std::int64_t START_NSEC = 1000 * NSEC_PER_SEC;
 
 constexpr const char* OPERATIONS[] = {
@@ -176,6 +177,13 @@ void PrintThreads(const Report& report, const std::vector<Record>& records, std:
             PlaceText(record != last.end() ? symbols.PlaceOf(record->second->frames, MAX_FRAMES)
                                            : symbols.PlaceOf(&thread.caller, 1));
         out << (place.empty() ? "" : ", in " + place) << '\n';
+        if (thread.waits != 0 && record != last.end()) {
+            const std::vector<Place> stack =
+                symbols.StackOf(record->second->frames, MAX_FRAMES);
+            for (std::size_t caller = 1; caller < stack.size() && caller <= MOST_CALLERS; ++caller) {
+                out << "      called by " << PlaceText(stack[caller]) << '\n';
+            }
+        }
     }
 }
 

@@ -1,10 +1,12 @@
 #include <pthread.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
+#include <cstdarg>
 #include <cstring>
 
 #include "Deadline.h"
@@ -193,6 +195,22 @@ ZOR_SIM_EXPORT int pthread_setname_np(pthread_t handle, const char* name) noexce
         strncpy(thread->name, name, NAME_SIZE - 1);
     }
     return error;
+}
+
+ZOR_SIM_EXPORT int prctl(int option, ...) noexcept
+{
+    va_list list;
+    va_start(list, option);
+    unsigned long a[4];
+    for (unsigned long& argument : a) {
+        argument = va_arg(list, unsigned long);
+    }
+    va_end(list);
+    Thread* const self = Self();
+    if (self != nullptr && option == PR_SET_NAME) {
+        strncpy(self->name, reinterpret_cast<const char*>(a[0]), NAME_SIZE - 1);
+    }
+    return ZOR_SIM_REAL(prctl)(option, a[0], a[1], a[2], a[3]);
 }
 
 ZOR_SIM_EXPORT int pthread_cancel(pthread_t handle)
