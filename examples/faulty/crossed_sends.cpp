@@ -1,5 +1,5 @@
-// The fault: two tasks ask each other and wait for the answer. When their alarms of 20 and 30 ms fire at
-// the same moment, each waits for the other one for ever.
+// The fault: two tasks ask each other and wait for the answer. When their alarms of 20 and 30 ms
+// fire at the same moment, each waits for the other one for ever.
 
 #include <cstdio>
 

@@ -1,5 +1,5 @@
-// The fault: an answer that takes 15 ms is waited for 16 ms. If it comes too late after all, the next
-// question takes it for its own answer.
+// The fault: an answer that takes 15 ms is waited for 16 ms. If it comes too late after all, the
+// next question takes it for its own answer.
 
 #include <chrono>
 #include <cstdio>

@@ -1,5 +1,5 @@
-// The fault: who answers wakes whoever waits, and who waits says so after it has looked for the answer.
-// An answer between the look and the word wakes nobody, and is waited for in vain.
+// The fault: who answers wakes whoever waits, and who waits says so after it has looked for the
+// answer. An answer between the look and the word wakes nobody, and is waited for in vain.
 
 #include <cstdio>
 #include <mutex>

@@ -1,5 +1,5 @@
-// The fault: each access to the number of viewers has the lock, but an update is two accesses. Two tasks
-// that update at the same time count one viewer.
+// The fault: each access to the number of viewers has the lock, but an update is two accesses. Two
+// tasks that update at the same time count one viewer.
 
 #include <cstdio>
 #include <mutex>

@@ -56,8 +56,8 @@ TEST_P(FaultyDaemonTest, IsFoundShrunkReadAndReplayed)
                                   m_decisions + " --shrink " + seed + m_command,
                               "");
     ASSERT_EQ(shrunk.status, FOUND) << shrunk.text;
-    EXPECT_THAT(shrunk.text, ContainsRegex(std::string(GetParam().outcome) +
-                                           " with [0-9] of [0-9]+ decisions"));
+    EXPECT_THAT(shrunk.text,
+                ContainsRegex(std::string(GetParam().outcome) + " with [0-9] of [0-9]+ decisions"));
     EXPECT_THAT(shrunk.text, ContainsRegex(GetParam().trace));
 
     const std::string line = LineAfter(shrunk.text, "repeat: zor-sim ");

@@ -33,13 +33,12 @@ TEST(SimToolTest, BadOptionsAreRefusedWithTheReason)
         const char* options;
         const char* reason;
     };
-    for (const Bad& bad : {Bad{"--seeds 5", "--seeds is written A..B"},
-                           Bad{"--seeds 5..3", "the last seed is before the first"},
-                           Bad{"--seed x", "'x' is not a seed"},
-                           Bad{"--seed 1 --seeds 1..2", "excludes"},
-                           Bad{"--strategy best", "--strategy"},
-                           Bad{"--spurious 2", "--spurious"},
-                           Bad{"--seeds 1..2 --trace -", "look at one run"}}) {
+    for (const Bad& bad :
+         {Bad{"--seeds 5", "--seeds is written A..B"},
+          Bad{"--seeds 5..3", "the last seed is before the first"},
+          Bad{"--seed x", "'x' is not a seed"}, Bad{"--seed 1 --seeds 1..2", "excludes"},
+          Bad{"--strategy best", "--strategy"}, Bad{"--spurious 2", "--spurious"},
+          Bad{"--seeds 1..2 --trace -", "look at one run"}}) {
         const Ran ran = RunSim(bad.options, "Faultless");
         EXPECT_EQ(ran.status, UNABLE) << bad.options;
         EXPECT_THAT(ran.text, HasSubstr(bad.reason)) << bad.options;
@@ -60,8 +59,9 @@ TEST(SimToolTest, ADeadlockSaysWhoWaitsForWhatAndWhere)
 {
     const Ran ran = RunSim("--seeds 1..100", "Deadlock");
     EXPECT_EQ(ran.status, FOUND);
-    EXPECT_THAT(ran.text, ContainsRegex("main#1 waits: locks mutex .*g_second, held by thread 2, in "
-                                        "main at .*Deadlock.cpp"));
+    EXPECT_THAT(ran.text,
+                ContainsRegex("main#1 waits: locks mutex .*g_second, held by thread 2, in "
+                              "main at .*Deadlock.cpp"));
     EXPECT_THAT(ran.text, ContainsRegex("main#2 waits: locks mutex .*g_first, held by thread 1"));
 }
 
@@ -92,9 +92,9 @@ TEST_F(SimFileTest, ShrinkingLeavesTheOneSwitchThatMatters)
 {
     const Ran found = RunSim("--seeds 1..100 --strategy random", "LostUpdate");
     const std::string seed = LineAfter(found.text, "repeat: zor-sim --seed ");
-    const Ran ran = RunSim("--decisions " + m_path + " --strategy random --shrink " +
-                               seed.substr(0, seed.find(' ')),
-                           "LostUpdate");
+    const Ran ran = RunSim(
+        "--decisions " + m_path + " --strategy random --shrink " + seed.substr(0, seed.find(' ')),
+        "LostUpdate");
     EXPECT_EQ(ran.status, FOUND);
     EXPECT_THAT(ran.text, ContainsRegex("failed with [12] of [0-9]+ decisions"));
     EXPECT_THAT(Contents(), HasSubstr("thread "));

@@ -13,13 +13,16 @@ namespace zorsim {
 namespace {
 
 constexpr const char* DESCRIPTION =
-    "Runs an unmodified program with threads so that one thread runs at a time, a seed decides which\n"
-    "one at every operation that synchronises, and time is virtual: when all wait, the clock jumps to\n"
+    "Runs an unmodified program with threads so that one thread runs at a time, a seed decides "
+    "which\n"
+    "one at every operation that synchronises, and time is virtual: when all wait, the clock jumps "
+    "to\n"
     "the earliest deadline. What a seed finds, the same seed finds again.\n";
 
 constexpr const char* FOOTER =
     "\n"
-    "What is found: a status that is not 0 (a failed test), an assertion or abort, a crash, a deadlock,\n"
+    "What is found: a status that is not 0 (a failed test), an assertion or abort, a crash, a "
+    "deadlock,\n"
     "a wait that does not end, a thread that spins, and a run beyond its limits.\n"
     "\n"
     "Exit codes:\n"
@@ -92,8 +95,8 @@ void AddSeeds(CLI::App& app, Options* options, Texts* texts)
     CLI::Option* const shrink =
         app.add_option("--shrink", texts->shrink,
                        "Find the fewest decisions that still make this seed's run fail");
-    CLI::Option* const replay = app.add_option("--replay", options->replayFile,
-                                               "Run with the decisions of this file");
+    CLI::Option* const replay =
+        app.add_option("--replay", options->replayFile, "Run with the decisions of this file");
     seeds->option_text("A..B")->excludes(seed)->excludes(shrink)->excludes(replay);
     seed->option_text("N")->excludes(shrink);
     shrink->option_text("SEED")->excludes(replay);
@@ -121,8 +124,9 @@ void AddBehaviour(CLI::App& app, Options* options, Texts* texts)
                    "Let waits end for no reason with this probability")
         ->check(CLI::Range(0.0, 0.5))
         ->option_text("P");
-    app.add_option("--endless", texts->endlessSec,
-                   "Find waits without a deadline of so many virtual seconds (default 3600; 0: none)")
+    app.add_option(
+           "--endless", texts->endlessSec,
+           "Find waits without a deadline of so many virtual seconds (default 3600; 0: none)")
         ->check(CLI::NonNegativeNumber)
         ->option_text("S");
     app.add_option("--limit", options->run.limitSec,
@@ -136,8 +140,9 @@ void AddBehaviour(CLI::App& app, Options* options, Texts* texts)
     app.add_option("--steps", texts->steps, "Steps that a run may take (default 50000000)")
         ->check(CLI::PositiveNumber)
         ->option_text("N");
-    app.add_option("--remove", options->run.filesToRemove,
-                   "Remove this file before every run, such as the pid file of a daemon; repeatable")
+    app.add_option(
+           "--remove", options->run.filesToRemove,
+           "Remove this file before every run, such as the pid file of a daemon; repeatable")
         ->allow_extra_args(false)
         ->option_text("FILE");
     app.add_option("--jobs", options->jobs, "Runs at a time (default 1)")
@@ -151,8 +156,10 @@ void AddBehaviour(CLI::App& app, Options* options, Texts* texts)
 
 void AddShow(CLI::App& app, Options* options, Texts* texts)
 {
-    app.add_flag("--gdb", options->run.gdb, "Run the seed under gdb, which stops where it is found");
-    app.add_option("--trace", options->traceFile, "Write what every thread does as text ('-': here)")
+    app.add_flag("--gdb", options->run.gdb,
+                 "Run the seed under gdb, which stops where it is found");
+    app.add_option("--trace", options->traceFile,
+                   "Write what every thread does as text ('-': here)")
         ->option_text("FILE");
     app.add_option("--trace-json", options->traceJsonFile,
                    "Write the same as trace events, for a viewer of them")
@@ -171,8 +178,9 @@ void Check(const Options& options)
     const bool shows = !options.traceFile.empty() || !options.traceJsonFile.empty() ||
                        !options.decisionsFile.empty() || options.run.gdb;
     if (shows && !options.isOneSeed) {
-        throw CLI::ValidationError("--gdb, --trace, --trace-json and --decisions look at one run: "
-                                   "name it with --seed, --shrink or --replay");
+        throw CLI::ValidationError(
+            "--gdb, --trace, --trace-json and --decisions look at one run: "
+            "name it with --seed, --shrink or --replay");
     }
 }
 

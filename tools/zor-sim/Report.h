@@ -4,9 +4,9 @@
 
 /// What the driver and the preloaded library tell each other: one file that both have mapped.
 ///
-/// The driver writes the settings before the program starts; the library writes everything else while
-/// it runs. Whatever way the program ends, what it had reached stands in the file. A program that is
-/// executed by the simulated one finds the same settings, but reports to nobody.
+/// The driver writes the settings before the program starts; the library writes everything else
+/// while it runs. Whatever way the program ends, what it had reached stands in the file. A program
+/// that is executed by the simulated one finds the same settings, but reports to nobody.
 namespace zorsim {
 
 /// The library finds the file by this variable, and by the other one whether it is the program that
@@ -24,11 +24,26 @@ constexpr int FOUND_STATUS = 113;
 constexpr std::int64_t NSEC_PER_SEC = 1000000000;
 constexpr std::int64_t NEVER = INT64_MAX;
 
-enum class StrategyKind : std::uint32_t { RANDOM, STICKY, PCT, REPLAY };
+enum class StrategyKind : std::uint32_t
+{
+    RANDOM,
+    STICKY,
+    PCT,
+    REPLAY
+};
 
-enum class Finding : std::uint32_t { NONE, DEADLOCK, ENDLESS_WAIT, NO_PROGRESS, STEPS, UNSUPPORTED };
+enum class Finding : std::uint32_t
+{
+    NONE,
+    DEADLOCK,
+    ENDLESS_WAIT,
+    NO_PROGRESS,
+    STEPS,
+    UNSUPPORTED
+};
 
-enum class Operation : std::uint32_t {
+enum class Operation : std::uint32_t
+{
     START,
     END,
     CREATE,
@@ -66,7 +81,15 @@ enum class Operation : std::uint32_t {
 
 /// What is decided. Each kind is numbered for itself, so that a decision keeps its number when
 /// decisions of another kind are left out.
-enum class Choice : std::uint32_t { THREAD, WAITER, STALL, SPURIOUS, NUMBER, SIZE };
+enum class Choice : std::uint32_t
+{
+    THREAD,
+    WAITER,
+    STALL,
+    SPURIOUS,
+    NUMBER,
+    SIZE
+};
 
 /// A decision that differed from what would have been done without any reason to do otherwise.
 struct Decision
@@ -81,8 +104,8 @@ struct Settings
     std::uint64_t seed;
     StrategyKind strategy;
     std::uint32_t changePoints; ///< of StrategyKind::PCT
-    std::uint64_t length;       ///< decisions that a run takes, as measured; places the change points
-    std::int64_t stallNsec;     ///< how far the clock may jump although threads could run; 0: never
+    std::uint64_t length;   ///< decisions that a run takes, as measured; places the change points
+    std::int64_t stallNsec; ///< how far the clock may jump although threads could run; 0: never
     std::uint32_t spuriousPerMillion;
     std::uint32_t trap; ///< whether a finding stops in the debugger
     std::uint64_t maxSteps;

@@ -125,16 +125,11 @@ std::vector<std::string> Command(const RunOptions& options, const SharedReport& 
         return options.command;
     }
     const std::string set = "set environment ";
-    std::vector<std::string> command = {"gdb",
-                                        "-q",
-                                        "-ex",
-                                        "set startup-with-shell off",
-                                        "-ex",
-                                        set + "LD_PRELOAD " + Preload(),
-                                        "-ex",
-                                        set + REPORT_VARIABLE + ' ' + report.Path(),
-                                        "-ex",
-                                        set + PROCESS_VARIABLE + ' ' + ANY_PROCESS,
+    std::vector<std::string> command = {"gdb",   "-q",
+                                        "-ex",   "set startup-with-shell off",
+                                        "-ex",   set + "LD_PRELOAD " + Preload(),
+                                        "-ex",   set + REPORT_VARIABLE + ' ' + report.Path(),
+                                        "-ex",   set + PROCESS_VARIABLE + ' ' + ANY_PROCESS,
                                         "--args"};
     command.insert(command.end(), options.command.begin(), options.command.end());
     return command;
@@ -201,7 +196,8 @@ double SecondsSince(Clock::time_point begin)
 long TicksOf(pid_t process)
 {
     std::ifstream file("/proc/" + std::to_string(process) + "/stat");
-    const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const std::string text((std::istreambuf_iterator<char>(file)),
+                           std::istreambuf_iterator<char>());
     const std::size_t end = text.rfind(')'); // of the name, which may contain anything
     std::istringstream fields(end != std::string::npos ? text.substr(end + 1) : std::string());
     std::string skipped;
@@ -220,8 +216,7 @@ class Watch
  public:
     Watch(const RunOptions& options, pid_t process, const volatile Report* report)
         : m_options(options), m_process(process), m_report(report)
-    {
-    }
+    {}
 
     /// @return the outcome if it was ended, else PASSED and the status
     Outcome Await(int* status)
@@ -254,7 +249,8 @@ class Watch
             m_ticks = TicksOf(m_process);
         } else if (SecondsSince(m_since) > m_options.spinSec && m_report->started != 0) {
             const long ticks = TicksOf(m_process) - m_ticks;
-            const bool spins = ticks > m_options.spinSec * static_cast<double>(sysconf(_SC_CLK_TCK)) / 50;
+            const bool spins =
+                ticks > m_options.spinSec * static_cast<double>(sysconf(_SC_CLK_TCK)) / 50;
             return spins ? Outcome::SPIN : Outcome::STUCK;
         }
         return Outcome::PASSED;
@@ -287,7 +283,8 @@ Outcome OutcomeOf(Finding finding)
 
 std::string ThreadName(const Report& report)
 {
-    return "thread " + std::string(report.currentName) + " (" + std::to_string(report.current) + ")";
+    return "thread " + std::string(report.currentName) + " (" + std::to_string(report.current) +
+           ")";
 }
 
 void Judge(const RunOptions& options, int status, RunResult* result)
@@ -315,8 +312,8 @@ void Judge(const RunOptions& options, int status, RunResult* result)
     } else if (WIFSIGNALED(status)) {
         const int signal = WTERMSIG(status);
         result->outcome = signal == SIGABRT ? Outcome::ABORTED : Outcome::CRASHED;
-        result->what = "ended by SIG" + std::string(sigabbrev_np(signal)) + " in " +
-                       ThreadName(report);
+        result->what =
+            "ended by SIG" + std::string(sigabbrev_np(signal)) + " in " + ThreadName(report);
     } else if (WEXITSTATUS(status) != 0) {
         result->outcome = Outcome::FAILED;
         result->what = "ended with status " + std::to_string(WEXITSTATUS(status));
@@ -338,9 +335,10 @@ std::string ReadAll(int file)
 
 const char* NameOf(Outcome outcome)
 {
-    static constexpr const char* NAMES[] = {
-        "passed",      "failed", "assertion or abort", "crash", "deadlock",     "endless wait",
-        "no progress", "spin",   "stuck",              "limit", "not simulated"};
+    static constexpr const char* NAMES[] = {"passed",      "failed",       "assertion or abort",
+                                            "crash",       "deadlock",     "endless wait",
+                                            "no progress", "spin",         "stuck",
+                                            "limit",       "not simulated"};
     return NAMES[static_cast<int>(outcome)];
 }
 

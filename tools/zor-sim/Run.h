@@ -8,9 +8,10 @@
 
 namespace zorsim {
 
-/// What became of a run. Everything but PASSED is something found, except NOT_SIMULATED: the program
-/// does what the simulator does not, or could not be started.
-enum class Outcome {
+/// What became of a run. Everything but PASSED is something found, except NOT_SIMULATED: the
+/// program does what the simulator does not, or could not be started.
+enum class Outcome
+{
     PASSED,
     FAILED, ///< ended with another status than 0
     ABORTED,
@@ -30,10 +31,10 @@ struct RunOptions
 {
     std::vector<std::string> command;
     Settings settings = {};
-    std::vector<Decision> decisions; ///< with StrategyKind::REPLAY
+    std::vector<Decision> decisions;        ///< with StrategyKind::REPLAY
     std::vector<std::string> filesToRemove; ///< before the run: what one that was ended has left
-    double limitSec = 60;            ///< of real time
-    double spinSec = 5;              ///< of real time without a step
+    double limitSec = 60;                   ///< of real time
+    double spinSec = 5;                     ///< of real time without a step
     unsigned int processor = 0;
     bool randomAddresses = false;
     bool ownOutput = false; ///< whether the output is shown as it comes, and not kept

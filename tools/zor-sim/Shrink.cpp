@@ -14,9 +14,10 @@ constexpr const char* CHOICES[] = {"thread", "waiter", "stall", "spurious", "num
 
 void Sort(std::vector<Decision>* decisions)
 {
-    std::sort(decisions->begin(), decisions->end(), [](const Decision& left, const Decision& right) {
-        return std::tie(left.choice, left.number) < std::tie(right.choice, right.number);
-    });
+    std::sort(decisions->begin(), decisions->end(),
+              [](const Decision& left, const Decision& right) {
+                  return std::tie(left.choice, left.number) < std::tie(right.choice, right.number);
+              });
 }
 
 /// Runs with fewer and fewer decisions.
@@ -116,8 +117,8 @@ RunResult Shrink(const RunOptions& run, std::ostream& err)
 void WriteDecisions(const RunResult& result, std::ostream& out)
 {
     const Settings& settings = result.report->settings;
-    out << "seed " << settings.seed << "\nstall-nsec " << settings.stallNsec << "\nspurious-per-million "
-        << settings.spuriousPerMillion << '\n';
+    out << "seed " << settings.seed << "\nstall-nsec " << settings.stallNsec
+        << "\nspurious-per-million " << settings.spuriousPerMillion << '\n';
     for (const Decision& decision : result.decisions) {
         out << CHOICES[static_cast<int>(decision.choice)] << ' ' << decision.number << ' '
             << decision.value << '\n';

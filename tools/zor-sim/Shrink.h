@@ -7,7 +7,8 @@
 
 namespace zorsim {
 
-/// Leaves out decisions of a run that fails as long as it fails in the same way, and tells the progress.
+/// Leaves out decisions of a run that fails as long as it fails in the same way, and tells the
+/// progress.
 ///
 /// @return the shortest run, with its decisions; the first one if it passes
 RunResult Shrink(const RunOptions& run, std::ostream& err);

@@ -54,8 +54,8 @@ std::string LastPart(const std::string& output)
         return output;
     }
     const std::size_t line = output.find('\n', output.size() - SHOWN_OUTPUT);
-    return "[...]\n" + output.substr(line == std::string::npos ? output.size() - SHOWN_OUTPUT
-                                                               : line + 1);
+    return "[...]\n" +
+           output.substr(line == std::string::npos ? output.size() - SHOWN_OUTPUT : line + 1);
 }
 
 /// Threads that wait are shown with their stacks: those of another run, which is traced.
@@ -88,8 +88,8 @@ void PrintFinding(const Options& options, const RunResult& result, std::ostream&
         return;
     }
     err << "zor-sim: seed " << report.settings.seed << ": " << NameOf(result.outcome) << ": "
-        << result.what << ", after " << report.steps << " steps at "
-        << TimeText(report.nowNsec) << '\n';
+        << result.what << ", after " << report.steps << " steps at " << TimeText(report.nowNsec)
+        << '\n';
     PrintThreads(report, Explained(options, result), err);
     err << "repeat: " << RepeatLine(options, report.settings) << '\n';
 }
@@ -100,8 +100,7 @@ class Search
  public:
     Search(const Options& options, std::ostream& out, std::ostream& err)
         : m_options(options), m_out(out), m_err(err), m_next(options.firstSeed)
-    {
-    }
+    {}
 
     int Run()
     {
@@ -284,8 +283,7 @@ int RunOne(const Options& options, std::ostream& out, std::ostream& err)
         ReadDecisions(options.replayFile, &run);
     }
     run.ownOutput = !options.shrink;
-    RunResult result =
-        options.shrink ? Shrink(run, err) : RunProgram(run);
+    RunResult result = options.shrink ? Shrink(run, err) : RunProgram(run);
     PrintNotes(*result.report, err);
     if (run.gdb) {
         return EXIT_NOTHING_FOUND;
@@ -295,8 +293,8 @@ int RunOne(const Options& options, std::ostream& out, std::ostream& err)
     }
     if (result.outcome == Outcome::PASSED) {
         out << "zor-sim: seed " << result.report->settings.seed << ": nothing found in "
-            << result.report->steps << " steps, hash " << std::hex << result.report->hash << std::dec
-            << '\n';
+            << result.report->steps << " steps, hash " << std::hex << result.report->hash
+            << std::dec << '\n';
         return EXIT_NOTHING_FOUND;
     }
     PrintFinding(options, result, err);

@@ -15,14 +15,38 @@ namespace {
 constexpr std::size_t MOST_CALLERS = 6;
 constexpr std::int64_t START_NSEC = 1000 * NSEC_PER_SEC;
 
-constexpr const char* OPERATIONS[] = {
-    "starts",      "ends",        "creates a thread", "joins",          "detaches",
-    "locks",       "tries",       "unlocks",          "waits for",      "signals",
-    "broadcasts",  "read-locks",  "write-locks",      "unlocks",        "takes",
-    "gives",       "initialises", "arrives at",       "waits at",       "wakes at",
-    "sleeps",      "reads the clock", "yields",       "polls files",    "reads a file",
-    "writes a file", "waits for a child", "waits for a signal", "sends a signal", "passes",
-    "chooses",     "touches"};
+constexpr const char* OPERATIONS[] = {"starts",
+                                      "ends",
+                                      "creates a thread",
+                                      "joins",
+                                      "detaches",
+                                      "locks",
+                                      "tries",
+                                      "unlocks",
+                                      "waits for",
+                                      "signals",
+                                      "broadcasts",
+                                      "read-locks",
+                                      "write-locks",
+                                      "unlocks",
+                                      "takes",
+                                      "gives",
+                                      "initialises",
+                                      "arrives at",
+                                      "waits at",
+                                      "wakes at",
+                                      "sleeps",
+                                      "reads the clock",
+                                      "yields",
+                                      "polls files",
+                                      "reads a file",
+                                      "writes a file",
+                                      "waits for a child",
+                                      "waits for a signal",
+                                      "sends a signal",
+                                      "passes",
+                                      "chooses",
+                                      "touches"};
 static_assert(std::size(OPERATIONS) == static_cast<std::size_t>(Operation::SIZE));
 
 const char* KindOf(Operation operation)
@@ -79,8 +103,7 @@ class Objects
         std::string& name = m_names[{kind, address}];
         if (name.empty()) {
             const std::string variable = m_symbols->ObjectAt(address);
-            name = kind + ' ' +
-                   (variable.empty() ? std::to_string(++m_counts[kind]) : variable);
+            name = kind + ' ' + (variable.empty() ? std::to_string(++m_counts[kind]) : variable);
         }
         return name;
     }
@@ -178,9 +201,9 @@ void PrintThreads(const Report& report, const std::vector<Record>& records, std:
                                            : symbols.PlaceOf(&thread.caller, 1));
         out << (place.empty() ? "" : ", in " + place) << '\n';
         if (thread.waits != 0 && record != last.end()) {
-            const std::vector<Place> stack =
-                symbols.StackOf(record->second->frames, MAX_FRAMES);
-            for (std::size_t caller = 1; caller < stack.size() && caller <= MOST_CALLERS; ++caller) {
+            const std::vector<Place> stack = symbols.StackOf(record->second->frames, MAX_FRAMES);
+            for (std::size_t caller = 1; caller < stack.size() && caller <= MOST_CALLERS;
+                 ++caller) {
                 out << "      called by " << PlaceText(stack[caller]) << '\n';
             }
         }
@@ -220,15 +243,14 @@ void ExportTrace(const RunResult& result, std::ostream& out)
         const Line line = LineOf(record, symbols, &objects);
         names[record.thread] = ThreadText(record.name, record.thread);
         // Steps at the same virtual moment lie one behind the other.
-        events.push_back({{"name", line.what},
-                          {"ph", "X"},
-                          {"pid", 1},
-                          {"tid", record.thread},
-                          {"ts", static_cast<double>(record.step)},
-                          {"dur", 1},
-                          {"args",
-                           {{"place", line.where},
-                            {"virtual time", TimeText(record.timeNsec)}}}});
+        events.push_back(
+            {{"name", line.what},
+             {"ph", "X"},
+             {"pid", 1},
+             {"tid", record.thread},
+             {"ts", static_cast<double>(record.step)},
+             {"dur", 1},
+             {"args", {{"place", line.where}, {"virtual time", TimeText(record.timeNsec)}}}});
     }
     for (const auto& [id, name] : names) {
         events.push_back({{"name", "thread_name"},

@@ -24,13 +24,13 @@ using namespace std::chrono_literals;
 
 namespace {
 
-#define CHECK(condition)                                                                           \
-    do {                                                                                           \
-        if (!(condition)) {                                                                        \
-            std::printf("line %d: %s\n", __LINE__, #condition);                                    \
-            std::fflush(stdout);                                                                   \
-            std::_Exit(1);                                                                         \
-        }                                                                                          \
+#define CHECK(condition)                                        \
+    do {                                                        \
+        if (!(condition)) {                                     \
+            std::printf("line %d: %s\n", __LINE__, #condition); \
+            std::fflush(stdout);                                \
+            std::_Exit(1);                                      \
+        }                                                       \
     } while (false)
 
 void CountUnderLocks()

@@ -11,8 +11,7 @@ int main()
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
         promise.set_value(1);
     });
-    const bool inTime =
-        answer.wait_for(std::chrono::milliseconds(11)) == std::future_status::ready;
+    const bool inTime = answer.wait_for(std::chrono::milliseconds(11)) == std::future_status::ready;
     other.join();
     return inTime ? 0 : 1;
 }

@@ -7,8 +7,8 @@
 #include "Real.h"
 #include "Strategy.h"
 
-/// Conditions and once-initialisation. Who waits for a condition is known from the threads; nothing is
-/// kept in the condition but the clock that libc has put there.
+/// Conditions and once-initialisation. Who waits for a condition is known from the threads; nothing
+/// is kept in the condition but the clock that libc has put there.
 namespace zorsim {
 
 namespace {

@@ -6,7 +6,8 @@
 
 namespace zorsim {
 
-/// Added to the monotonic clock it gives the wall clock of the simulation, which is always the same.
+/// Added to the monotonic clock it gives the wall clock of the simulation, which is always the
+/// same.
 constexpr std::int64_t WALL_CLOCK = 1767225600 * NSEC_PER_SEC;
 
 inline bool IsValid(const timespec& time)

@@ -11,8 +11,8 @@
 #include "Deadline.h"
 #include "Real.h"
 
-/// Files whose contents differ from run to run. Whether a thread sleeps is told as the simulation has it;
-/// the others are read as they are, and named.
+/// Files whose contents differ from run to run. Whether a thread sleeps is told as the simulation
+/// has it; the others are read as they are, and named.
 namespace zorsim {
 
 namespace {
@@ -34,8 +34,8 @@ const Thread* ThreadOfStat(const char* path)
     const long tid = strtol(path + strlen(TASKS), &end, 10);
     for (std::uint32_t i = 0; strcmp(end, "/stat") == 0 && i < ThreadCount(); ++i) {
         const Thread* const thread = ThreadAt(i);
-        if (thread->tid == tid && (thread->state == ThreadState::RUNNABLE ||
-                                   thread->state == ThreadState::WAITING)) {
+        if (thread->tid == tid &&
+            (thread->state == ThreadState::RUNNABLE || thread->state == ThreadState::WAITING)) {
             return thread;
         }
     }
@@ -47,9 +47,9 @@ int OpenStat(const Thread& thread)
 {
     const int file = memfd_create("stat", MFD_CLOEXEC);
     char text[256];
-    const int size = snprintf(text, sizeof(text), "%d (%s) %c 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n",
-                              thread.tid, thread.name,
-                              thread.state == ThreadState::RUNNABLE ? 'R' : 'S');
+    const int size =
+        snprintf(text, sizeof(text), "%d (%s) %c 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n", thread.tid,
+                 thread.name, thread.state == ThreadState::RUNNABLE ? 'R' : 'S');
     if (file < 0 || ZOR_SIM_REAL(pwrite)(file, text, static_cast<std::size_t>(size), 0) != size) {
         return -1;
     }
@@ -86,24 +86,24 @@ int OpenMode(int flags, va_list list)
 
 using namespace zorsim;
 
-#define ZOR_SIM_OPEN(function)                                                                     \
-    ZOR_SIM_EXPORT int function(const char* path, int flags, ...)                                  \
-    {                                                                                              \
-        va_list list;                                                                              \
-        va_start(list, flags);                                                                     \
-        const int mode = OpenMode(flags, list);                                                    \
-        va_end(list);                                                                              \
-        const int instead = OpenInstead(path, ZOR_SIM_CALLER);                                     \
-        return instead >= 0 ? instead : ZOR_SIM_REAL(function)(path, flags, mode);                 \
+#define ZOR_SIM_OPEN(function)                                                     \
+    ZOR_SIM_EXPORT int function(const char* path, int flags, ...)                  \
+    {                                                                              \
+        va_list list;                                                              \
+        va_start(list, flags);                                                     \
+        const int mode = OpenMode(flags, list);                                    \
+        va_end(list);                                                              \
+        const int instead = OpenInstead(path, ZOR_SIM_CALLER);                     \
+        return instead >= 0 ? instead : ZOR_SIM_REAL(function)(path, flags, mode); \
     }
 ZOR_SIM_OPEN(open)
 ZOR_SIM_OPEN(open64)
 
-#define ZOR_SIM_FOPEN(function)                                                                    \
-    ZOR_SIM_EXPORT FILE* function(const char* path, const char* mode)                              \
-    {                                                                                              \
-        const int instead = OpenInstead(path, ZOR_SIM_CALLER);                                     \
-        return instead >= 0 ? fdopen(instead, mode) : ZOR_SIM_REAL(function)(path, mode);          \
+#define ZOR_SIM_FOPEN(function)                                                           \
+    ZOR_SIM_EXPORT FILE* function(const char* path, const char* mode)                     \
+    {                                                                                     \
+        const int instead = OpenInstead(path, ZOR_SIM_CALLER);                            \
+        return instead >= 0 ? fdopen(instead, mode) : ZOR_SIM_REAL(function)(path, mode); \
     }
 ZOR_SIM_FOPEN(fopen)
 ZOR_SIM_FOPEN(fopen64)

@@ -113,8 +113,8 @@ ZOR_SIM_EXPORT int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept
     }
     Step(self, Operation::TRY_LOCK, mutex, ZOR_SIM_CALLER);
     const auto& data = mutex->__data;
-    const bool isOwn = data.__owner == self->tid &&
-                       (data.__kind & 3) == static_cast<int>(PTHREAD_MUTEX_RECURSIVE);
+    const bool isOwn =
+        data.__owner == self->tid && (data.__kind & 3) == static_cast<int>(PTHREAD_MUTEX_RECURSIVE);
     if (data.__lock != 0 && !isOwn) {
         Tick(self, 1000); // or a loop around it would last for ever
         return EBUSY;

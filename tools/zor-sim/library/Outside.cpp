@@ -90,8 +90,7 @@ bool HasChildren()
 {
     siginfo_t info = {};
     const int before = errno;
-    const bool has =
-        ZOR_SIM_REAL(waitid)(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+    const bool has = ZOR_SIM_REAL(waitid)(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
     errno = before;
     return has;
 }
@@ -460,8 +459,7 @@ ZOR_SIM_EXPORT pid_t waitpid(pid_t child, int* status, int options)
         options, ZOR_SIM_CALLER,
         [](void* argument) {
             const Call* const wanted = static_cast<Call*>(argument);
-            return ZOR_SIM_REAL(waitpid)(wanted->child, wanted->status,
-                                         wanted->options | WNOHANG);
+            return ZOR_SIM_REAL(waitpid)(wanted->child, wanted->status, wanted->options | WNOHANG);
         },
         &call);
 }

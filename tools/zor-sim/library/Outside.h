@@ -5,15 +5,15 @@
 /// What a thread waits for that no other thread of the process brings: files, children, signals.
 namespace zorsim {
 
-/// Whether what the thread waits for is there. With @p mayStand the process stands for it, as long as
-/// a child of it runs that may bring it.
+/// Whether what the thread waits for is there. With @p mayStand the process stands for it, as long
+/// as a child of it runs that may bring it.
 bool IsReadyOutside(Thread* thread, bool mayStand);
 
 /// Whether the process has children that run, or have ended and were not waited for.
 bool HasChildren();
 
-/// Nothing inside the process can happen any more: waits in real time for one of the threads that wait
-/// for something outside. It is a deadlock if nothing comes.
+/// Nothing inside the process can happen any more: waits in real time for one of the threads that
+/// wait for something outside. It is a deadlock if nothing comes.
 void AwaitOutside();
 
 /// Raises in the calling thread what others have sent to it.

@@ -60,8 +60,8 @@ void GiveTurn(Thread* thread)
     Futex(&thread->baton, FUTEX_WAKE_PRIVATE, 1);
 }
 
-/// Waits until the thread that ended before has left nothing behind: its memory is given back on its
-/// own way out, and would be found used at some times and free at others.
+/// Waits until the thread that ended before has left nothing behind: its memory is given back on
+/// its own way out, and would be found used at some times and free at others.
 void AwaitRealEnd()
 {
     Thread* const ended = g_ended;
@@ -287,7 +287,8 @@ void InChild()
     g_isPassive = true;
 }
 
-/// Found by descriptors of /proc, for the environment is not there yet when a preloaded library begins.
+/// Found by descriptors of /proc, for the environment is not there yet when a preloaded library
+/// begins.
 const char* FromEnvironment(const char* name, char* buffer, std::size_t size)
 {
     const int file = ZOR_SIM_REAL(open)("/proc/self/environ", O_RDONLY | O_CLOEXEC);
@@ -311,8 +312,8 @@ Report* MapReport()
 {
     static char s_buffer[256 * 1024];
     const char* const process = FromEnvironment(PROCESS_VARIABLE, s_buffer, sizeof(s_buffer));
-    const bool isOurs = process != nullptr && (strcmp(process, ANY_PROCESS) == 0 ||
-                                              atoi(process) == getpid());
+    const bool isOurs =
+        process != nullptr && (strcmp(process, ANY_PROCESS) == 0 || atoi(process) == getpid());
     const char* const path = FromEnvironment(REPORT_VARIABLE, s_buffer, sizeof(s_buffer));
     const int file = path != nullptr ? ZOR_SIM_REAL(open)(path, O_RDWR | O_CLOEXEC) : -1;
     if (file < 0) {

@@ -11,8 +11,8 @@
 
 /// Lets exactly one thread of the process run at a time.
 ///
-/// Every thread has a baton. The thread that has the turn is the only one that touches the state of the
-/// simulation, so none of it is locked. It gives the turn away in Step() and Block() only:
+/// Every thread has a baton. The thread that has the turn is the only one that touches the state of
+/// the simulation, so none of it is locked. It gives the turn away in Step() and Block() only:
 ///
 ///     thread A (has the turn)                 thread B (parked on its baton)
 ///     ------------------------------------------------------------------------
@@ -21,9 +21,20 @@
 ///     park on A.baton                         ...
 namespace zorsim {
 
-enum class ThreadState : std::uint32_t { FREE, RUNNABLE, WAITING, ENDED };
+enum class ThreadState : std::uint32_t
+{
+    FREE,
+    RUNNABLE,
+    WAITING,
+    ENDED
+};
 
-enum class Woken { BY_OTHER, BY_DEADLINE, BY_SIGNAL };
+enum class Woken
+{
+    BY_OTHER,
+    BY_DEADLINE,
+    BY_SIGNAL
+};
 
 struct Thread
 {
@@ -62,8 +73,8 @@ struct Thread
 extern Report* g_report;
 extern std::int64_t g_now; ///< monotonic, nanoseconds
 
-/// The calling thread; null if calls are to go to libc: in the child of a fork, while the library itself
-/// is at work, and without a driver.
+/// The calling thread; null if calls are to go to libc: in the child of a fork, while the library
+/// itself is at work, and without a driver.
 Thread* Self();
 
 /// While one exists, what the calling thread calls goes to libc.
@@ -82,11 +93,12 @@ class Aside
 /// A choice point: the thread does @p operation now, and another may go first.
 void Step(Thread* self, Operation operation, const void* object, const void* caller);
 
-/// Waits until Wake(), @p deadline (monotonic) or a signal. The caller looks again at what it waits for.
+/// Waits until Wake(), @p deadline (monotonic) or a signal. The caller looks again at what it waits
+/// for.
 Woken Block(Thread* self, Operation operation, const void* object, std::int64_t deadline);
 
-/// Waits likewise, and also until one of the files is ready or (without files) a child has ended or a
-/// signal is there; at most one of these is asked about, by @p operation.
+/// Waits likewise, and also until one of the files is ready or (without files) a child has ended or
+/// a signal is there; at most one of these is asked about, by @p operation.
 Woken BlockOutside(Thread* self, Operation operation, pollfd* files, nfds_t count,
                    std::int64_t deadline);
 
@@ -113,8 +125,8 @@ std::uint32_t ThreadCount(); ///< of slots that were ever used
 Thread* ThreadAt(std::uint32_t slot);
 void FreeThread(Thread* thread);
 
-/// A new thread's first turn; and the last one of a thread that has nothing more to do. False if there
-/// is no other thread: the process ends with this one.
+/// A new thread's first turn; and the last one of a thread that has nothing more to do. False if
+/// there is no other thread: the process ends with this one.
 void AwaitFirstTurn(Thread* self);
 bool EndTurns(Thread* self);
 

@@ -12,8 +12,8 @@
 #include "Outside.h"
 #include "Real.h"
 
-/// Signals that the process sends to itself. The thread that gets one raises it when it has the turn, so
-/// that a handler never runs beside another thread. Signals from outside are the kernel's.
+/// Signals that the process sends to itself. The thread that gets one raises it when it has the
+/// turn, so that a handler never runs beside another thread. Signals from outside are the kernel's.
 namespace zorsim {
 
 namespace {
@@ -40,8 +40,8 @@ bool Blocks(const Thread& thread, int signal)
     return (mask >> (signal - 1) & 1) != 0;
 }
 
-/// The thread that a signal to the process goes to: as with the kernel the first one if it may, or the
-/// sender; null if all block it.
+/// The thread that a signal to the process goes to: as with the kernel the first one if it may, or
+/// the sender; null if all block it.
 Thread* ReceiverOf(Thread* self, int signal)
 {
     Thread* receiver = nullptr;
@@ -64,8 +64,7 @@ void WakeSignalWaiters()
 {
     for (std::uint32_t i = 0; i < ThreadCount(); ++i) {
         Thread* const thread = ThreadAt(i);
-        if (thread->state == ThreadState::WAITING &&
-            thread->operation == Operation::SIGNAL_WAIT) {
+        if (thread->state == ThreadState::WAITING && thread->operation == Operation::SIGNAL_WAIT) {
             Wake(thread);
         }
     }
@@ -81,13 +80,11 @@ int SendTo(Thread* self, Thread* thread, int signal)
     }
     sigaddset(&thread->pendingSignals, signal);
     thread->hasPendingSignals = true;
-    const bool endsWait = thread->operation == Operation::SLEEP ||
-                          thread->operation == Operation::SEM_WAIT ||
-                          thread->operation == Operation::WORD_WAIT ||
-                          thread->operation == Operation::POLL ||
-                          thread->operation == Operation::READ ||
-                          thread->operation == Operation::CHILD ||
-                          thread->operation == Operation::SIGNAL_WAIT;
+    const bool endsWait =
+        thread->operation == Operation::SLEEP || thread->operation == Operation::SEM_WAIT ||
+        thread->operation == Operation::WORD_WAIT || thread->operation == Operation::POLL ||
+        thread->operation == Operation::READ || thread->operation == Operation::CHILD ||
+        thread->operation == Operation::SIGNAL_WAIT;
     Interrupt(thread, endsWait);
     return 0;
 }

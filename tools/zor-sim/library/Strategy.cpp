@@ -12,8 +12,8 @@ constexpr std::uint32_t STALL_ONE_IN[] = {8, 32, 128};
 constexpr std::uint32_t MILLION = 1000000;
 constexpr std::uint32_t MAX_CHANGE_POINTS = 16;
 
-/// A thread that nothing else stops goes on for so many decisions at most, or a thread that polls would
-/// run for ever.
+/// A thread that nothing else stops goes on for so many decisions at most, or a thread that polls
+/// would run for ever.
 constexpr std::uint32_t LONGEST_STRETCH = 5000;
 
 std::uint64_t g_random;
@@ -51,8 +51,8 @@ std::uint64_t Count(Choice choice)
     return ++g_numbers[static_cast<std::uint32_t>(choice)];
 }
 
-/// The decision of that number in the list to replay; @p otherwise if it has none. The decisions stand
-/// there sorted by choice and number; each kind is sought where it was found last.
+/// The decision of that number in the list to replay; @p otherwise if it has none. The decisions
+/// stand there sorted by choice and number; each kind is sought where it was found last.
 std::uint32_t Replayed(Choice choice, std::uint64_t number, std::uint32_t otherwise)
 {
     static std::uint64_t s_at[static_cast<std::uint32_t>(Choice::SIZE)];
@@ -147,7 +147,8 @@ Thread* ByStrategy(Thread* self, Thread* const* runnable, std::uint32_t count, s
         case StrategyKind::PCT:
             return ByPriority(self, runnable, count, number);
         case StrategyKind::REPLAY:
-            return ById(runnable, count, Replayed(Choice::THREAD, number, otherwise->id), otherwise);
+            return ById(runnable, count, Replayed(Choice::THREAD, number, otherwise->id),
+                        otherwise);
         default:
             return runnable[Below(count)];
     }

@@ -161,8 +161,7 @@ long SimulateFutex(int* word, int operation, int value, const timespec* time, st
         case FUTEX_WAKE:
         case FUTEX_WAKE_BITSET:
             Step(self, Operation::WORD_WAKE, word, caller);
-            return WakeFutex(word, value,
-                             command == FUTEX_WAKE ? FUTEX_BITSET_MATCH_ANY : bits);
+            return WakeFutex(word, value, command == FUTEX_WAKE ? FUTEX_BITSET_MATCH_ANY : bits);
         default:
             Unsupported("this operation of a futex (only waits and wakes)");
     }
@@ -200,17 +199,17 @@ ZOR_SIM_EXPORT int pthread_rwlock_trywrlock(pthread_rwlock_t* lock) noexcept
 
 #define ZOR_SIM_TIMED_RWLOCK(function, writes)                                                     \
     ZOR_SIM_EXPORT int pthread_rwlock_timed##function(pthread_rwlock_t* lock,                      \
-                                                      const timespec* until) noexcept             \
+                                                      const timespec* until) noexcept              \
     {                                                                                              \
         if (Self() == nullptr) {                                                                   \
             return ZOR_SIM_REAL(pthread_rwlock_timed##function)(lock, until);                      \
         }                                                                                          \
-        return IsValid(*until) ? LockFor(lock, writes, true, Deadline(CLOCK_REALTIME, *until),     \
-                                         ZOR_SIM_CALLER)                                           \
-                               : EINVAL;                                                           \
+        return IsValid(*until)                                                                     \
+                   ? LockFor(lock, writes, true, Deadline(CLOCK_REALTIME, *until), ZOR_SIM_CALLER) \
+                   : EINVAL;                                                                       \
     }                                                                                              \
     ZOR_SIM_EXPORT int pthread_rwlock_clock##function(pthread_rwlock_t* lock, clockid_t clock,     \
-                                                      const timespec* until) noexcept             \
+                                                      const timespec* until) noexcept              \
     {                                                                                              \
         if (Self() == nullptr) {                                                                   \
             return ZOR_SIM_REAL(pthread_rwlock_clock##function)(lock, clock, until);               \

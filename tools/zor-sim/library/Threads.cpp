@@ -19,8 +19,8 @@ namespace {
 pthread_key_t g_endKey;
 
 /// Called for an ending thread once in each of the rounds in which libc runs the destructors of
-/// thread-specific data; those of thread-local objects are behind it then. In the last round nothing of
-/// the program is left to run on the thread.
+/// thread-specific data; those of thread-local objects are behind it then. In the last round
+/// nothing of the program is left to run on the thread.
 void AtEnd(void* argument)
 {
     Thread* const self = static_cast<Thread*>(argument);
@@ -238,8 +238,7 @@ ZOR_SIM_EXPORT long sysconf(int name) noexcept
     return isProcessors && Self() != nullptr ? 1 : ZOR_SIM_REAL(sysconf)(name);
 }
 
-ZOR_SIM_EXPORT int sched_setaffinity(pid_t process, std::size_t size,
-                                     const cpu_set_t* set) noexcept
+ZOR_SIM_EXPORT int sched_setaffinity(pid_t process, std::size_t size, const cpu_set_t* set) noexcept
 {
     return Self() != nullptr ? 0 : ZOR_SIM_REAL(sched_setaffinity)(process, size, set);
 }

@@ -127,9 +127,8 @@ ZOR_SIM_EXPORT clock_t times(tms* result) noexcept
 ZOR_SIM_EXPORT clock_t clock() noexcept
 {
     Thread* const self = Self();
-    return self == nullptr
-               ? ZOR_SIM_REAL(clock)()
-               : Read(self, CLOCK_PROCESS_CPUTIME_ID, ZOR_SIM_CALLER) / NSEC_PER_USEC;
+    return self == nullptr ? ZOR_SIM_REAL(clock)()
+                           : Read(self, CLOCK_PROCESS_CPUTIME_ID, ZOR_SIM_CALLER) / NSEC_PER_USEC;
 }
 
 ZOR_SIM_EXPORT int nanosleep(const timespec* wanted, timespec* left)
