@@ -1,10 +1,7 @@
 #include "Scheduler.h"
 
-#include <fcntl.h>
 #include <linux/futex.h>
-#include <sys/mman.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -401,20 +398,6 @@ void Found(Finding finding, const char* text)
     __builtin_unreachable();
 }
 
-void Note(const char* what)
-{
-    if (strstr(g_report->notes, what) == nullptr &&
-        strlen(g_report->notes) + strlen(what) + 2 < sizeof(g_report->notes)) {
-        strcat(g_report->notes, what);
-        strcat(g_report->notes, "\n");
-    }
-}
-
-void Unsupported(const char* what)
-{
-    Found(Finding::UNSUPPORTED, what);
-}
-
 void ExpectProgress(std::int64_t nsec)
 {
     g_progressBy = nsec > 0 ? g_now + nsec : NEVER;
@@ -445,16 +428,6 @@ void FreeThread(Thread* thread)
     thread->state = ThreadState::FREE;
     thread->object = nullptr;
     g_freeSlots[g_freeCount++] = static_cast<std::uint32_t>(thread - g_threads);
-}
-
-Thread* FindThread(pthread_t handle)
-{
-    for (std::uint32_t i = 0; i < g_slots; ++i) {
-        if (g_threads[i].state != ThreadState::FREE && g_threads[i].handle == handle) {
-            return &g_threads[i];
-        }
-    }
-    return nullptr;
 }
 
 std::uint32_t ThreadCount()

@@ -118,6 +118,16 @@ int Join(pthread_t handle, void** result, std::int64_t deadline, const void* cal
 
 } // namespace
 
+Thread* FindThread(pthread_t handle)
+{
+    for (std::uint32_t i = 0; i < ThreadCount(); ++i) {
+        if (ThreadAt(i)->state != ThreadState::FREE && ThreadAt(i)->handle == handle) {
+            return ThreadAt(i);
+        }
+    }
+    return nullptr;
+}
+
 } // namespace zorsim
 
 using namespace zorsim;

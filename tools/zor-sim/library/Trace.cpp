@@ -159,4 +159,18 @@ void ShowThreads()
     }
 }
 
+void Note(const char* what)
+{
+    if (strstr(g_report->notes, what) == nullptr &&
+        strlen(g_report->notes) + strlen(what) + 2 < sizeof(g_report->notes)) {
+        strcat(g_report->notes, what);
+        strcat(g_report->notes, "\n");
+    }
+}
+
+void Unsupported(const char* what)
+{
+    Found(Finding::UNSUPPORTED, what);
+}
+
 } // namespace zorsim
