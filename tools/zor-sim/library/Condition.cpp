@@ -14,7 +14,6 @@ namespace zorsim {
 namespace {
 
 constexpr unsigned int MONOTONIC_BIT = 2;
-constexpr std::uint32_t MAX_WAITERS = 8192;
 
 /// Waits as long as nobody signals; afterwards the mutex is held again.
 int WaitFor(pthread_cond_t* condition, pthread_mutex_t* mutex, std::int64_t deadline,
