@@ -72,6 +72,17 @@ foreach(tool zor-record zor-tsmon infobox)
     install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   endif()
 endforeach()
+# The simulator: the library that it preloads is found from where the program is.
+if(TARGET zor-sim)
+  install(TARGETS zor-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  install(TARGETS zor-sim-library zor-sim-points
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/zor-core COMPONENT tools
+          ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}/zor-core COMPONENT tools)
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/zor-sim/include/ZorSim.h
+          DESTINATION ${ZOR_HEADER_DIR} COMPONENT development)
+  install(FILES ${PROJECT_SOURCE_DIR}/cmake/ZorSim.cmake DESTINATION ${ZOR_PACKAGE_DIR}
+          COMPONENT development)
+endif()
 if(TARGET zor-tsmon)
   install(FILES ${PROJECT_SOURCE_DIR}/examples/zor-tsmon/zor-tsmon.service
           DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/zor-core-tools/examples COMPONENT tools)
