@@ -7,6 +7,10 @@
 class TCMutex;
 struct TSEvent;
 
+namespace zor {
+class SyncCallEntry;
+}
+
 /// One synchronous call in progress: who waits, for whom, and since when. The order and the widths
 /// of the fields are binding.
 struct ZOR_CORE_API PTSyncDetInfo
@@ -38,8 +42,8 @@ class ZOR_CORE_API TCSyncDet
     /// @return true also if it exists already; false if its lock cannot be made
     static bool Create();
 
-    /// Frees the table. No synchronous send may be in progress. Asserts "m_pLock" and
-    /// "FlagCreate()".
+    /// Frees the table. Synchronous sends that are in progress lose their entries and go on. No
+    /// other thread may be in Add() or Remove(). Asserts "m_pLock" and "FlagCreate()".
     ///
     /// @return whether there was one
     static bool Destroy();
@@ -71,5 +75,9 @@ class ZOR_CORE_API TCSyncDet
     static PTSyncDetInfo* m_arrPCSyncDet;
 
  private:
+    friend class zor::SyncCallEntry;
+
+    static int RemoveIfThere(int callerArryIndex);
+
     static TCMutex* m_pLock; ///< owned
 };

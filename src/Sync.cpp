@@ -11,6 +11,7 @@
 #include "MutexLock.h"
 #include "Task.h"
 #include "Thread.h"
+#include "UseGate.h"
 
 static_assert(sizeof(PTSyncDetInfo) == 56);
 static_assert(offsetof(PTSyncDetInfo, startTick) == 4);
@@ -28,6 +29,9 @@ void CopyName(char (&to)[SIZE], const char* from)
     strncpy(to, from, SIZE - 1);
     to[SIZE - 1] = '\0';
 }
+
+/// Admits those who use the table in a send; see TCSyncDet::Destroy().
+zor::UseGate g_gate;
 
 /// The system gives at most 16 characters with the terminator; the room behind them shows that it
 /// kept to that.
@@ -67,6 +71,7 @@ bool TCSyncDet::Destroy()
     if (m_pLock == nullptr) {
         return false;
     }
+    const zor::UseGate::Closure closure(&g_gate); // tasks may still run, and send
     delete[] m_arrPCSyncDet;
     m_arrPCSyncDet = nullptr;
     delete m_pLock; // destroys it
@@ -112,9 +117,17 @@ int TCSyncDet::Remove(int callerArryIndex)
     return 0;
 }
 
+/// Remove() for a send that may outlast the table.
+int TCSyncDet::RemoveIfThere(int callerArryIndex)
+{
+    const zor::UseGate::Use use(&g_gate);
+    return use.IsAdmitted() && FlagCreate() ? Remove(callerArryIndex) : 0;
+}
+
 int TCSyncDet::PCTaskSyncMonitoring(int callerId, TSEvent* event)
 {
-    if (!FlagCreate()) {
+    const zor::UseGate::Use use(&g_gate);
+    if (!use.IsAdmitted() || !FlagCreate()) {
         return -1;
     }
     PTSyncDetInfo info;
