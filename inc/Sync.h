@@ -7,10 +7,6 @@
 class TCMutex;
 struct TSEvent;
 
-namespace zor {
-class SyncCallEntry;
-}
-
 /// One synchronous call in progress: who waits, for whom, and since when. The order and the widths
 /// of the fields are binding.
 struct ZOR_CORE_API PTSyncDetInfo
@@ -42,8 +38,9 @@ class ZOR_CORE_API TCSyncDet
     /// @return true also if it exists already; false if its lock cannot be made
     static bool Create();
 
-    /// Frees the table. Synchronous sends that are in progress lose their entries and go on. No
-    /// other thread may be in Add() or Remove(). Asserts "m_pLock" and "FlagCreate()".
+    /// Frees the table when nobody is in one of the operations below. Synchronous sends that are in
+    /// progress are not ended, but assert that they cannot be removed any more; none should be.
+    /// Asserts "m_pLock" and "FlagCreate()".
     ///
     /// @return whether there was one
     static bool Destroy();
@@ -60,7 +57,7 @@ class ZOR_CORE_API TCSyncDet
     /// Frees an entry. Asserts "m_arrPCSyncDet", that the index is one of the table's, and
     /// "(m_arrPCSyncDet[callerArryIndex].bValid)".
     ///
-    /// @return 0; -1 if there is no such entry
+    /// @return 0; -1 if there is no such entry or no table
     static int Remove(int callerArryIndex);
 
     /// Enters the calling thread as waiting for the task of the event's receiver.
@@ -75,9 +72,5 @@ class ZOR_CORE_API TCSyncDet
     static PTSyncDetInfo* m_arrPCSyncDet;
 
  private:
-    friend class zor::SyncCallEntry;
-
-    static int RemoveIfThere(int callerArryIndex);
-
     static TCMutex* m_pLock; ///< owned
 };

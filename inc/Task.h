@@ -13,34 +13,10 @@
 #include "Event.h"
 #include "Handler.h"
 #include "Queue.h"
+#include "ReleasedData.h"
 #include "TaskList.h"
 #include "Thread.h"
 #include "ZorExport.h"
-
-class TCTask;
-
-namespace zor {
-
-/// The place of an attachment in the list of what a task is to release although its queue was full.
-/// It is part of the attachment, so that the list needs no memory.
-class ReleaseLink
-{
- private:
-    friend class ::TCTask;
-
-    std::shared_ptr<ZOREventDataBase> m_attachment; ///< which this is a part of, while it is listed
-    ReleaseLink* m_next = nullptr;                  ///< guarded by the lock of the task's queue
-};
-
-/// An attachment for TCTask::ReleaseOnThread().
-template <typename T>
-class ReleasedData : public ZORManagedEventData<T>, public ReleaseLink
-{
- public:
-    using ZORManagedEventData<T>::ZORManagedEventData;
-};
-
-} // namespace zor
 
 /// A thread with an event queue and a loop that hands each event to its handler.
 ///
@@ -179,8 +155,7 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
                           const void** context);
 
     /// Whether the task is paused. Waits while a Pause() or ResumeAsync() is under way, except on
-    /// the task's own thread, which knows. Asserts nothing: a task that is not created is not
-    /// paused.
+    /// the task's own thread, which knows. Asserts nothing.
     bool IsPaused();
 
     /// The task's name.
@@ -241,14 +216,11 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
  protected:
     // Handlers of the event types, run on the task's thread by the dispatch.
 
-    /// Runs t_OnExit() between its callbacks, and has the loop end after the event.
-    ///
-    /// @return what hook and callbacks answered
+    /// Runs t_OnExit() between its callbacks, and has the loop end after the event. Returns what
+    /// they answered.
     bool OnExit(const TSEvent* event);
 
-    /// Runs t_OnUser() between its callbacks.
-    ///
-    /// @return what hook and callbacks answered
+    /// Runs t_OnUser() between its callbacks and returns what they answered.
     bool OnUser(const TSEvent* event);
 
     /// Notifies the watchdog if the task is supervised, and answers the ping if an answer is waited

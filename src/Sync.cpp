@@ -30,7 +30,7 @@ void CopyName(char (&to)[SIZE], const char* from)
     to[SIZE - 1] = '\0';
 }
 
-/// Admits those who use the table in a send; see TCSyncDet::Destroy().
+/// Admits those who use the table: tasks may still run when it goes.
 zor::UseGate g_gate;
 
 /// The system gives at most 16 characters with the terminator; the room behind them shows that it
@@ -86,6 +86,10 @@ bool TCSyncDet::FlagCreate()
 
 int TCSyncDet::Add(PTSyncDetInfo* pData)
 {
+    const zor::UseGate::Use use(&g_gate);
+    if (!use.IsAdmitted()) {
+        return -1;
+    }
     TCASSERT(pData);
     TCASSERT(m_arrPCSyncDet);
     if (pData == nullptr || m_arrPCSyncDet == nullptr) {
@@ -106,6 +110,10 @@ int TCSyncDet::Add(PTSyncDetInfo* pData)
 
 int TCSyncDet::Remove(int callerArryIndex)
 {
+    const zor::UseGate::Use use(&g_gate);
+    if (!use.IsAdmitted()) {
+        return -1;
+    }
     TCASSERT(m_arrPCSyncDet);
     TCASSERT(callerArryIndex >= 0 && callerArryIndex < MAX_SYNC_TASKS);
     if (m_arrPCSyncDet == nullptr || callerArryIndex < 0 || callerArryIndex >= MAX_SYNC_TASKS) {
@@ -115,13 +123,6 @@ int TCSyncDet::Remove(int callerArryIndex)
     TCASSERT((m_arrPCSyncDet[callerArryIndex].bValid));
     m_arrPCSyncDet[callerArryIndex].bValid = false;
     return 0;
-}
-
-/// Remove() for a send that may outlast the table.
-int TCSyncDet::RemoveIfThere(int callerArryIndex)
-{
-    const zor::UseGate::Use use(&g_gate);
-    return use.IsAdmitted() && FlagCreate() ? Remove(callerArryIndex) : 0;
 }
 
 int TCSyncDet::PCTaskSyncMonitoring(int callerId, TSEvent* event)

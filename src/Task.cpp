@@ -7,7 +7,7 @@
 
 #include "MutexLock.h"
 #include "PausedSendTrace.h"
-#include "SyncCallEntry.h"
+#include "Sync.h"
 #include "TCDebugPrint.h"
 #include "TaskListEntry.h"
 #include "TrapPoint.h"
@@ -23,6 +23,32 @@ constexpr unsigned long LEAST_WATCHDOG_TIME = 5;
 /// The location under which tools know a send. It is a constant of the system and does not follow
 /// the source.
 TSCodeLocation g_sendCall("static bool TCTask::Send(TSEvent*, bool, bool)", "src/Task.cpp", 168);
+
+/// Lists a synchronous send in the table of calls in progress, on every way out.
+class SyncCallEntry
+{
+ public:
+    SyncCallEntry(bool sync, TSEvent* event)
+    {
+        if (sync) {
+            m_index = TCSyncDet::PCTaskSyncMonitoring(static_cast<int>(TCThreadSelf::Id()), event);
+        }
+    }
+
+    ~SyncCallEntry()
+    {
+        if (m_index >= 0) {
+            const int iRet = TCSyncDet::Remove(m_index);
+            TCASSERT(!iRet);
+        }
+    }
+
+    SyncCallEntry(const SyncCallEntry&) = delete;
+    SyncCallEntry& operator=(const SyncCallEntry&) = delete;
+
+ private:
+    int m_index = -1; ///< negative while not listed
+};
 
 /// Whether @p event is on its way: not if the queue is full, or memory is short for what it is
 /// stamped with.
@@ -358,7 +384,7 @@ std::optional<bool> TCTask::SendToSelf(TSEvent* event, bool sync, bool priority)
 bool TCTask::m_Send(TSEvent* event, bool sync, bool priority)
 {
     zor::PausedSendTrace warning; // spans the whole put and ends after the entry
-    const zor::SyncCallEntry entry(sync, event);
+    const SyncCallEntry entry(sync, event);
     TCTask* const task = event->receiver->Task();
     if (const std::optional<bool> done = task->SendToSelf(event, sync, priority)) {
         return *done;

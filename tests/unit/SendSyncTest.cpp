@@ -208,28 +208,6 @@ TEST_F(SendListedTest, AsynchronousCallIsNotListed)
     EXPECT_TRUE(Flush(&m_task));
 }
 
-TEST_F(SendListedTest, CallOutlastsTheTable)
-{
-    Gate handling;
-    Gate leave;
-    m_task.onUser = [&](const TSEvent*) {
-        handling.Pass();
-        return leave.Wait();
-    };
-    EXPECT_THAT(AssertionsOf([&] {
-                    Caller sender([this] {
-                        TSEvent event = EventTo(&m_task);
-                        EXPECT_TRUE(TCTask::Send(&event, true, false));
-                    });
-                    EXPECT_TRUE(handling.Wait());
-                    EXPECT_TRUE(TCSyncDet::Destroy());
-                    leave.Pass();
-                }),
-                IsEmpty());
-    ASSERT_TRUE(TCSyncDet::Create());
-    EXPECT_THAT(ListedCalls(), IsEmpty());
-}
-
 TEST_F(SendListedTest, RefusedCallIsRemoved)
 {
     Hold hold(&m_task);
