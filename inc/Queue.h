@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <new>
+#include <shared_mutex>
 #include <type_traits>
 
 #include "Event.h"
@@ -144,6 +145,11 @@ class ZOR_CORE_API TCQueue : public TCMutex
     /// What an event held that another one is moved into; released when no lock is held.
     struct Remains;
 
+    /// The lock of a table of queues, held while one of them is used.
+    using TableLock = std::shared_lock<std::shared_mutex>;
+
+    ZOR_CORE_LOCAL bool PutSync(TSEvent* event, bool sync, bool priority, TableLock* table);
+    ZOR_CORE_LOCAL void DeleteAndUnlock(const TCHandler* receiver, TableLock* table);
     ZOR_CORE_LOCAL bool Place(const TSEvent& event, TCSemaphore* reply, bool priority);
     ZOR_CORE_LOCAL bool PlaceLocked(Entry* entry, bool priority);
     ZOR_CORE_LOCAL bool TakeHeadLocked(TSEvent* event, bool skipSync, Remains* remains);
@@ -156,7 +162,7 @@ class ZOR_CORE_API TCQueue : public TCMutex
     ZOR_CORE_LOCAL bool GetMatching(TSEvent* event, const Match& match);
     ZOR_CORE_LOCAL bool FindMatching(const Match& match, unsigned int* found);
     ZOR_CORE_LOCAL bool DeleteMatching(const Match& match, std::uint64_t maxCount,
-                                       unsigned int* deleted);
+                                       unsigned int* deleted, TableLock* table = nullptr);
     ZOR_CORE_LOCAL void MoveRecordLocked(std::uint64_t from, std::uint64_t to);
 
     static constexpr std::uint64_t Wrap(std::uint64_t index) { return index & (CAPACITY - 1); }

@@ -38,8 +38,9 @@ class ZOR_CORE_API TCSyncDet
     /// @return true also if it exists already; false if its lock cannot be made
     static bool Create();
 
-    /// Frees the table. No synchronous send may be in progress. Asserts "m_pLock" and
-    /// "FlagCreate()".
+    /// Frees the table when nobody is in one of the operations below. Synchronous sends that are in
+    /// progress are not ended, but assert that they cannot be removed any more; none should be.
+    /// Asserts "m_pLock" and "FlagCreate()".
     ///
     /// @return whether there was one
     static bool Destroy();
@@ -56,7 +57,7 @@ class ZOR_CORE_API TCSyncDet
     /// Frees an entry. Asserts "m_arrPCSyncDet", that the index is one of the table's, and
     /// "(m_arrPCSyncDet[callerArryIndex].bValid)".
     ///
-    /// @return 0; -1 if there is no such entry
+    /// @return 0; -1 if there is no such entry or no table
     static int Remove(int callerArryIndex);
 
     /// Enters the calling thread as waiting for the task of the event's receiver.

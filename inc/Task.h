@@ -1,18 +1,19 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <future>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
-#include <vector>
+#include <optional>
+#include <utility>
 
 #include "Event.h"
-#include "EventNotifyThread.h"
 #include "Handler.h"
 #include "Queue.h"
+#include "ReleasedData.h"
 #include "TaskList.h"
 #include "Thread.h"
 #include "ZorExport.h"
@@ -64,6 +65,10 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     /// overtakes the queued exit event later makes this wait until somebody resumes the task. The
     /// same goes for a clear-queue that deletes the exit event: another one must be sent. Must not
     /// be called on the task's own thread.
+    ///
+    /// Calls of Pause(), ResumeAsync() and IsPaused() that have begun when the task's thread ends
+    /// are waited for. None may begin later than that, and of the other operations none may be
+    /// under way then.
     void Destroy() override;
 
     /// Runs first on the task's thread. If it returns false the thread ends at once.
@@ -105,6 +110,9 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     virtual bool Pause();
 
     /// Ends a pause and returns when the task has left it; t_OnResume() may still be running.
+    /// Waits while another thread's Pause() or ResumeAsync() is under way, except on the task's own
+    /// thread: that is not paused while its hooks and handlers run, so it is answered at once.
+    /// Loggers, which the task's thread also calls while it is paused, must not call this there.
     ///
     /// @return false if the task is not paused
     virtual bool ResumeAsync();
@@ -121,9 +129,12 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     /// @param stackSize     of the thread, in bytes
     /// @param watchdogTime  time-out given to the watchdog service, in seconds; 1 to 4 become 5,
     ///                      and 0 leaves the task unsupervised
-    /// @return whether everything could be made; nothing is left behind if not
+    /// @return whether everything could be made. Nothing is left behind if not, but what
+    ///         TCThread::Create() leaves where the system refuses the thread: the task's destructor
+    ///         then asserts.
     ///
-    /// Asserts "FlagCreate() == false" and "name != NULL".
+    /// Asserts "FlagCreate() == false" and "name != NULL". The registry must be there, as it is
+    /// from before Main() until Main() has returned.
     bool Create(const char* name, unsigned int waitTime, unsigned long stackSize,
                 unsigned long watchdogTime);
 
@@ -143,7 +154,8 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     bool GetEventCallback(int type, EventCallback* before, EventCallback* after,
                           const void** context);
 
-    /// Whether the task is paused. Waits while a Pause() or ResumeAsync() is under way.
+    /// Whether the task is paused. Waits while a Pause() or ResumeAsync() is under way, except on
+    /// the task's own thread, which knows. Asserts nothing.
     bool IsPaused();
 
     /// The task's name.
@@ -165,35 +177,50 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     /// Asks @p task to prove that it is alive, and to notify the watchdog if it is supervised.
     ///
     /// @param msec  how long to wait for the answer; 0 does not ask for one
-    /// @return true if the task answered in time, if @p msec is 0 and the request is queued, or if
-    ///         the task is paused (nothing is sent then); false if there is no such task
+    /// @return true if the task answered in time, if the request was deleted from its queue in that
+    ///         time, if @p msec is 0 and the request is queued, or if the task is paused (nothing
+    ///         is sent then); false if not, if its queue is full, or if there is no such task or no
+    ///         registry
     static bool Ping(TCTask* task, unsigned long msec);
 
     /// Deprecated: Ping() for a task that the caller vouches for. Prints a line on every call.
     ///
-    /// @return false also on the task's own thread, and with @p msec 0
-    bool Ping(unsigned long msec);
+    /// @return false also on the task's own thread, and mostly with @p msec 0
+    [[deprecated("use the static form, which looks the task up")]] bool Ping(unsigned long msec);
 
     /// Has @p task delete the queued events of its own handler.
     ///
     /// @param msec  how long to wait for the answer
-    /// @return true if the task answered in time; false if not, if it is paused, or if there is no
-    ///         such task
+    /// @return true if the task answered in time, or if the request was deleted from its queue in
+    ///         that time; false if not, if it is paused, if its queue is full, or if there is no
+    ///         such task or no registry
     static bool ClearQueue(TCTask* task, unsigned long msec);
+
+    /// Releases @p attachment on the task's thread when that handles no event, or, if it has ended,
+    /// on the one that destroys the task; for what a handler of the task may still be using. Sends
+    /// an EVENT_RESUME with it, ahead of what is queued. Where that is refused, or memory is short
+    /// for it, the attachment is listed in the task: this cannot fail and needs no memory of its
+    /// own. Must be the last share but those of events. Any thread may call it, a handler of the
+    /// task too.
+    ///
+    /// @param attachment  not null
+    template <typename T>
+    void ReleaseOnThread(std::shared_ptr<zor::ReleasedData<T>> attachment)
+    {
+        zor::ReleaseLink* const link = attachment.get();
+        ReleaseOnThread(std::move(attachment), link);
+    }
 
     using TCHandler::FlagCreate;
 
  protected:
     // Handlers of the event types, run on the task's thread by the dispatch.
 
-    /// Runs t_OnExit() between its callbacks, and has the loop end after the event.
-    ///
-    /// @return what hook and callbacks answered
+    /// Runs t_OnExit() between its callbacks, and has the loop end after the event. Returns what
+    /// they answered.
     bool OnExit(const TSEvent* event);
 
-    /// Runs t_OnUser() between its callbacks.
-    ///
-    /// @return what hook and callbacks answered
+    /// Runs t_OnUser() between its callbacks and returns what they answered.
     bool OnUser(const TSEvent* event);
 
     /// Notifies the watchdog if the task is supervised, and answers the ping if an answer is waited
@@ -216,22 +243,35 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     bool OnPause(const TSEvent* event);
 
  private:
+    friend class TCHandler;
     friend class TCMultiQTask;
-    friend class TCTimer;
     friend class TCWatchdogNotifier;
 
     static constexpr int CALLBACK_TYPES = 4;
     static constexpr std::size_t NAME_SIZE = 16;
 
+    /// What a task of several queues does besides, in place of virtual operations, of which there
+    /// must not be more.
+    struct TSFurtherQueues
+    {
+        void (*deleteEvents)(TCTask* task, const TCHandler* receiver); ///< of that receiver
+        void (*takeDown)(TCTask* task); ///< the thread has ended, perhaps without an exit event
+    };
+
+    class PauseCall;
+
     static bool m_Send(TSEvent* event, bool sync, bool priority);
     static bool TakesCallbacks(int type);
 
     void InitLoop(const char* name, unsigned int waitTime, unsigned long watchdogTime);
-    bool RunsOnCaller() const;
+    std::optional<bool> SendToSelf(TSEvent* event, bool sync, bool priority) const;
     bool RunHook(EEventType type, bool (TCTask::*hook)(const TSEvent*), const TSEvent* event);
     void Deliver(const TSEvent& event);
-    void ReleaseLaterLocked(std::shared_ptr<ZOREventDataBase> attachment);
+    void DeleteFor(const TCHandler* receiver);
+    void ReleaseOnThread(std::shared_ptr<ZOREventDataBase> attachment, zor::ReleaseLink* link);
     void ReleaseNow();
+    bool RequestPauseLocked();
+    void WaitForPauseCalls();
     static void WaitForResume(const std::future<bool>& resumed);
     static void NotifyWatchdog();
 
@@ -247,93 +287,14 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     EventCallback m_after[CALLBACK_TYPES] = {};  ///< likewise
     const void* m_callbackContext[CALLBACK_TYPES] = {}; ///< likewise
     char m_taskName[NAME_SIZE] = {};                    ///< fixed while the task is created
-    TSEvent m_spareEvent; ///< lives and dies with the task; nothing uses it
-    std::vector<std::shared_ptr<ZOREventDataBase>> m_releases; ///< guarded by the queue's lock
-    std::atomic<bool> m_hasReleases{false};                    ///< written under the queue's lock
+    TSEvent m_spareEvent;                     ///< lives and dies with the task; nothing uses it
+    std::mutex m_pauseCallsMutex;             ///< guards m_pauseCalls; nothing is locked under it
+    std::condition_variable m_pauseCallsGone; ///< signalled when m_pauseCalls falls to 0
+    unsigned int m_pauseCalls = 0;            ///< calls of other threads that pause, resume or ask
+    zor::ReleaseLink* m_firstRelease = nullptr; ///< listed attachments; guarded by the queue's lock
+    std::atomic<bool> m_hasReleases{false};     ///< whether there are any; written under that lock
+    const TSFurtherQueues* m_furtherQueues = nullptr; ///< set before the thread starts; may be null
 };
 
-/// A task with several queues of strict priority: it always takes the next event from the queue
-/// with the lowest index that holds one. Queue 0 is the task's own, where requests and everything
-/// sent with TCTask::Send() go.
-///
-/// Beside the task's thread there is one notify thread for each queue. The further queues and the
-/// notify threads are taken down on the task's thread when it handles EVENT_EXIT; from then on only
-/// queue 0 may be sent to. t_Idle() never runs.
-class ZOR_CORE_API TCMultiQTask : public TCTask
-{
- public:
-    TCMultiQTask() = default;
-
-    /// Asserts "FlagCreate() == false".
-    ~TCMultiQTask() override;
-
-    /// As TCTask::Destroy().
-    void Destroy() override;
-
-    /// Dispatches the event types of a task, except EVENT_RESUME, which is answered false.
-    bool t_OnEvent(const TSEvent* event) override;
-
-    /// Deletes the events of the task's own handler from the queue whose index is the event's
-    /// param2.
-    ///
-    /// @return whether there were any
-    bool t_OnClearQueue(const TSEvent* event) override;
-
-    /// One turn of the loop: takes one event from the first queue that holds one.
-    bool ExecuteEvent() override;
-
-    /// Makes the task, its queues and their notify threads.
-    ///
-    /// @param name          its name, of which the first 15 characters are used
-    /// @param waitMsec      milliseconds that one wait of the task or of a notify thread lasts
-    /// @param stackSize     of the task's thread, in bytes
-    /// @param nQueueSize    number of queues, at least 1
-    /// @param watchdogTime  see TCTask::Create()
-    /// @return whether everything could be made. If not, further queues that had been made and the
-    ///         notify semaphore stay behind.
-    ///
-    /// Asserts "FlagCreate() == false", "name != NULL" and "nQueueSize > 0".
-    bool Create(const char* name, unsigned int waitMsec, unsigned long stackSize,
-                unsigned int nQueueSize, unsigned long watchdogTime);
-
-    /// TCTask::Send() into the queue of that index. Synchronous sends are not listed in TCSyncDet.
-    /// A sender that waits for an event which is still in a further queue when the exit event is
-    /// handled is not released.
-    ///
-    /// @return false also if the receiver's task is not a multi-queue task
-    ///
-    /// Asserts that the index is one of the task's.
-    static bool Send(TSEvent* event, bool sync, bool priority, unsigned int nQueueIndex);
-
-    /// Has @p task delete the events of its own handler from one of its queues; see
-    /// TCTask::ClearQueue().
-    static bool ClearQueue(TCMultiQTask* task, int idx, unsigned long msec);
-
-    /// How many events are queued in the queue of that index, which is asserted to be one of the
-    /// task's.
-    std::size_t Size(int queueIdx);
-
-    /// Not supported: asserts, and returns 0.
-    std::size_t Size();
-
- private:
-    static bool m_Send(TSEvent* event, bool sync, bool priority, unsigned int nQueueIndex);
-
-    bool HasQueue(int index) const;
-    bool CreateQueues(unsigned int nQueueSize);
-    bool CreateThreads(const char* name, unsigned long stackSize);
-    bool OnMutiQExit(const TSEvent* event);
-    void TakeDown();
-
-    TCSemaphore m_notifySemaphore;     ///< one unit for every event put into any queue
-    TCQueue** m_pQueueArray = nullptr; ///< guarded by m_queuesMutex, as is m_queueSize; owned, and
-                                       ///< so are the queues but the first
-    TCEventNotifyThread** m_notifyThreads = nullptr; ///< owned, one for each queue
-    unsigned int m_waitMsec = 0;                     ///< fixed while the task is created
-    unsigned int m_queueSize = 1;                    ///< number of queues
-    TCQueue* m_ownQueue[1] = {this}; ///< all the queues there are once the others are gone
-    std::mutex m_creationMutex;      ///< held by Create() until there is all that is taken down
-
-    /// Shared while a queue is looked up and used, before that queue's lock.
-    std::shared_mutex m_queuesMutex;
-};
+// Both kinds of task have always come with this header. It uses nothing of the second.
+#include "MultiQTask.h"

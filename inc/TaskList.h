@@ -12,6 +12,10 @@ class TCTask;
 /// There is one cursor for the whole process, so no operation but Finalize() locks by itself: hold
 /// `m_mutex` from the look-up to the last use of what it found. While it is held no task can be
 /// destroyed.
+///
+/// The registry is there while its lock is created: from before Main() until Main() has returned.
+/// Tasks that still run then find none: TCTask::Ping() and ClearQueue() know no task, destroying a
+/// task has nothing to take out, creating one is an error. Nobody else may use `m_mutex` any more.
 class ZOR_CORE_API TCTaskList
 {
  public:
@@ -36,11 +40,13 @@ class ZOR_CORE_API TCTaskList
     static bool Seek(int n);
 
     /// Empties the registry and destroys its lock; the tasks are not touched. Called by the process
-    /// entry.
+    /// entry. Waits for tasks that are using the registry; whoever else has locked `m_mutex` must
+    /// be through with it.
     static void Finalize();
 
-    /// Guards all that follows; it may be taken before a queue's lock. It and the list outlive
-    /// every static destructor: tasks may still run while the process exits.
+    /// Guards all that follows; it may be taken before a queue's lock. The objects behind these two
+    /// references outlive every static destructor; that does not make the lock usable after
+    /// Finalize().
     static TCMutex& m_mutex;
     static std::list<const TCTask*>& m_taskList;             ///< not owned
     static std::list<const TCTask*>::iterator m_currentTask; ///< the cursor
@@ -49,6 +55,5 @@ class ZOR_CORE_API TCTaskList
     friend class TCMultiQTask;
     friend class TCTask;
 
-    static void Register(const TCTask* task);
     static void Unregister(const TCTask* task);
 };

@@ -226,6 +226,9 @@ class ZOR_CORE_API TCThread
     /// Whether t_Main() has returned.
     bool HasEnded() const;
 
+    /// Whether the calling thread is this one. Asserts nothing.
+    bool IsCaller() const { return m_thread.load(std::memory_order_relaxed) == pthread_self(); }
+
  private:
     friend void* _Process(void* thread);
 

@@ -20,7 +20,8 @@
 /// return zor::CallAtTrapPoint<bool>(location, args, [&] { return m_Pass(event); });
 /// @endcode
 ///
-/// With recording and trap patterns off that is the call and two relaxed loads. The call is made in
+/// With recording and trap patterns off that is the call and two relaxed loads, and what the
+/// platform takes for the start of a statistic of processor time. The call is made in
 /// any case, exactly once, and what it returns or throws is what comes out. Any thread may pass any
 /// trap point.
 
@@ -103,7 +104,9 @@ class TCArgList3
     template <typename Visit>
     void ForEach(const Visit& visit) const
     {
-        visit(event), visit(sync), visit(priority);
+        visit(event);
+        visit(sync);
+        visit(priority);
     }
 
     A1 event;    ///< a reference to the pointer
@@ -127,7 +130,10 @@ class TCArgList4
     template <typename Visit>
     void ForEach(const Visit& visit) const
     {
-        visit(event), visit(sync), visit(priority), visit(queue);
+        visit(event);
+        visit(sync);
+        visit(priority);
+        visit(queue);
     }
 
     A1 event;    ///< a reference to the pointer
@@ -162,10 +168,10 @@ class TCCallExecutorHelper
         storage->Commit(record);
     }
 
-    /// Records result and CPU time after the call, if its arguments were recorded before it.
+    /// Records the result after the call, if its arguments were recorded before it.
     template <typename Result>
     static void SaveAfterCall(TIStorageManager& manager, const TSCodeLocation& location,
-                              Result result, const ht::TSCPUStatistic& statistic)
+                              Result result)
     {
         ht::TCStorage* const storage = manager.CurrentStorage();
         const unsigned int id = location.Id(manager.SessionId());
@@ -174,7 +180,6 @@ class TCCallExecutorHelper
         }
         ht::TSCallItemHelper record(storage, ht::TSCallItemHelper::AFTER_CALL, id);
         record.StoreFixed(result);
-        record.StoreFixed(statistic.cpuNsec);
         storage->Commit(record);
     }
 
@@ -291,14 +296,12 @@ Result CallAtTrapPoint(TSCodeLocation& location, const Args& args, const Call& c
     }
     const Result result = [&] {
         ht::TSCPUStatisticHelper measurement(&statistic);
-        if (recorded) {
-            measurement.Start();
-        }
+        measurement.Start();
         return call();
     }();
     if (recorded) {
-        TCCallExecutorHelper::SaveAfterCall<Result>(*TIStorageManager::Instance(), location, result,
-                                                    statistic);
+        TCCallExecutorHelper::SaveAfterCall<Result>(*TIStorageManager::Instance(), location,
+                                                    result);
     }
     if (ht::TCTrapPattern::Instance()->IsEnabled()) {
         TrapPoint<Result>(ht::TCTrapKey(location.line, location.file), args, result);

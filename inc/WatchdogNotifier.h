@@ -17,8 +17,9 @@ class TCTask;
 class ZOR_CORE_API TCWatchdogNotifier : public TCThread
 {
  public:
-    /// Makes the notifier and starts its thread. Asserts "m_pInstance == __null"; prints a line and
-    /// does nothing else if there is one already.
+    /// Makes the notifier and starts its thread. If that cannot be made this is logged at FATAL,
+    /// and supervised tasks will be reported as hung. Asserts "m_pInstance == __null"; prints a
+    /// line and does nothing else if there is one already.
     static void Init();
 
     /// The notifier. Asserts "m_pInstance", and prints a line if there is none.

@@ -30,7 +30,7 @@ bool TCHandler::Create(const TCTask* task)
 void TCHandler::Destroy()
 {
     TCASSERT(FlagCreate() == true);
-    task->Delete(this, nullptr);
+    task->DeleteFor(this);
     m_created.store(0, std::memory_order_relaxed);
 }
 

@@ -1,15 +1,16 @@
+#include "MultiQTask.h"
+
 #include <memory>
 #include <utility>
 #include <vector>
 
-#include "MutexLock.h"
 #include "PausedSendTrace.h"
-#include "Reply.h"
 #include "TCDebugPrint.h"
-#include "Task.h"
 #include "TaskListEntry.h"
+#include "TaskListUse.h"
 #include "TaskRequest.h"
 #include "TrapPoint.h"
+#include "Undo.h"
 #include "ZorServiceDebugOverlay.h"
 
 namespace {
@@ -20,29 +21,6 @@ constexpr char NOTIFY_THREAD_NAME[] = "MQEventNotify";
 /// the source.
 TSCodeLocation g_sendCall("static bool TCMultiQTask::Send(TSEvent*, bool, bool, unsigned int)",
                           "src/Task.cpp", 1435);
-
-/// Undoes a step of the creation that comes to nothing, by a result or by an exception.
-template <typename Step>
-class Undo
-{
- public:
-    explicit Undo(Step step) : m_step(std::move(step)) {}
-    ~Undo()
-    {
-        if (!m_kept) {
-            m_step();
-        }
-    }
-
-    Undo(const Undo&) = delete;
-    Undo& operator=(const Undo&) = delete;
-
-    void Keep() { m_kept = true; }
-
- private:
-    Step m_step;
-    bool m_kept = false;
-};
 
 } // namespace
 
@@ -60,22 +38,30 @@ bool TCMultiQTask::Create(const char* name, unsigned int waitMsec, unsigned long
     if (nQueueSize == 0) {
         return false;
     }
-    TaskListEntry entry(this);
+    zor::TaskListEntry entry(this);
     m_running.store(false, std::memory_order_relaxed);
     if (!TCQueue::Create()) {
         return false;
     }
-    Undo queue([this] { TCQueue::Destroy(); });
+    zor::Undo queue([this] { TCQueue::Destroy(); });
     if (!CreateQueues(nQueueSize)) {
         return false;
     }
     TCHandler::Create(this);
-    Undo handler([this] { TCHandler::Destroy(); });
+    zor::Undo handler([this] { TCHandler::Destroy(); });
     m_waitMsec = waitMsec;
     InitLoop(name, waitMsec, watchdogTime);
-    if (!CreateThreads(name, stackSize)) {
+    // Before the task's thread: that may handle an exit event at once, which takes them down, and
+    // without them it could not be ended.
+    if (!CreateNotifyThreads()) {
         return false;
     }
+    zor::Undo notifyThreads([this] { EndNotifyThreads(m_queueSize); });
+    m_furtherQueues = &FURTHER_QUEUES;
+    if (!TCThread::Create(name, stackSize)) {
+        return false;
+    }
+    notifyThreads.Keep();
     handler.Keep();
     queue.Keep();
     entry.Enter();
@@ -109,42 +95,54 @@ bool TCMultiQTask::CreateQueues(unsigned int nQueueSize)
     return true;
 }
 
-/// Starts the task's thread and then the notify threads. The task may handle an exit event at once;
-/// its take-down waits until there is all that it takes down. Memory is asked for before the thread
-/// runs: a task without notify threads could not be ended.
-bool TCMultiQTask::CreateThreads(const char* name, unsigned long stackSize)
+/// Makes all notify threads, or none.
+bool TCMultiQTask::CreateNotifyThreads()
 {
-    const std::lock_guard<std::mutex> lock(m_creationMutex);
     auto threads = std::make_unique<TCEventNotifyThread*[]>(m_queueSize);
     std::vector<std::unique_ptr<TCEventNotifyThread>> owned(m_queueSize);
     for (auto& thread : owned) {
         thread = std::make_unique<TCEventNotifyThread>();
     }
-    if (!TCThread::Create(name, stackSize)) {
-        return false;
+    unsigned int made = 0;
+    zor::Undo running([&] {
+        while (made > 0) {
+            owned[--made]->Destroy();
+        }
+    });
+    for (; made < m_queueSize; ++made) {
+        if (!owned[made]->Create(NOTIFY_THREAD_NAME, m_pQueueArray[made], &m_notifySemaphore,
+                                 m_waitMsec)) {
+            return false;
+        }
+    }
+    running.Keep();
+    for (unsigned int i = 0; i < m_queueSize; ++i) {
+        threads[i] = owned[i].release();
     }
     m_notifyThreads = threads.release();
-    for (unsigned int i = 0; i < m_queueSize; ++i) {
-        m_notifyThreads[i] = owned[i].release();
-        m_notifyThreads[i]->Create(NOTIFY_THREAD_NAME, m_pQueueArray[i], &m_notifySemaphore,
-                                   m_waitMsec);
-    }
     return true;
 }
 
+void TCMultiQTask::EndNotifyThreads(unsigned int count)
+{
+    for (unsigned int i = 0; i < count; ++i) {
+        m_notifyThreads[i]->Destroy();
+        delete m_notifyThreads[i];
+    }
+    delete[] m_notifyThreads;
+    m_notifyThreads = nullptr;
+}
+
+const TCTask::TSFurtherQueues TCMultiQTask::FURTHER_QUEUES = {
+    [](TCTask* task, const TCHandler* receiver) {
+        static_cast<TCMultiQTask*>(task)->DeleteFromFurtherQueues(receiver);
+    },
+    [](TCTask* task) { static_cast<TCMultiQTask*>(task)->TakeDown(); },
+};
+
 void TCMultiQTask::Destroy()
 {
-    TCASSERT(FlagCreate() == true);
-    if (IsPaused()) {
-        ZOR_LOG(true, DLOG_FATAL, "[pause_resume] Was not resumed before destroying.");
-        ResumeAsync();
-    }
-    TCTaskList::Unregister(this);
-    TCThread::Destroy();
-    TakeDown(); // if the thread ended without an exit event
-    ReleaseNow();
-    TCHandler::Destroy();
-    TCQueue::Destroy();
+    TCTask::Destroy();
 }
 
 bool TCMultiQTask::ExecuteEvent()
@@ -202,7 +200,6 @@ bool TCMultiQTask::OnMutiQExit(const TSEvent* event)
 ///   task:                                           lock -- swap -- unlock -- delete the queues
 void TCMultiQTask::TakeDown()
 {
-    const std::lock_guard<std::mutex> created(m_creationMutex);
     if (m_notifyThreads == nullptr) {
         return;
     }
@@ -213,20 +210,27 @@ void TCMultiQTask::TakeDown()
         queues = std::exchange(m_pQueueArray, m_ownQueue);
         size = std::exchange(m_queueSize, 1);
     }
-    for (unsigned int i = 0; i < size; ++i) {
-        if (m_notifyThreads[i]->FlagCreate()) { // it may never have come to be
-            m_notifyThreads[i]->Destroy();
-        }
-        delete m_notifyThreads[i];
-    }
-    delete[] m_notifyThreads;
-    m_notifyThreads = nullptr;
+    EndNotifyThreads(size);
     for (unsigned int i = 1; i < size; ++i) {
         queues[i]->Destroy();
         delete queues[i];
     }
     delete[] queues;
     m_notifySemaphore.Destroy();
+}
+
+/// Deletes the events of @p receiver from the queues behind the first. The shared lock keeps each
+/// queue alive and is given back before what its events held is released: that may run code which
+/// sends.
+void TCMultiQTask::DeleteFromFurtherQueues(const TCHandler* receiver)
+{
+    for (unsigned int i = 1;; ++i) {
+        std::shared_lock<std::shared_mutex> lock(m_queuesMutex);
+        if (i >= m_queueSize) {
+            return;
+        }
+        m_pQueueArray[i]->DeleteAndUnlock(receiver, &lock);
+    }
 }
 
 bool TCMultiQTask::t_OnClearQueue(const TSEvent* event)
@@ -251,22 +255,24 @@ bool TCMultiQTask::ClearQueue(TCMultiQTask* task, int idx, unsigned long msec)
     {
         // Held from the look-up until the request is queued: the task cannot be destroyed
         // meanwhile.
-        const zor::MutexLock lock(&TCTaskList::m_mutex);
-        if (!TCTaskList::Find(task)) {
+        const zor::TaskListUse registry;
+        if (!registry.Find(task)) {
             return false;
         }
         if (task->m_paused.load()) {
             ZOR_LOG(true, DLOG_FATAL, "[pause_resume] Failed - called on pause.");
             return false;
         }
-        TSEvent request = RequestTo(task, EVENT_CLEAR_QUEUE);
+        TSEvent request = zor::RequestTo(task, EVENT_CLEAR_QUEUE);
         request.param2 = static_cast<std::uint32_t>(idx);
-        answer = AttachReply(&request);
-        if (!Send(&request, false, true, 0)) {
+        answer = zor::AttachReply(&request);
+        const bool sent = Send(&request, false, true, 0);
+        request.wrappedData.reset(); // the requester's share, as zor::SendRequest() does
+        if (!sent) {
             return false;
         }
-    } // with the requester's share of the reply
-    return IsAnsweredWithin(answer, msec);
+    }
+    return zor::IsAnsweredWithin(answer, msec);
 }
 
 bool TCMultiQTask::HasQueue(int index) const
@@ -314,39 +320,25 @@ bool TCMultiQTask::m_Send(TSEvent* event, bool sync, bool priority, unsigned int
     if (pMultiQTask == nullptr) {
         return false;
     }
-    if (sync && pMultiQTask->RunsOnCaller()) {
-        // The event cannot go through the queue: the thread would wait for itself.
-        TCASSERT(priority == true);
-        if (priority) {
-            event->receiver->OnEvent(event);
-        }
-        return priority;
+    if (const std::optional<bool> done = pMultiQTask->SendToSelf(event, sync, priority)) {
+        return *done;
     }
-    zor::Reply reply; // on the sender's stack, as in TCQueue::PutSync()
-    if (sync && !reply.Create()) {
+    if (!pMultiQTask->FlagCreate()) {
         return false;
     }
-    PausedSendTrace warning; // spans the whole put, a synchronous wait included
-    {
-        const std::shared_lock<std::shared_mutex> lock(pMultiQTask->m_queuesMutex);
-        TCASSERT(nQueueIndex < pMultiQTask->m_queueSize);
-        if (nQueueIndex >= pMultiQTask->m_queueSize) {
-            return false;
-        }
-        TCASSERT(pMultiQTask->m_pQueueArray[nQueueIndex]);
-        if (pMultiQTask->m_paused.load()) {
-            warning.Begin(
-                "TCMultiQTask::%s [pause_resume] WARNING: event->type[%d] was send to paused task "
-                "and is not processed jet.",
-                "m_Send", static_cast<int>(event->type));
-        }
-        TCQueue* const queue = pMultiQTask->m_pQueueArray[nQueueIndex];
-        if (!queue->Place(*event, sync ? &reply : nullptr, priority)) {
-            return false;
-        }
+    zor::PausedSendTrace warning; // spans the whole put, a synchronous wait included
+    std::shared_lock<std::shared_mutex> lock(pMultiQTask->m_queuesMutex);
+    TCASSERT(nQueueIndex < pMultiQTask->m_queueSize);
+    if (nQueueIndex >= pMultiQTask->m_queueSize) {
+        return false;
     }
-    if (sync) {
-        reply.Wait(); // without the lock, which the handling of an exit event needs
+    TCASSERT(pMultiQTask->m_pQueueArray[nQueueIndex]);
+    if (pMultiQTask->m_paused.load()) {
+        warning.Begin(
+            "TCMultiQTask::%s [pause_resume] WARNING: event->type[%d] was send to paused task and "
+            "is not processed jet.",
+            "m_Send", static_cast<int>(event->type));
     }
-    return true;
+    // The wait for the reply goes without the lock, which the handling of an exit event needs.
+    return pMultiQTask->m_pQueueArray[nQueueIndex]->PutSync(event, sync, priority, &lock);
 }

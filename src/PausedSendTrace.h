@@ -4,6 +4,8 @@
 
 #include "TCDebugPrint.h"
 
+namespace zor {
+
 /// The trace scope of a send to a paused task, which begins only when the pause has been noticed
 /// but ends with what was begun before it. Unlike an optional it costs nothing where it is not
 /// begun: no memory is cleared for it.
@@ -34,3 +36,5 @@ class PausedSendTrace
     };
     bool m_begun = false;
 };
+
+} // namespace zor

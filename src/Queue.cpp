@@ -150,6 +150,12 @@ bool TCQueue::Put(TSEvent* event, bool priority)
 
 bool TCQueue::PutSync(TSEvent* event, bool sync, bool priority)
 {
+    return PutSync(event, sync, priority, nullptr);
+}
+
+/// Lets go of @p table, if there is one, when the event is queued: the wait goes without it.
+bool TCQueue::PutSync(TSEvent* event, bool sync, bool priority, TableLock* table)
+{
     TCASSERT(FlagCreate() == true);
     TCASSERT(event != NULL);
     if (!sync) {
@@ -164,6 +170,9 @@ bool TCQueue::PutSync(TSEvent* event, bool sync, bool priority)
     zor::Reply reply;
     if (!reply.Create() || !Place(*event, &reply, priority)) {
         return false;
+    }
+    if (table != nullptr) {
+        table->unlock();
     }
     reply.Wait();
     return true;

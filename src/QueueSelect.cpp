@@ -161,10 +161,18 @@ bool TCQueue::DeleteEx(const TCHandler* receiver, unsigned long type, unsigned i
     return DeleteMatching({receiver, false, type}, maxCount, deleted);
 }
 
-bool TCQueue::DeleteMatching(const Match& match, std::uint64_t maxCount, unsigned int* deleted)
+/// Lets go of @p table, if there is one, before it releases what the events held.
+void TCQueue::DeleteAndUnlock(const TCHandler* receiver, TableLock* table)
+{
+    DeleteMatching({receiver, true, 0}, CAPACITY, nullptr, table);
+}
+
+bool TCQueue::DeleteMatching(const Match& match, std::uint64_t maxCount, unsigned int* deleted,
+                             TableLock* table)
 {
     TCASSERT(FlagCreate() == true);
-    Removed removed; // before the lock, so that it goes after it
+    Removed removed; // before the locks, so that it goes after them
+    const TableLock outer = table != nullptr ? std::move(*table) : TableLock();
     const zor::MutexLock lock(this);
 
     std::uint64_t write = m_head;

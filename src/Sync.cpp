@@ -11,6 +11,7 @@
 #include "MutexLock.h"
 #include "Task.h"
 #include "Thread.h"
+#include "UseGate.h"
 
 static_assert(sizeof(PTSyncDetInfo) == 56);
 static_assert(offsetof(PTSyncDetInfo, startTick) == 4);
@@ -28,6 +29,9 @@ void CopyName(char (&to)[SIZE], const char* from)
     strncpy(to, from, SIZE - 1);
     to[SIZE - 1] = '\0';
 }
+
+/// Admits those who use the table: tasks may still run when it goes.
+zor::UseGate g_gate;
 
 /// The system gives at most 16 characters with the terminator; the room behind them shows that it
 /// kept to that.
@@ -67,6 +71,7 @@ bool TCSyncDet::Destroy()
     if (m_pLock == nullptr) {
         return false;
     }
+    const zor::UseGate::Closure closure(&g_gate); // tasks may still run, and send
     delete[] m_arrPCSyncDet;
     m_arrPCSyncDet = nullptr;
     delete m_pLock; // destroys it
@@ -81,6 +86,10 @@ bool TCSyncDet::FlagCreate()
 
 int TCSyncDet::Add(PTSyncDetInfo* pData)
 {
+    const zor::UseGate::Use use(&g_gate);
+    if (!use.IsAdmitted()) {
+        return -1;
+    }
     TCASSERT(pData);
     TCASSERT(m_arrPCSyncDet);
     if (pData == nullptr || m_arrPCSyncDet == nullptr) {
@@ -101,6 +110,10 @@ int TCSyncDet::Add(PTSyncDetInfo* pData)
 
 int TCSyncDet::Remove(int callerArryIndex)
 {
+    const zor::UseGate::Use use(&g_gate);
+    if (!use.IsAdmitted()) {
+        return -1;
+    }
     TCASSERT(m_arrPCSyncDet);
     TCASSERT(callerArryIndex >= 0 && callerArryIndex < MAX_SYNC_TASKS);
     if (m_arrPCSyncDet == nullptr || callerArryIndex < 0 || callerArryIndex >= MAX_SYNC_TASKS) {
@@ -114,7 +127,8 @@ int TCSyncDet::Remove(int callerArryIndex)
 
 int TCSyncDet::PCTaskSyncMonitoring(int callerId, TSEvent* event)
 {
-    if (!FlagCreate()) {
+    const zor::UseGate::Use use(&g_gate);
+    if (!use.IsAdmitted() || !FlagCreate()) {
         return -1;
     }
     PTSyncDetInfo info;

@@ -3,11 +3,15 @@
 #include <algorithm>
 #include <cstring>
 
+#include <new>
+
+#include "MutexLock.h"
 #include "PausedSendTrace.h"
 #include "Sync.h"
 #include "TCDebugPrint.h"
 #include "TaskListEntry.h"
 #include "TrapPoint.h"
+#include "Undo.h"
 #include "ZorServiceDebugOverlay.h"
 #include "brisk_deadlock.h"
 
@@ -46,6 +50,17 @@ class SyncCallEntry
     int m_index = -1; ///< negative while not listed
 };
 
+/// Whether @p event is on its way: not if the queue is full, or memory is short for what it is
+/// stamped with.
+bool IsSent(TSEvent* event)
+{
+    try {
+        return TCTask::Send(event, false, true);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 } // namespace
 
 TCTask::~TCTask()
@@ -58,21 +73,22 @@ bool TCTask::Create(const char* name, unsigned int waitTime, unsigned long stack
 {
     TCASSERT(FlagCreate() == false);
     TCASSERT(name != NULL);
-    TaskListEntry entry(this);
+    zor::TaskListEntry entry(this);
     m_running.store(false, std::memory_order_relaxed);
     if (!TCQueue::Create()) {
         return false;
     }
+    zor::Undo queue([this] { TCQueue::Destroy(); });
     if (!TCHandler::Create(this)) {
-        TCQueue::Destroy();
         return false;
     }
+    zor::Undo handler([this] { TCHandler::Destroy(); });
     InitLoop(name, waitTime, watchdogTime);
     if (!TCThread::Create(name, stackSize)) {
-        TCHandler::Destroy();
-        TCQueue::Destroy();
         return false;
     }
+    handler.Keep();
+    queue.Keep();
     entry.Enter();
     return true;
 }
@@ -99,8 +115,12 @@ void TCTask::Destroy()
         ResumeAsync();
     }
     TCTaskList::Unregister(this);
-    // The thread is gone before what it works on goes.
+    // The thread is gone before what it works on goes, and so are those who paused or resumed it.
     TCThread::Destroy();
+    WaitForPauseCalls();
+    if (m_furtherQueues != nullptr) {
+        m_furtherQueues->takeDown(this);
+    }
     ReleaseNow();
     TCHandler::Destroy();
     TCQueue::Destroy();
@@ -158,12 +178,34 @@ void TCTask::Deliver(const TSEvent& event)
     ReleaseNow();
 }
 
-/// Keeps @p attachment until the task's thread can release it, for who finds the queue full. A full
-/// queue means that the thread is about to take an event. Needs the queue's lock.
-void TCTask::ReleaseLaterLocked(std::shared_ptr<ZOREventDataBase> attachment)
+/// Deletes the queued events of @p receiver from every queue that the task has.
+void TCTask::DeleteFor(const TCHandler* receiver)
 {
-    m_releases.push_back(std::move(attachment));
-    m_hasReleases.store(true, std::memory_order_relaxed);
+    Delete(receiver, nullptr);
+    if (m_furtherQueues != nullptr) {
+        m_furtherQueues->deleteEvents(this, receiver);
+    }
+}
+
+// Why the queue is locked around the departure of what is released elsewhere:
+//
+//   this thread:    lock queue -- send [attachment] -- let go of own share -- unlock
+//   task's thread:                                                                take, release
+//
+// The last to let go of the event destroys the attachment. Without the lock the task could take and
+// release the event first, and the attachment would die on this thread.
+void TCTask::ReleaseOnThread(std::shared_ptr<ZOREventDataBase> attachment, zor::ReleaseLink* link)
+{
+    const zor::MutexLock lock(this);
+    TSEvent event;
+    event.type = EVENT_RESUME;
+    event.receiver = this;
+    event.wrappedData = std::move(attachment);
+    if (!IsSent(&event)) {
+        link->m_attachment = std::move(event.wrappedData);
+        link->m_next = std::exchange(m_firstRelease, link);
+        m_hasReleases.store(true, std::memory_order_relaxed);
+    }
 }
 
 /// Runs on the task's thread when no handler does, and when that thread has ended.
@@ -174,11 +216,16 @@ void TCTask::ReleaseNow()
     if (!m_hasReleases.load(std::memory_order_relaxed)) {
         return;
     }
-    std::vector<std::shared_ptr<ZOREventDataBase>> releases;
-    Lock();
-    releases.swap(m_releases);
-    m_hasReleases.store(false, std::memory_order_relaxed);
-    Unlock();
+    zor::ReleaseLink* next = nullptr;
+    {
+        const zor::MutexLock lock(this);
+        next = std::exchange(m_firstRelease, nullptr);
+        m_hasReleases.store(false, std::memory_order_relaxed);
+    }
+    while (next != nullptr) {
+        zor::ReleaseLink* const link = std::exchange(next, next->m_next);
+        const std::shared_ptr<ZOREventDataBase> released = std::move(link->m_attachment);
+    }
 }
 
 bool TCTask::t_Create()
@@ -316,25 +363,31 @@ bool TCTask::Send(TSEvent* event, bool sync, bool priority)
                                       [&] { return m_Send(event, sync, priority); });
 }
 
-/// Whether the calling thread is the task's own.
-bool TCTask::RunsOnCaller() const
+/// What becomes of a synchronous send on the task's own thread: the event cannot go through the
+/// queue, because the thread would wait for itself. Nothing, if this is no such send.
+std::optional<bool> TCTask::SendToSelf(TSEvent* event, bool sync, bool priority) const
 {
+    if (!sync) {
+        return std::nullopt;
+    }
     TCASSERT(FlagCreate() == true);
-    return Id() == TCThreadSelf::Id();
+    if (Id() != TCThreadSelf::Id()) {
+        return std::nullopt;
+    }
+    TCASSERT(priority == true);
+    if (priority) {
+        event->receiver->OnEvent(event);
+    }
+    return priority;
 }
 
 bool TCTask::m_Send(TSEvent* event, bool sync, bool priority)
 {
-    PausedSendTrace warning; // spans the whole put and ends after the entry
+    zor::PausedSendTrace warning; // spans the whole put and ends after the entry
     const SyncCallEntry entry(sync, event);
     TCTask* const task = event->receiver->Task();
-    if (sync && task->RunsOnCaller()) {
-        // The event cannot go through the queue: the thread would wait for itself.
-        TCASSERT(priority == true);
-        if (priority) {
-            event->receiver->OnEvent(event);
-        }
-        return priority;
+    if (const std::optional<bool> done = task->SendToSelf(event, sync, priority)) {
+        return *done;
     }
     if (!task->FlagCreate()) {
         return false;

@@ -1,56 +1,58 @@
 // What other threads ask of a task beside its work: pause and resume, ping, clear-queue.
 
-#include <algorithm>
 #include <chrono>
 
 #include "MutexLock.h"
 #include "Task.h"
+#include "TaskListUse.h"
 #include "TaskRequest.h"
 #include "ZorServiceDebugOverlay.h"
 #include "brisk_deadlock.h"
 
-TSEvent RequestTo(TCTask* task, TCTask::EEventType type)
+/// A call by which somebody pauses, resumes or asks. Destroy() waits for these: they may have been
+/// what the task's thread needed for its end.
+///
+///   resumer:    counted -- set resume promise -- take and give pause mutexes -- gone
+///   task:                               EXIT, ended
+///   destroyer:  (waits for the thread) .............. (waits for the resumer) ... release
+class TCTask::PauseCall
 {
-    TSEvent request;
-    request.type = type;
-    request.receiver = task;
-    return request;
-}
+ public:
+    explicit PauseCall(TCTask* task) : m_task(task)
+    {
+        const std::lock_guard<std::mutex> lock(m_task->m_pauseCallsMutex);
+        ++m_task->m_pauseCalls;
+    }
 
-std::future<bool> AttachReply(TSEvent* request)
+    ~PauseCall()
+    {
+        // Signalled under the mutex: who is let through may destroy it at once.
+        const std::lock_guard<std::mutex> lock(m_task->m_pauseCallsMutex);
+        if (--m_task->m_pauseCalls == 0) {
+            m_task->m_pauseCallsGone.notify_all();
+        }
+    }
+
+    PauseCall(const PauseCall&) = delete;
+    PauseCall& operator=(const PauseCall&) = delete;
+
+ private:
+    TCTask* const m_task;
+};
+
+void TCTask::WaitForPauseCalls()
 {
-    std::promise<bool> reply;
-    std::future<bool> answer = reply.get_future();
-    request->setWrappedData(std::move(reply));
-    return answer;
+    std::unique_lock<std::mutex> lock(m_pauseCallsMutex);
+    m_pauseCallsGone.wait(lock, [this] { return m_pauseCalls == 0; });
 }
-
-bool IsAnsweredWithin(const std::future<bool>& answer, unsigned long msec)
-{
-    // Far less than what the clock can add to its present reading without overflow.
-    constexpr unsigned long LONGEST_WAIT_MSEC = 100UL * 365 * 24 * 3600 * 1000;
-
-    const std::chrono::milliseconds wait(std::min(msec, LONGEST_WAIT_MSEC));
-    return answer.wait_until(std::chrono::steady_clock::now() + wait) == std::future_status::ready;
-}
-
-namespace {
-
-/// Sends @p request ahead of the ordinary events and lets go of the sender's share of the reply: a
-/// request that is deleted from the queue then breaks its promise, instead of leaving the requester
-/// to wait for it.
-bool SendRequest(TSEvent* request)
-{
-    const bool sent = TCTask::Send(request, false, true);
-    request->wrappedData.reset();
-    return sent;
-}
-
-} // namespace
 
 bool TCTask::IsPaused()
 {
-    std::lock_guard<std::mutex> lock(m_pauseRequestMutex);
+    const PauseCall call(this);
+    if (IsCaller()) {
+        return m_paused.load(); // only this thread changes it; whoever pauses may be waiting for it
+    }
+    const std::lock_guard<std::mutex> lock(m_pauseRequestMutex);
     return m_paused.load();
 }
 
@@ -64,18 +66,21 @@ bool TCTask::IsPaused()
 // request mutex keeps a resume from coming between the two halves of a pause.
 bool TCTask::Pause()
 {
+    /// Bounds how long a pause outlives a task that cannot answer any more: no human notices it,
+    /// and what a look costs vanishes beside it.
     constexpr std::chrono::milliseconds ENDED_TASK_CHECK(50);
 
     ZOR_LOG(true, DLOG_FATAL, "[pause_resume] Begin");
     TCASSERT(FlagCreate() == true);
-    std::lock_guard<std::mutex> lock(m_pauseRequestMutex);
+    const PauseCall call(this);
+    const std::lock_guard<std::mutex> lock(m_pauseRequestMutex);
     if (m_paused.load()) {
         ZOR_LOG(true, DLOG_FATAL, "[pause_resume] Warning already on pause");
         return true;
     }
-    TSEvent request = RequestTo(this, EVENT_PAUSE);
-    std::future<bool> acknowledged = AttachReply(&request);
-    if (!SendRequest(&request)) {
+    TSEvent request = zor::RequestTo(this, EVENT_PAUSE);
+    std::future<bool> acknowledged = zor::AttachReply(&request);
+    if (!zor::SendRequest(&request)) {
         ZOR_LOG(true, DLOG_FATAL, "[pause_resume] Sending pause failed.");
         return false;
     }
@@ -97,7 +102,7 @@ bool TCTask::OnPause(const TSEvent* event)
     ZOR_LOG(true, DLOG_FATAL, "[pause_resume]");
     TCASSERT(FlagCreate() == true);
     TCASSERT(event != NULL);
-    const auto acknowledgement = std::dynamic_pointer_cast<TaskReply>(event->wrappedData);
+    const auto acknowledgement = std::dynamic_pointer_cast<zor::TaskReply>(event->wrappedData);
     m_resumePromise = std::make_unique<std::promise<bool>>();
     const std::future<bool> resumed = m_resumePromise->get_future();
     t_OnPause(event);
@@ -137,14 +142,21 @@ bool TCTask::ResumeAsync()
 {
     ZOR_LOG(true, DLOG_FATAL, "[pause_resume] BEGIN");
     TCASSERT(FlagCreate() == true);
-    std::lock_guard<std::mutex> requestLock(m_pauseRequestMutex);
+    const PauseCall call(this);
+    std::unique_lock<std::mutex> requestLock(m_pauseRequestMutex, std::defer_lock);
+    // Only the task's own thread changes the flag, so on it the answer is known; whoever pauses may
+    // be waiting for it to go on.
+    const bool runsHere = IsCaller() && !m_paused.load();
+    if (!runsHere) {
+        requestLock.lock();
+    }
     if (!m_paused.load()) {
         ZOR_LOG(true, DLOG_FATAL, "[pause_resume] Resume WARNING Task was not in pause state.");
         return false;
     }
     m_resumePromise->set_value(true);
     // The task holds this mutex until it has left the pause.
-    std::lock_guard<std::mutex> waitLock(m_pauseWaitMutex);
+    const std::lock_guard<std::mutex> waitLock(m_pauseWaitMutex);
     ZOR_LOG(true, DLOG_FATAL, "[pause_resume] END");
     return true;
 }
@@ -173,17 +185,17 @@ bool TCTask::Ping(TCTask* task, unsigned long msec)
     {
         // Held from the look-up until the request is queued: the task cannot be destroyed
         // meanwhile.
-        const zor::MutexLock lock(&TCTaskList::m_mutex);
-        if (!TCTaskList::Find(task)) {
+        const zor::TaskListUse registry;
+        if (!registry.Find(task)) {
             return false;
         }
         paused = task->m_paused.load();
         if (!paused) {
-            TSEvent request = RequestTo(task, EVENT_PING);
+            TSEvent request = zor::RequestTo(task, EVENT_PING);
             if (msec != 0) {
-                answer = AttachReply(&request);
+                answer = zor::AttachReply(&request);
             }
-            if (!SendRequest(&request)) {
+            if (!zor::SendRequest(&request)) {
                 return false;
             }
         }
@@ -192,7 +204,7 @@ bool TCTask::Ping(TCTask* task, unsigned long msec)
         ZOR_LOG(false, DLOG_INFO, "[pause_resume] Task is on pause skip sending ping.");
         return true;
     }
-    return msec == 0 || IsAnsweredWithin(answer, msec);
+    return msec == 0 || zor::IsAnsweredWithin(answer, msec);
 }
 
 bool TCTask::Ping(unsigned long msec)
@@ -205,30 +217,30 @@ bool TCTask::Ping(unsigned long msec)
     if (Id() == TCThreadSelf::Id()) {
         return false; // it could never answer itself
     }
-    TSEvent request = RequestTo(this, EVENT_PING);
-    const std::future<bool> answer = AttachReply(&request);
-    return SendRequest(&request) && IsAnsweredWithin(answer, msec);
+    TSEvent request = zor::RequestTo(this, EVENT_PING);
+    const std::future<bool> answer = zor::AttachReply(&request);
+    return zor::SendRequest(&request) && zor::IsAnsweredWithin(answer, msec);
 }
 
 bool TCTask::ClearQueue(TCTask* task, unsigned long msec)
 {
     std::future<bool> answer;
     {
-        const zor::MutexLock lock(&TCTaskList::m_mutex);
-        if (!TCTaskList::Find(task)) {
+        const zor::TaskListUse registry;
+        if (!registry.Find(task)) {
             return false;
         }
         if (task->m_paused.load()) {
             ZOR_LOG(false, DLOG_FATAL, "[pause_resume] Failed - called on pause.");
             return false;
         }
-        TSEvent request = RequestTo(task, EVENT_CLEAR_QUEUE);
-        answer = AttachReply(&request);
-        if (!SendRequest(&request)) {
+        TSEvent request = zor::RequestTo(task, EVENT_CLEAR_QUEUE);
+        answer = zor::AttachReply(&request);
+        if (!zor::SendRequest(&request)) {
             return false;
         }
     }
-    return IsAnsweredWithin(answer, msec);
+    return zor::IsAnsweredWithin(answer, msec);
 }
 
 bool TCTask::OnPing(const TSEvent* event)
@@ -238,7 +250,7 @@ bool TCTask::OnPing(const TSEvent* event)
     if (m_watchdogTime != 0) {
         NotifyWatchdog();
     }
-    const auto reply = std::dynamic_pointer_cast<TaskReply>(event->wrappedData);
+    const auto reply = std::dynamic_pointer_cast<zor::TaskReply>(event->wrappedData);
     if (reply != nullptr) {
         reply->data.set_value(true);
     }
@@ -254,7 +266,7 @@ bool TCTask::OnClearQueue(const TSEvent* event)
     // it, and ends the process by std::bad_cast.
     ZOREventDataBase none;
     ZOREventDataBase& attached = event->wrappedData != nullptr ? *event->wrappedData : none;
-    dynamic_cast<TaskReply&>(attached).data.set_value(true);
+    dynamic_cast<zor::TaskReply&>(attached).data.set_value(true);
     return result;
 }
 

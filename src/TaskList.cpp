@@ -1,12 +1,13 @@
 #include <cstring>
 
-#include "MutexLock.h"
 #include "Task.h"
-#include "TaskListEntry.h"
+#include "TaskListUse.h"
 
 TCMutex& TCTaskList::m_mutex = *new TCMutex;
 std::list<const TCTask*>& TCTaskList::m_taskList = *new std::list<const TCTask*>;
 std::list<const TCTask*>::iterator TCTaskList::m_currentTask = TCTaskList::m_taskList.end();
+
+zor::UseGate zor::TaskListUse::GATE;
 
 bool TCTaskList::FlagInitialize()
 {
@@ -56,19 +57,16 @@ void TCTaskList::Finalize()
     m_taskList.clear();
     m_currentTask = m_taskList.end();
     m_mutex.Unlock();
+    // Tasks that still run may be on their way to the lock. They may also hold it and come again,
+    // so they are waited for without it.
+    const zor::UseGate::Closure closure(&zor::TaskListUse::GATE);
     m_mutex.Destroy();
-}
-
-/// Belongs to the binary interface; tasks use an entry that they have made beforehand.
-void TCTaskList::Register(const TCTask* task)
-{
-    TaskListEntry(task).Enter();
 }
 
 void TCTaskList::Unregister(const TCTask* task)
 {
-    const zor::MutexLock lock(&TCTaskList::m_mutex);
-    if (Find(task)) {
+    const zor::TaskListUse registry;
+    if (registry.Find(task)) {
         m_currentTask = m_taskList.erase(m_currentTask);
     }
 }

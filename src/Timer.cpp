@@ -1,11 +1,9 @@
 #include "Timer.h"
 
-#include <new>
 #include <utility>
 
 #include "Debug.h"
 #include "Immortal.h"
-#include "MutexLock.h"
 #include "Task.h"
 
 namespace {
@@ -33,7 +31,7 @@ ITimer::~ITimer() = default;
 class TCTimer::TCTimerHandler : public TCHandler
 {
  public:
-    using Carrier = ZORManagedEventData<std::unique_ptr<TCTimerHandler>>;
+    using Carrier = zor::ReleasedData<std::unique_ptr<TCTimerHandler>>;
 
     explicit TCTimerHandler(const ITimer::TimerHandlerParams& params)
         : m_listener(params.listener),
@@ -84,21 +82,6 @@ class TCTimer::TCTimerHandler : public TCHandler
     void* m_userData;
     std::shared_ptr<Carrier> m_carrier; ///< made beforehand: stopping a timer must not fail
 };
-
-namespace {
-
-/// Whether @p event is on its way: not if the queue is full, or memory is short for what it is
-/// stamped with.
-bool IsSent(TSEvent* event)
-{
-    try {
-        return TCTask::Send(event, false, true);
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-}
-
-} // namespace
 
 TCTimer::TCTimer() : m_timerId(TCTimersScheduler::INVALID_TIMER_ID) {}
 
@@ -151,14 +134,13 @@ bool TCTimer::Resume()
     return m_scheduler.ResumeTimer(m_timerId);
 }
 
-// Why the handler travels, and why the queue is locked around its departure:
+// Why the handler travels:
 //
-//   stopper:  DestroyTimer -- delete queued firings -- send [handler] -- release own share
-//   task:          listener runs with the handler ..................|-- take event, release it
+//   stopper:  DestroyTimer -- delete queued firings -- send [handler]
+//   task:          listener runs with the handler .................|-- takes, releases
 //
 // The task may be in the listener at this very moment, so only the task can know when the handler
-// is done with. And the last to let go of the event destroys the handler: without the lock the task
-// could take and release the event first, and the handler would die on the stopping thread.
+// is done with.
 void TCTimer::m_Stop()
 {
     if (m_handler == nullptr || !m_scheduler.DestroyTimer(m_timerId)) {
@@ -166,15 +148,6 @@ void TCTimer::m_Stop()
     }
     TCTask* const task = m_handler->Task();
     task->Delete(m_handler.get(), nullptr);
-    {
-        const zor::MutexLock lock(task);
-        TSEvent event;
-        event.type = TCTask::EVENT_RESUME;
-        event.receiver = task;
-        event.wrappedData = TCTimerHandler::Attach(std::move(m_handler));
-        if (!IsSent(&event)) {
-            task->ReleaseLaterLocked(std::move(event.wrappedData));
-        }
-    }
+    task->ReleaseOnThread(TCTimerHandler::Attach(std::move(m_handler)));
     m_timerId = TCTimersScheduler::INVALID_TIMER_ID;
 }

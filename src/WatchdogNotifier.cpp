@@ -1,9 +1,10 @@
 #include "WatchdogNotifier.h"
 
 #include "Debug.h"
-#include "MutexLock.h"
 #include "Task.h"
 #include "TaskList.h"
+#include "TaskListUse.h"
+#include "ZorServiceDebugOverlay.h"
 
 namespace {
 
@@ -16,7 +17,10 @@ TCWatchdogNotifier* TCWatchdogNotifier::m_pInstance = nullptr;
 
 TCWatchdogNotifier::TCWatchdogNotifier() : m_active(true)
 {
-    TCThread::Create("WatchdogNotifier", STACK_SIZE);
+    if (!TCThread::Create("WatchdogNotifier", STACK_SIZE)) {
+        ZOR_LOG(true, DLOG_FATAL,
+                "No thread for the watchdog notifier: supervised tasks will be reported as hung.");
+    }
 }
 
 TCWatchdogNotifier::~TCWatchdogNotifier()
@@ -71,8 +75,8 @@ void TCWatchdogNotifier::t_Main()
 /// registry's lock is free again; the ping looks it up anew.
 TCTask* TCWatchdogNotifier::m_NextTaskToNotify()
 {
-    const zor::MutexLock lock(&TCTaskList::m_mutex);
-    while (m_nextTask < TCTaskList::m_taskList.size()) {
+    const zor::TaskListUse registry;
+    while (m_nextTask < registry.Size()) {
         TCTaskList::Seek(static_cast<int>(m_nextTask++));
         TCTask* const task = TCTaskList::Task();
         if (task != nullptr && task->m_running.load(std::memory_order_relaxed) &&

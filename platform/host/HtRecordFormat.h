@@ -77,6 +77,9 @@ struct TSArgument
 };
 static_assert(sizeof(TSArgument) == 4);
 
+/// The greatest CPU time that a record can tell; about three days.
+constexpr std::uint64_t LONGEST_CPU_NSEC = (UINT64_C(1) << 48) - 1;
+
 /// Set if items found no room in the record.
 constexpr std::uint8_t RECORD_TRUNCATED = 1;
 
@@ -91,12 +94,12 @@ struct TSRecordHeader
     std::uint64_t timeNsec; ///< monotonic
     std::uint8_t kind;
     std::uint8_t flags;
-    std::uint16_t reserved;
+    std::uint16_t cpuNsecHigh; ///< CPU time of the call, bits 32 to 47, in a record after it
     std::uint32_t location;
     std::uint32_t session;
     std::uint32_t thread;       ///< the kernel's id
     std::uint32_t threadHandle; ///< low 32 bits of the pthread_t: what events name as their sender
-    std::uint32_t reserved2;
+    std::uint32_t cpuNsecLow;   ///< the lower 32 bits
     char threadName[NAME_SIZE];
 };
 static_assert(sizeof(TSRecordHeader) == 72);

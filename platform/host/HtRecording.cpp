@@ -1,6 +1,7 @@
 #include <cxxabi.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -35,6 +36,9 @@ class TCHostStorageManager final : public TIStorageManager
 };
 
 TCHostStorageManager g_manager;
+
+/// What the thread's last measurement took: that of the call which is recorded next.
+thread_local std::uint64_t t_lastCpuNsec = 0;
 
 /// Reads the environment while the program is loaded, before it has a second thread.
 struct TSStart
@@ -95,6 +99,11 @@ TSCallItemHelper::TSCallItemHelper(TCStorage* /*storage*/, int kind, unsigned in
     header.kind = static_cast<std::uint8_t>(kind);
     header.location = location;
     header.timeNsec = zorhost::NowNsec(CLOCK_MONOTONIC);
+    if (kind == AFTER_CALL) {
+        const std::uint64_t cpuNsec = std::min(t_lastCpuNsec, zorhost::format::LONGEST_CPU_NSEC);
+        header.cpuNsecHigh = static_cast<std::uint16_t>(cpuNsec >> 32);
+        header.cpuNsecLow = static_cast<std::uint32_t>(cpuNsec);
+    }
     memcpy(m_record, &header, sizeof(header));
 }
 
@@ -145,6 +154,9 @@ void TSCallItemHelper::AddNull(const void* /*pointer*/)
 
 void TSCPUStatisticHelper::Start()
 {
+    // Relaxed: see TIStorageManagerState. Nobody would read what is measured otherwise.
+    if (!TIStorageManagerState::enabled.load(std::memory_order_relaxed))
+        return;
     m_startNsec = zorhost::NowNsec(CLOCK_THREAD_CPUTIME_ID);
     m_started = true;
 }
@@ -152,6 +164,7 @@ void TSCPUStatisticHelper::Start()
 void TSCPUStatisticHelper::Stop()
 {
     m_statistic->cpuNsec = zorhost::NowNsec(CLOCK_THREAD_CPUTIME_ID) - m_startNsec;
+    t_lastCpuNsec = m_statistic->cpuNsec;
 }
 
 void TCDirection::Reset()

@@ -77,6 +77,17 @@ void Note(TSTrapItem* item, unsigned int index, std::int64_t value)
     item->known |= 1U << index;
 }
 
+/// Whether the call had every value that the condition asks for. Of one that it has not, nothing
+/// can hold.
+bool HasAllValues(const TSTrapItem& item)
+{
+    for (unsigned int i = 0; i < TSTrapCondition::VALUES; ++i) {
+        if (item.condition->ItemExists(i) && (item.known >> i & 1U) == 0)
+            return false;
+    }
+    return true;
+}
+
 void Evaluate(TSTrapItem* item, const TSTrapTest& test, std::int64_t value)
 {
     Note(item, test.index, value);
@@ -292,7 +303,7 @@ void TCTrapPattern::AddItemToQueue(const TSTrapItem& item)
     const TSTrapCondition& condition = *item.condition;
     const std::uint64_t evaluated =
         condition.m_evaluated.fetch_add(1, std::memory_order_relaxed) + 1;
-    if (!item.matches)
+    if (!item.matches || !HasAllValues(item))
         return;
     const std::uint64_t matched = condition.m_matched.fetch_add(1, std::memory_order_relaxed) + 1;
     char values[256];

@@ -52,12 +52,13 @@ struct ZOR_PLATFORM_API TSDemangler
 class TCStorage;
 
 /// One record of one call while it is being made. It lives on the stack of the call that it is
-/// about, belongs to one thread and uses no heap. It is stamped with the time of its construction.
+/// about, belongs to one thread and uses no heap. It is stamped with the time of its construction;
+/// one of kind AFTER_CALL also with the CPU time that the thread's last TSCPUStatisticHelper took.
 class ZOR_PLATFORM_API TSCallItemHelper
 {
  public:
     static constexpr int BEFORE_CALL = 2; ///< kind of a record that has the arguments
-    static constexpr int AFTER_CALL = 3;  ///< kind of a record that has result and CPU time (ns)
+    static constexpr int AFTER_CALL = 3;  ///< kind of a record that has the result
 
     /// Bytes of a whole record; arguments that find no room are left out, and the record says so.
     static constexpr std::size_t RECORD_SIZE = 384;
@@ -127,7 +128,7 @@ class ZOR_PLATFORM_API TSCPUStatisticHelper
     TSCPUStatisticHelper(const TSCPUStatisticHelper&) = delete;
     TSCPUStatisticHelper& operator=(const TSCPUStatisticHelper&) = delete;
 
-    /// Begins to measure; without it nothing is stored.
+    /// Begins to measure, if calls are recorded; without it nothing is stored.
     void Start();
 
  private:

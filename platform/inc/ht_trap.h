@@ -40,7 +40,8 @@ struct ZOR_PLATFORM_API TSTrapTest
         GREATER_OR_EQUAL,
     };
 
-    /// @param index     0 for the result, n for the n-th argument (from 1)
+    /// @param index     0 for the result, n for the n-th argument (from 1); a call that has no such
+    ///                  argument does not meet the condition
     /// @param relation  holds between the call's value (left) and the given one (right)
     static TSTrapTest Signed(unsigned int index, ERelation relation, std::int64_t value);
 
@@ -172,7 +173,9 @@ class ZOR_PLATFORM_API TCTrapPattern
     /// The condition of a normalised key; null if there is none.
     std::shared_ptr<const TSTrapCondition> FindTrapCondition(const TCTrapKey& key) const;
 
-    /// Takes a finished item, matching or not: counts it and logs a match.
+    /// Takes a finished item, matching or not: counts it and logs a match. An item whose condition
+    /// compares a value that has not been evaluated, because the call has no such argument, is no
+    /// match.
     void AddItemToQueue(const TSTrapItem& item);
 
  private:

@@ -10,6 +10,7 @@ constexpr int NEVER = -1;
 /// Allocations of the thread until one fails, and whether one has.
 thread_local int tLeft = NEVER;
 thread_local bool tHappened = false;
+thread_local bool tFollowingToo = false;
 
 Seam<void*(std::size_t)> newSeam("_Znwm");
 Seam<void*(std::size_t)> newArraySeam("_Znam");
@@ -22,7 +23,8 @@ bool Fails()
     if (tLeft == NEVER || tLeft-- > 0) {
         return false;
     }
-    tHappened = true; // and tLeft has become NEVER
+    tHappened = true;
+    tLeft = tFollowingToo ? 0 : NEVER;
     FaultCase::Injected();
     return true;
 }
@@ -64,9 +66,10 @@ const Takeover gNothrow(nothrowNewSeam, AllocateOrNull);
 
 } // namespace
 
-AllocationFault::AllocationFault(int number)
+AllocationFault::AllocationFault(int number, EExtent extent)
 {
     tHappened = false;
+    tFollowingToo = extent == ALL_FOLLOWING;
     tLeft = number;
 }
 

@@ -11,7 +11,13 @@ namespace zortest {
 class AllocationFault
 {
  public:
-    explicit AllocationFault(int number);
+    enum EExtent
+    {
+        ONE,
+        ALL_FOLLOWING, ///< those behind it fail too
+    };
+
+    explicit AllocationFault(int number, EExtent extent = ONE);
     ~AllocationFault();
 
     AllocationFault(const AllocationFault&) = delete;

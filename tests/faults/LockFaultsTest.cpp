@@ -109,22 +109,6 @@ TEST_F(LockFaultsTest, PauseAndResumeThrowAndDoNothing)
     });
 }
 
-TEST_F(LockFaultsTest, MultiQueueTaskIsNotCreated)
-{
-    const FaultCase fault("pthread_mutex_lock", "TCMultiQTask::Create",
-                          "std::system_error; own queue and handler are undone and there is no "
-                          "thread; further queues and the notify semaphore stay");
-    static auto* const kept = new TwoQueueTask; // its notify semaphore would be asserted
-    {
-        const UnlockableInside fails(kept);
-        EXPECT_EQ(ErrorOf([] { kept->Start(); }), EAGAIN);
-    }
-    ExpectUndone(*kept);
-    TwoQueueTask task;
-    ASSERT_TRUE(task.Start());
-    task.End();
-}
-
 TEST_F(LockFaultsTest, MutexOfTheSemaphoresIsWaitedForWhenTriesFail)
 {
     const FaultCase fault("pthread_mutex_trylock", "TCSemaphore (every operation)",

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "AllocationFault.h"
+#include "DeprecatedPing.h"
 #include "Queue.h"
 #include "RWLock.h"
 #include "Sync.h"
@@ -169,7 +170,8 @@ TEST_F(TaskMemoryFaultsTest, PingsThrowAndLockNothing)
     ASSERT_TRUE(m_task.Start());
     FailEachAllocation([this] { return TCTask::Ping(&m_task, LONG_WAIT_MSEC); },
                        [this] { ExpectFree(); });
-    FailEachAllocation([this] { return m_task.Ping(LONG_WAIT_MSEC); }, [this] { ExpectFree(); });
+    FailEachAllocation([this] { return DeprecatedPing(&m_task, LONG_WAIT_MSEC); },
+                       [this] { ExpectFree(); });
 }
 
 TEST_F(TaskMemoryFaultsTest, ClearQueueThrowsAndLocksNothing)

@@ -13,6 +13,7 @@
 #include "LogSeam.h"
 #include "RWLockSeams.h"
 #include "TaskSupport.h"
+#include "ThreadNames.h"
 #include "ThreadSeams.h"
 #include "TwoQueueTask.h"
 
@@ -29,11 +30,11 @@ enum Semaphore
     NOTIFY_SEMAPHORE,
     FURTHER_QUEUE_LOCK,
     FURTHER_QUEUE_COUNT,
-    START_GATE,
-    EXIT_GATE,
-    PID_SYNC,
     FIRST_NOTIFIERS_GATE,
     SECOND_NOTIFIERS_GATE = FIRST_NOTIFIERS_GATE + 3,
+    START_GATE = SECOND_NOTIFIERS_GATE + 3,
+    EXIT_GATE,
+    PID_SYNC,
 };
 
 class MultiQTaskFaultsTest : public ::testing::Test
@@ -110,37 +111,27 @@ TEST_F(MultiQTaskFaultsTest, WithoutAFurtherQueueCreateFails)
 
 TEST_F(MultiQTaskFaultsTest, WithoutItsThreadCreateFails)
 {
-    const FaultCase fault("pthread_cond_init", "TCMultiQTask::Create (calls 6 to 8: thread)",
-                          "`Create()` is false, own queue and handler are undone; further queues "
-                          "and the notify semaphore stay created");
+    const FaultCase fault("pthread_cond_init", "TCMultiQTask::Create (calls 12 to 14: thread)",
+                          "`Create()` is false, notify threads, own queue and handler are undone; "
+                          "further queues and the notify semaphore stay created");
     for (const Semaphore number : {START_GATE, EXIT_GATE, PID_SYNC}) {
         ExpectRemainsWithout(number);
     }
     ExpectWorks();
 }
 
-TEST_F(MultiQTaskFaultsTest, QueueWithoutItsNotifyThreadWaitsForTheOthers)
+TEST_F(MultiQTaskFaultsTest, WithoutAnyOfItsNotifyThreadsCreateFails)
 {
     const FaultCase fault("pthread_cond_init",
-                          "TCMultiQTask::Create (calls 9 to 14: notify threads)",
-                          "`Create()` is true; the queue's events wait until an event of another "
-                          "queue wakes the task, which ends as always");
-    for (const bool first : {true, false}) {
-        TwoQueueTask task;
-        {
-            const FailingCall refused(condInitSeam, EAGAIN,
-                                      first ? FIRST_NOTIFIERS_GATE : SECOND_NOTIFIERS_GATE);
-            ASSERT_TRUE(task.Start());
-            EXPECT_EQ(refused.Failed(), 1);
-        }
-        const unsigned int lame = first ? 0 : 1;
-        EXPECT_TRUE(SendTo(&task, lame, false));
-        EXPECT_TRUE(SendTo(&task, 1 - lame, false));
-        EXPECT_TRUE(SendTo(&task, 1 - lame, false));
-        // Each event of the other queue wakes the task for one event of any.
-        EXPECT_TRUE(Eventually([&] { return task.Size(0) + task.Size(1) == 1; }));
-        task.End(1 - lame);
+                          "TCMultiQTask::Create (calls 6 to 11: notify threads)",
+                          "`Create()` is false, notify threads, own queue and handler are undone "
+                          "and no hook has run; further queues and the notify semaphore stay "
+                          "created");
+    for (int gate = FIRST_NOTIFIERS_GATE; gate < START_GATE; ++gate) {
+        ExpectRemainsWithout(static_cast<Semaphore>(gate));
     }
+    EXPECT_TRUE(Eventually([] { return CountThreadsNamed("MQEventNotify") == 0; }));
+    ExpectWorks();
 }
 
 /// What the process of a death test says of the assertions that failed there.
@@ -155,36 +146,39 @@ std::string Listed(const std::vector<std::string>& failed)
 
 using MultiQTaskFaultsDeathTest = MultiQTaskFaultsTest;
 
-TEST_F(MultiQTaskFaultsDeathTest, RefusedNotifyThreadIsAssertedAgainWhenItIsTakenDown)
+TEST_F(MultiQTaskFaultsDeathTest, RefusedNotifyThreadIsAssertedAndNothingRuns)
 {
-    const FaultCase fault("pthread_create", "TCMultiQTask::Create (call 3, second notify thread)",
-                          "asserts \"0\", `Create()` is true; taking the task down asserts "
-                          "\"FlagCreate() == false\" of what stays of the thread");
+    const FaultCase fault("pthread_create", "TCMultiQTask::Create (calls 1, 2: notify threads)",
+                          "asserts \"0\", and \"FlagCreate() == false\" of what stays of the "
+                          "thread; `Create()` is false, notify threads, own queue and handler are "
+                          "undone");
     // In a process of its own, because what stays is lost.
-    EXPECT_FAULT_EXIT(
-        {
-            const std::vector<std::string> failed = AssertionsOf([this] {
-                {
-                    const FailingCall create(pthreadCreateSeam, EAGAIN, 2);
-                    EXPECT_TRUE(m_task.Start());
-                }
-                m_task.End();
-            });
-            fprintf(stderr, "%s\n", Listed(failed).c_str());
-            _exit(HasFailure() ? 1 : 0);
-        },
-        ::testing::ExitedWithCode(0),
-        ::testing::HasSubstr("failed: [0] [FlagCreate() == false]\n"));
+    for (const int number : {0, 1}) {
+        EXPECT_FAULT_EXIT(
+            {
+                const std::vector<std::string> failed = AssertionsOf([&] {
+                    const FailingCall create(pthreadCreateSeam, EAGAIN, number);
+                    EXPECT_FALSE(m_task.Start());
+                });
+                ExpectUndone(m_task);
+                EXPECT_TRUE(Eventually([] { return CountThreadsNamed("MQEventNotify") == 0; }));
+                fprintf(stderr, "%s\n", Listed(failed).c_str());
+                _exit(HasFailure() ? 1 : 0);
+            },
+            ::testing::ExitedWithCode(0),
+            ::testing::HasSubstr("failed: [0] [FlagCreate() == false]\n"));
+    }
     ExpectWorks();
 }
 
 TEST_F(MultiQTaskFaultsTest, RefusedThreadIsAssertedAndUndoesQueueAndHandler)
 {
-    const FaultCase fault("pthread_create", "TCMultiQTask::Create (call 1, task's thread)",
-                          "asserts \"0\"; `Create()` is false, own queue and handler are undone");
+    const FaultCase fault("pthread_create", "TCMultiQTask::Create (call 3, task's thread)",
+                          "asserts \"0\"; `Create()` is false, notify threads, own queue and "
+                          "handler are undone");
     static auto* const refused = new TwoQueueTask;
     EXPECT_THAT(AssertionsOf([] {
-                    const FailingCall create(pthreadCreateSeam, EAGAIN);
+                    const FailingCall create(pthreadCreateSeam, EAGAIN, 2);
                     EXPECT_FALSE(refused->Start());
                 }),
                 ElementsAre("0"));

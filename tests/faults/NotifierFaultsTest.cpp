@@ -22,6 +22,16 @@ class NotifierFaultsTest : public ::testing::Test
  protected:
     NotifierFaultsTest() { ClearLog(); }
 
+    /// One entry says what the lack of the thread means.
+    static void ExpectTold()
+    {
+        const std::vector<LogLine> lines =
+            LogLinesWith("supervised tasks will be reported as hung");
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines[0].priority, DLOG_FATAL);
+        ClearLog();
+    }
+
     const TaskRuntime m_runtime;
     // The thread of the instance that is made in the end has nothing to wait for.
     const Takeover<void(unsigned long)> m_sleep{sleepMsSeam,
@@ -31,14 +41,15 @@ class NotifierFaultsTest : public ::testing::Test
 TEST_F(NotifierFaultsTest, WithoutAnySemaphoreThereIsNoThread)
 {
     const FaultCase fault("pthread_cond_init", "TCWatchdogNotifier::Init (calls 1 to 3)",
-                          "there is an instance without a thread, which nothing tells; `Exit()` "
-                          "removes it");
+                          "there is an instance without a thread, which is logged at FATAL; "
+                          "`Exit()` removes it");
     for (int number = 0; number < 3; ++number) {
         {
             const FailingCall refused(condInitSeam, EAGAIN, number);
             TCWatchdogNotifier::Init();
             EXPECT_EQ(refused.Failed(), 1);
         }
+        ExpectTold();
         EXPECT_FALSE(TCWatchdogNotifier::Instance()->FlagCreate());
         TCWatchdogNotifier::Exit();
     }
@@ -50,13 +61,14 @@ TEST_F(NotifierFaultsTest, WithoutAnySemaphoreThereIsNoThread)
 TEST_F(NotifierFaultsTest, WithoutMemoryForAnySemaphoreThereIsNoThread)
 {
     const FaultCase fault("operator new (nothrow)", "TCWatchdogNotifier::Init (calls 1 to 3)",
-                          "there is an instance without a thread, which nothing tells; `Exit()` "
-                          "removes it");
+                          "there is an instance without a thread, which is logged at FATAL; "
+                          "`Exit()` removes it");
     for (int number = 0; number < 3; ++number) {
         const FailingCall noMemory(nothrowNewSeam, nullptr, number);
         TCWatchdogNotifier::Init();
         EXPECT_FALSE(TCWatchdogNotifier::Instance()->FlagCreate());
         TCWatchdogNotifier::Exit();
+        ExpectTold();
     }
 }
 
@@ -64,9 +76,10 @@ using NotifierFaultsDeathTest = NotifierFaultsTest;
 
 TEST_F(NotifierFaultsDeathTest, RefusedThreadIsAssertedAtInitAndAtExit)
 {
-    const FaultCase fault("pthread_create", "TCWatchdogNotifier::Init",
-                          "asserts \"0\"; there is an instance without a thread, of which "
-                          "`Exit()` asserts \"FlagCreate() == false\"");
+    const FaultCase fault(
+        "pthread_create", "TCWatchdogNotifier::Init",
+        "asserts \"0\", logged at FATAL; there is an instance without a thread, of which "
+        "`Exit()` asserts \"FlagCreate() == false\"");
     // In a process of its own, because what stays of the thread is lost.
     EXPECT_FAULT_EXIT(
         {

@@ -35,29 +35,18 @@ class MultiQMemoryFaultsTest : public ::testing::Test
 
 TEST_F(MultiQMemoryFaultsTest, TaskIsNotCreatedAndHasNoThread)
 {
-    const FaultCase fault("operator new", "TCMultiQTask::Create (each allocation up to the thread)",
+    const FaultCase fault("operator new", "TCMultiQTask::Create (each allocation)",
                           "std::bad_alloc or false; own queue and handler are undone and there is "
                           "no thread; once they are made the notify semaphore and further queues "
                           "stay");
-    constexpr int NOTIFIERS_SEMAPHORES = 6;
-
     // What stays of some would be asserted by their destructor.
     static auto* const kept = new std::vector<std::unique_ptr<TwoQueueTask>>;
-    int lame = 0; // tasks of which one notify thread is missing
-    FailEachAllocation(
-        [&] {
-            const bool created = m_task->Start();
-            return created && lame == NOTIFIERS_SEMAPHORES;
-        },
-        [&] {
-            if (m_task->FlagCreate()) {
-                m_task->End(lame++ < NOTIFIERS_SEMAPHORES / 2 ? 1 : 0);
-            }
-            ExpectUndone(*m_task);
-            kept->push_back(std::move(m_task));
-            m_task = std::make_unique<TwoQueueTask>();
-        });
-    EXPECT_EQ(lame, NOTIFIERS_SEMAPHORES);
+    FailEachAllocation([&] { return m_task->Start(); },
+                       [&] {
+                           ExpectUndone(*m_task);
+                           kept->push_back(std::move(m_task));
+                           m_task = std::make_unique<TwoQueueTask>();
+                       });
     OnAnotherThread([this] {
         EXPECT_TRUE(SendTo(m_task.get(), 0, true));
         EXPECT_TRUE(SendTo(m_task.get(), 1, true));
@@ -244,6 +233,28 @@ TEST_F(TimerMemoryFaultsTest, TimerIsStoppedWithoutMemoryAndItsHandlerDiesOnTheT
     OnAnotherThread([this] { EXPECT_TRUE(Flush(&m_task)); });
     EXPECT_TRUE(Eventually([this] { return m_releases == 2; }));
     EXPECT_TRUE(pthread_equal(m_releasedBy, taskThread));
+}
+
+TEST_F(TimerMemoryFaultsTest, TimersAreStoppedWhileNoMemoryIsLeftAtAll)
+{
+    const FaultCase fault("operator new", "TCTimer::~TCTimer (every allocation)",
+                          "the handlers are listed in the task, which needs no memory, and die on "
+                          "its thread as always");
+    constexpr int TIMERS = 3;
+    std::vector<TCTimer> timers;
+    for (int i = 0; i < TIMERS; ++i) {
+        timers.emplace_back(m_params);
+    }
+    // So long a name that each event would have to allocate it.
+    TCDebugPrintZOR::GetInstance()->SetAppData("an application with a long name", 7);
+    {
+        const AllocationFault noMemory(0, AllocationFault::ALL_FOLLOWING);
+        timers.clear();
+        EXPECT_TRUE(noMemory.HasHappened());
+    }
+    OnAnotherThread([this] { EXPECT_TRUE(Flush(&m_task)); });
+    EXPECT_TRUE(Eventually([this] { return m_releases == TIMERS; }));
+    EXPECT_FALSE(pthread_equal(m_releasedBy, pthread_self()));
 }
 
 // Recorded sends, in a process of their own: recording is switched on by its environment.

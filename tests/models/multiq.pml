@@ -1,10 +1,12 @@
 /* A multi-queue task: its notify threads, and the take-down while others send.
  *
- * Mirrors TCMultiQTask::CreateThreads, ExecuteEvent, TakeDown, m_Send and Destroy
- * (src/MultiQTask.cpp) and TCEventNotifyThread (src/EventNotifyThread.cpp). There are two queues.
- * One sender sends to each, waiting for the reply or not, the second before or after the take-down;
- * a third sends the exit event, waiting or not, perhaps while the task is still being created, or
- * the thread ends without one.
+ * Mirrors TCMultiQTask::Create, CreateNotifyThreads, ExecuteEvent, TakeDown, m_Send and
+ * DeleteFromFurtherQueues (src/MultiQTask.cpp), TCTask::Destroy (src/Task.cpp) and
+ * TCEventNotifyThread (src/EventNotifyThread.cpp). There are two queues. One sender sends to each,
+ * waiting for the reply or not, the second before or after the take-down; a third sends the exit
+ * event, waiting or not, as soon as the thread runs, or the thread ends without one. A handler that
+ * the events of queue 1 are addressed to may be destroyed at any time, once no more are sent to it,
+ * by the first sender.
  *
  * Abstracted: a put or a get is one step (queue.pml has its inside); all waits are for ever, so that
  * nothing is repaired by a time-out; a shared lock is a number of readers, preferring nobody.
@@ -20,7 +22,6 @@
 #define EXIT_EVENT 2
 
 bool threadStarted;
-bool creationMutex;
 bool table;              /* the array of further queues is the task's */
 byte readers;            /* the queues' lock, shared */
 bool writer;             /* and exclusive */
@@ -40,6 +41,7 @@ byte reply[3];
 bool waits[3];
 byte handled;
 byte sent;
+bool putDone;            /* the event for queue 1 has been put, or refused */
 byte through;            /* senders that will touch the task no more */
 
 proctype Notifier(byte i)
@@ -72,9 +74,6 @@ inline DestroyNotifier(i)
 
 inline TakeDown()
 {
-#ifndef WITHOUT_CREATION_MUTEX
-    atomic { !creationMutex -> creationMutex = true };
-#endif
     if
     :: threadsKnown ->
         atomic { readers == 0 && !writer -> writer = true };
@@ -85,8 +84,7 @@ inline TakeDown()
         queueAlive[1] = false; /* with what it holds */
         notifyAlive = false
     :: else
-    fi;
-    creationMutex = false
+    fi
 }
 
 inline GiveReply(who)
@@ -139,12 +137,16 @@ out:
 /* Creates the task, and destroys it when its users are through with it. */
 proctype Owner()
 {
-    atomic { !creationMutex -> creationMutex = true };
+#ifdef WITHOUT_NOTIFIERS_COMING_FIRST
     run Task();
     threadsKnown = true;
+#endif
     atomic { threadAlive[0] = true; run Notifier(0) };
     atomic { threadAlive[1] = true; run Notifier(1) };
-    creationMutex = false;
+    threadsKnown = true;
+#ifndef WITHOUT_NOTIFIERS_COMING_FIRST
+    run Task();
+#endif
     if
     :: wantsExit ->
         ended; /* the exit gate */
@@ -185,6 +187,34 @@ inline Unlock()
 #endif
 }
 
+/* Destroys the handler that queue 1's events are addressed to, behind the last of them. What they
+ * held may wait for the task's end when it is released.
+ */
+inline DestroyHandler()
+{
+    putDone;
+#ifndef WITHOUT_QUEUE_TABLE_LOCK
+    atomic { !writer -> readers++ };
+#endif
+    found = table;
+    if
+    :: found ->
+        atomic {
+            assert(queueAlive[1]);
+            do
+            :: events[1] > 0 -> events[1]--; handled++; GiveReply(1)
+            :: else -> break
+            od
+        }
+    :: else
+    fi;
+#ifdef WITHOUT_UNLOCKING_BEFORE_THE_RELEASE
+    !wantsExit || ended;
+#endif
+    Unlock();
+    !wantsExit || ended
+}
+
 proctype Sender(byte who; byte q; byte kind)
 {
     bool found;
@@ -196,7 +226,15 @@ proctype Sender(byte who; byte q; byte kind)
     :: else
     fi;
 #endif
-    atomic { Unlock(); through++ };
+    if
+    :: who == 0 && !waits[who] ->
+        Unlock();
+        DestroyHandler();
+        through++;
+        found = false
+    :: else ->
+        atomic { Unlock(); through++; putDone = putDone || who == 1 }
+    fi;
     if
     :: found && waits[who] ->
 end_queue_is_gone:
@@ -231,7 +269,7 @@ init {
         fi
     };
     end_all_done: timeout ->
-    assert(readers == 0 && !writer && !creationMutex && through == 3);
+    assert(readers == 0 && !writer && through == 3);
     if
     :: wantsExit -> assert(ended && !notifyAlive && !queueAlive[0] && !queueAlive[1])
     :: else ->

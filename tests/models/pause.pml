@@ -2,7 +2,7 @@
  *
  * Mirrors TCTask::Pause, OnPause, WaitForResume and ResumeAsync (src/TaskControl.cpp),
  * TCTask::Destroy (src/Task.cpp) and the exit gate of TCThread (src/Thread.cpp). Two threads pause,
- * two resume, one deletes the task's queued requests as clear-queue does, and the owner sends the
+ * one resumes, one deletes the task's queued requests as clear-queue does, and the owner sends the
  * exit event and destroys the task, which may be paused then.
  *
  * Abstracted: the queue holds at most one pause request for each requester, and the exit event,
@@ -11,8 +11,9 @@
  * repeated; so a task is left paused only if nobody resumes it any more, which is what the owner's
  * Destroy() is for.
  *
- * A rule for callers is part of the model: before Destroy() looks whether the task is paused, who
- * has called Pause() or ResumeAsync() has the pause-request mutex, or is through.
+ * A rule for callers is part of the model: a call of Pause() or ResumeAsync() begins before the
+ * task's thread has ended, or before Destroy() is called; and who has paused a task that is being
+ * destroyed resumes it.
  *
  * Claims: everything ends, so nobody waits for an answer that will not come and nobody is left
  * paused; no promise is set twice, and none that is not there; who resumed a task finds it not
@@ -20,7 +21,7 @@
  */
 
 #define REQUESTERS 2
-#define CALLERS 4
+#define CALLERS 3
 #define NONE 0
 #define WAITING 1
 #define SET 2
@@ -31,10 +32,10 @@ bool waitMutex;
 bool paused;
 bool ended;        /* the thread's body has returned */
 bool exitQueued;
-bool destroying;   /* Destroy() has begun to look */
+bool destroying;   /* Destroy() has been called */
 bool destroyed;
 byte callersDone;
-byte atTheDoor;    /* callers that wait for the request mutex */
+byte inside;       /* callers that are counted */
 
 bool queued[REQUESTERS];  /* pause requests in the queue */
 byte acknowledged[REQUESTERS];
@@ -57,25 +58,30 @@ inline Enter()
     atomic {
         if
 #ifdef WITHOUT_CALLS_COMING_FIRST
-        :: true -> atTheDoor++; entered = true
+        :: true ->
 #else
-        :: !destroying -> atTheDoor++; entered = true
-        :: destroying
+        :: ended && destroying
+        :: !ended || !destroying ->
 #endif
+            USE;
+            inside++;
+            entered = true
         fi
     };
     if
     :: entered ->
-        atomic { REQUEST_FREE -> REQUEST_TAKE; atTheDoor-- };
+        atomic { REQUEST_FREE -> REQUEST_TAKE };
         USE
     :: else
     fi
 }
 
+/* Unlocks the mutex, and then is counted no more: the last touch. */
 inline Leave()
 {
     USE;
-    requestMutex = false
+    requestMutex = false;
+    atomic { USE; inside-- }
 }
 
 /* The shares of a request go: what has not been answered is broken. */
@@ -97,6 +103,7 @@ inline WaitForAcknowledgement(i)
         (ended || acknowledged[i] != WAITING);
         if
         :: ended ->
+            USE;
             queued[i] = false; /* Delete() */
             assert(acknowledged[i] != SET);
             break
@@ -104,6 +111,21 @@ inline WaitForAcknowledgement(i)
         fi
 #endif
     od
+}
+
+inline Resume()
+{
+    if
+    :: !paused
+    :: else ->
+        assert(resumePromise == WAITING);
+        resumePromise = SET;
+#ifndef WITHOUT_PAUSE_WAIT_MUTEX
+        atomic { !waitMutex -> waitMutex = true };
+        assert(!paused);
+        waitMutex = false
+#endif
+    fi
 }
 
 proctype Requester(byte i)
@@ -121,22 +143,16 @@ proctype Requester(byte i)
         assert(acknowledged[i] != SET || paused);
         Leave()
     fi;
+    if /* it may have come behind the look of Destroy(), which waits then */
+    :: entered && destroying ->
+        Enter();
+        if
+        :: entered -> Resume(); Leave()
+        :: else
+        fi
+    :: else
+    fi;
     callersDone++
-}
-
-inline Resume()
-{
-    if
-    :: !paused
-    :: else ->
-        assert(resumePromise == WAITING);
-        resumePromise = SET;
-#ifndef WITHOUT_PAUSE_WAIT_MUTEX
-        atomic { !waitMutex -> waitMutex = true };
-        assert(!paused);
-        waitMutex = false
-#endif
-    fi
 }
 
 proctype Resumer()
@@ -213,11 +229,7 @@ proctype Owner()
     fi;
     !patient || callersDone == CALLERS;
     exitQueued = true;
-#ifdef WITHOUT_CALLS_COMING_FIRST
     destroying = true;
-#else
-    atomic { atTheDoor == 0 -> destroying = true };
-#endif
     atomic { REQUEST_FREE -> REQUEST_TAKE }; /* IsPaused() */
     if
     :: paused ->
@@ -228,6 +240,9 @@ proctype Owner()
     :: else -> requestMutex = false
     fi;
     ended; /* the exit gate */
+#ifndef WITHOUT_WAITING_FOR_CALLERS
+    inside == 0;
+#endif
     destroyed = true
 }
 
@@ -236,7 +251,6 @@ init {
         run Task();
         run Requester(0);
         run Requester(1);
-        run Resumer();
         run Resumer();
         run Deleter();
         run Owner()

@@ -1,7 +1,7 @@
 /* A timer is stopped while its task may be in the listener.
  *
  * Mirrors TCTimer::m_Stop and ~TCTimerHandler (src/Timer.cpp), m_FireTimer and DestroyTimer
- * (src/TimersScheduler.cpp), Deliver, ReleaseLaterLocked, ReleaseNow and Destroy (src/Task.cpp).
+ * (src/TimersScheduler.cpp), Deliver, ReleaseOnThread, ReleaseNow and Destroy (src/Task.cpp).
  * The timer fires twice; two other threads may send an event each; the timer is stopped by a
  * thread of its own or by its listener; the task may have ended before, or may end with the
  * handler still in its queue.

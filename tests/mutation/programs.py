@@ -19,6 +19,7 @@ FOR = {
     "src/Thread.cpp": ["ThreadTest", "ThreadUtilTest", "TaskTest"],
     "src/Task.cpp": TASKS + ["SyncTest", "TimerTest:-*TenThousand*"],
     "src/TaskControl.cpp": TASKS,
+    "src/TaskRequest.cpp": TASKS,
     "src/TaskList.cpp": TASKS,
     "src/TimersScheduler.cpp": TIMERS,
 }

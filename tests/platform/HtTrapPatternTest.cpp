@@ -192,6 +192,17 @@ TEST_F(TrapPatternTest, MatchIsLoggedWithItsValuesAndCounted)
     EXPECT_EQ(counts.matched, 1U);
 }
 
+TEST_F(TrapPatternTest, ComparisonOfAnArgumentThatTheCallDoesNotHaveIsNotMet)
+{
+    for (const unsigned int index : {2U, 3U, 4U}) {
+        patterns.SetCondition(KEY, {TSTrapTest::Unsigned(0, TSTrapTest::EQUAL, 1),
+                                    TSTrapTest::Unsigned(index, TSTrapTest::NOT_EQUAL, 7)});
+        Call(true); // which has a result and no more
+        EXPECT_EQ(patterns.Counts(KEY).evaluated, 1u);
+        EXPECT_EQ(patterns.Counts(KEY).matched, 0u);
+    }
+}
+
 TEST_F(TrapPatternTest, CountsBeginAnewWithANewCondition)
 {
     patterns.SetCondition(KEY, {});

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "Actor.h"
+#include "DeprecatedPing.h"
 #include "Worker.h"
 
 namespace storm {
@@ -157,7 +158,7 @@ bool Worker::Ping(Slot* slot)
     const unsigned long wait = Below(&m_random, 4);
     if (OneIn(&m_random, 8)) { // the one that does not ask the registry
         const Use use(&slot->use);
-        return use && slot->actor->Task()->Ping(wait);
+        return use && zortest::DeprecatedPing(slot->actor->Task(), wait);
     }
     return TCTask::Ping(slot->lastTask.load(), wait);
 }

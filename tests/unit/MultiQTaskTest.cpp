@@ -395,17 +395,95 @@ TEST_F(MultiQTaskTest, ApplicationIdentityIsRestoredAroundAnEvent)
 TEST_F(MultiQTaskTest, EventOfADestroyedHandlerIsDropped)
 {
     int handled = 0;
-    {
-        Hold hold(&m_task);
-        FunctionHandler gone([&handled](const TSEvent*) { return ++handled > 0; }, nullptr);
-        gone.Create(&m_task);
-        TSEvent event = EventTo(&gone);
-        EXPECT_TRUE(TCMultiQTask::Send(&event, false, false, 1)); // Destroy() clears queue 0 only
-        gone.Destroy();
-        hold.Release();
-        EXPECT_TRUE(FlushAll());
-    }
+    FunctionHandler gone([&handled](const TSEvent*) { return ++handled > 0; });
+    TSEvent event = EventTo(&gone);
+    EXPECT_TRUE(m_task.Put(&event, false));
+    EXPECT_TRUE(FlushAll());
     EXPECT_EQ(handled, 0);
+}
+
+TEST_F(MultiQTaskTest, DestroyedHandlerTakesItsEventsFromAllQueues)
+{
+    std::vector<std::unique_ptr<Caller>> senders;
+    std::atomic<int> handled{0};
+    Hold hold(&m_task);
+    auto gone = std::make_unique<FunctionHandler>([&](const TSEvent*) { return ++handled > 0; });
+    gone->Create(&m_task);
+    for (unsigned int queue = 0; queue < QUEUES; ++queue) {
+        EXPECT_TRUE(Send(queue, queue));
+        TSEvent event = EventTo(gone.get());
+        EXPECT_TRUE(TCMultiQTask::Send(&event, false, false, queue));
+        senders.push_back(std::make_unique<Caller>([&, queue] {
+            TSEvent synchronous = EventTo(gone.get());
+            EXPECT_TRUE(TCMultiQTask::Send(&synchronous, true, false, queue));
+        }));
+        EXPECT_TRUE(Eventually([&] { return m_task.Size(static_cast<int>(queue)) == 3; }));
+    }
+    gone->Destroy();
+    for (unsigned int queue = 0; queue < QUEUES; ++queue) {
+        EXPECT_EQ(m_task.Size(static_cast<int>(queue)), 1u);
+    }
+    for (const auto& sender : senders) {
+        sender->Join(); // released, and told that the event has been handled
+    }
+    gone.reset();
+    hold.Release();
+    EXPECT_TRUE(FlushAll());
+    EXPECT_THAT(m_trace.Get(), ElementsAre("0", "1", "2", "65535"));
+    EXPECT_EQ(handled, 0);
+}
+
+/// Runs a function of the test's when it is released.
+class ReleaseHook
+{
+ public:
+    explicit ReleaseHook(std::function<void()> hook) : m_hook(std::move(hook)) {}
+    ReleaseHook(ReleaseHook&& other) noexcept : m_hook(std::exchange(other.m_hook, nullptr)) {}
+    ~ReleaseHook()
+    {
+        if (m_hook) {
+            m_hook();
+        }
+    }
+
+    ReleaseHook(const ReleaseHook&) = delete;
+    ReleaseHook& operator=(const ReleaseHook&) = delete;
+    ReleaseHook& operator=(ReleaseHook&&) = delete;
+
+ private:
+    std::function<void()> m_hook;
+};
+
+TEST_F(MultiQTaskTest, WhatADestroyedHandlersEventsHeldIsReleasedWithoutALock)
+{
+    bool ended = false;
+    Hold hold(&m_task);
+    FunctionHandler gone([](const TSEvent*) { return true; });
+    gone.Create(&m_task);
+    {
+        TSEvent event = EventTo(&gone);
+        event.setWrappedData(ReleaseHook([&] {
+            // Ends the task, which takes its queues away, and waits for that.
+            EXPECT_TRUE(Send(0, 0, false, true, TCTask::EVENT_EXIT));
+            hold.Release();
+            ended = Eventually([this] { return m_task.HasEnded(); });
+        }));
+        EXPECT_TRUE(TCMultiQTask::Send(&event, false, false, 1));
+    }
+    gone.Destroy();
+    EXPECT_TRUE(ended);
+    m_task.Destroy();
+}
+
+TEST_F(MultiQTaskTest, SendToAHandlerOfADestroyedTaskIsRefused)
+{
+    FunctionHandler handler([](const TSEvent*) { return true; }, &m_task);
+    m_task.End();
+    TSEvent event = EventTo(&handler);
+    EXPECT_FALSE(TCMultiQTask::Send(&event, false, false, 0));
+    EXPECT_FALSE(TCMultiQTask::Send(&event, false, true, 1));
+    EXPECT_ASSERT_DEATH(TCMultiQTask::Send(&event, true, false, 0), "FlagCreate() == true");
+    ASSERT_TRUE(m_task.Start()); // for the handler's end
 }
 
 TEST_F(MultiQTaskTest, ExitWithFullQueuesEndsTheTask)

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ConsoleSeam.h"
+#include "DeprecatedPing.h"
 #include "Layout.h"
 #include "LogSeam.h"
 #include "TaskAppDataSeam.h"
@@ -333,14 +334,14 @@ class DeprecatedPingTest : public PingTest
 
 TEST_F(DeprecatedPingTest, IsAnsweredByARunningTask)
 {
-    EXPECT_TRUE(m_task.Ping(LONG_MSEC));
+    EXPECT_TRUE(DeprecatedPing(&m_task, LONG_MSEC));
     EXPECT_EQ(Notifications(), 1u);
 }
 
 TEST_F(DeprecatedPingTest, PrintsOnEveryCall)
 {
     for (std::size_t calls = 1; calls <= 3; ++calls) {
-        EXPECT_TRUE(m_task.Ping(LONG_MSEC));
+        EXPECT_TRUE(DeprecatedPing(&m_task, LONG_MSEC));
         EXPECT_EQ(CountLogLines(DEPRECATED), calls);
     }
 }
@@ -349,7 +350,7 @@ TEST_F(DeprecatedPingTest, UnansweredInTimeReturnsFalse)
 {
     {
         Hold hold(&m_task);
-        EXPECT_FALSE(m_task.Ping(SHORT_MSEC));
+        EXPECT_FALSE(DeprecatedPing(&m_task, SHORT_MSEC));
         EXPECT_EQ(m_task.Size(), 1u);
     }
     EXPECT_TRUE(m_watchdog.WaitForNotifications(1));
@@ -358,7 +359,7 @@ TEST_F(DeprecatedPingTest, UnansweredInTimeReturnsFalse)
 TEST_F(DeprecatedPingTest, WithoutWaitingCarriesAPromiseAndReturnsFalse)
 {
     Hold hold(&m_task);
-    EXPECT_FALSE(m_task.Ping(0));
+    EXPECT_FALSE(DeprecatedPing(&m_task, 0));
     const std::optional<TSEvent> ping = TakePing();
     ASSERT_TRUE(ping.has_value());
     EXPECT_NE(dynamic_cast<Promise*>(ping->wrappedData.get()), nullptr);
@@ -369,7 +370,7 @@ TEST_F(DeprecatedPingTest, PausedTaskIsSkippedAndReportedAlive)
     ASSERT_TRUE(m_task.Pause());
     ClearLog();
     const LogRecord record;
-    EXPECT_TRUE(m_task.Ping(LONG_MSEC));
+    EXPECT_TRUE(DeprecatedPing(&m_task, LONG_MSEC));
     EXPECT_THAT(PauseLines(record),
                 Contains("false 4 [pause_resume] Deprecated ping skip on pause").Times(1));
     EXPECT_EQ(CountLogLines(DEPRECATED), 1u);
@@ -384,7 +385,7 @@ TEST_F(DeprecatedPingTest, OnTheTasksOwnThreadReturnsFalseWithoutSending)
     Gate done;
     FunctionHandler handler(
         [&](const TSEvent*) {
-            answered = m_task.Ping(LONG_MSEC);
+            answered = DeprecatedPing(&m_task, LONG_MSEC);
             queued = m_task.Size();
             done.Pass();
             return true;
@@ -401,13 +402,13 @@ TEST_F(DeprecatedPingTest, FullQueueReturnsFalse)
 {
     Hold hold(&m_task);
     FillQueue(&m_task);
-    EXPECT_FALSE(m_task.Ping(LONG_MSEC));
+    EXPECT_FALSE(DeprecatedPing(&m_task, LONG_MSEC));
 }
 
 TEST_F(DeprecatedPingTest, NeedsNoRegistry)
 {
     const RegistryLock lock;
-    Caller caller([this] { EXPECT_TRUE(m_task.Ping(LONG_MSEC)); });
+    Caller caller([this] { EXPECT_TRUE(DeprecatedPing(&m_task, LONG_MSEC)); });
     caller.Join();
 }
 

@@ -141,6 +141,37 @@ TEST_F(SyncTest, EntriesAreFreeAfterCreate)
     EXPECT_EQ(EntriesInUse(), 0);
 }
 
+TEST_F(SyncTest, DestroyWaitsForThoseWhoUseTheTable)
+{
+    for (int round = 0; round < 20; ++round) {
+        std::atomic<int> calls{0};
+        std::atomic<bool> gone{false};
+        AssertionsOf([&] { // that the table is gone
+            std::vector<std::thread> users;
+            for (int i = 0; i < 3; ++i) {
+                users.emplace_back([&] {
+                    PTSyncDetInfo info;
+                    while (!gone) {
+                        const int index = TCSyncDet::Add(&info);
+                        if (index >= 0) {
+                            TCSyncDet::Remove(index);
+                        }
+                        ++calls;
+                    }
+                });
+            }
+            EXPECT_TRUE(Eventually([&] { return calls >= 100; }));
+            EXPECT_TRUE(TCSyncDet::Destroy());
+            gone = true;
+            for (std::thread& user : users) {
+                user.join();
+            }
+        });
+        EXPECT_EQ(TCSyncDet::m_arrPCSyncDet, nullptr);
+        ASSERT_TRUE(TCSyncDet::Create());
+    }
+}
+
 TEST_F(SyncTest, CreateAfterDestroyStartsWithFreeEntries)
 {
     Fill();

@@ -1,9 +1,9 @@
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <climits>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -218,23 +218,6 @@ TEST_F(TaskListOfThreeTest, TaskCreatedAgainStandsLast)
     EXPECT_THAT(Entries(), ElementsAre(&m_two, &m_three, &m_one));
 }
 
-/// What programs built against the library's first version may call.
-TEST_F(TaskListOfThreeTest, RegisterAndUnregisterAreThereAndWork)
-{
-    const auto of = [](const char* symbol) {
-        return reinterpret_cast<void (*)(const TCTask*)>(dlsym(RTLD_DEFAULT, symbol));
-    };
-    const auto enter = of("_ZN10TCTaskList8RegisterEPK6TCTask");
-    const auto remove = of("_ZN10TCTaskList10UnregisterEPK6TCTask");
-    ASSERT_NE(enter, nullptr);
-    ASSERT_NE(remove, nullptr);
-    const TCTask task;
-    enter(&task);
-    EXPECT_THAT(Entries(), ElementsAre(&m_one, &m_two, &m_three, &task));
-    remove(&task);
-    EXPECT_THAT(Entries(), ElementsAre(&m_one, &m_two, &m_three));
-}
-
 TEST_F(TaskListOfThreeTest, DestroyOfATaskThatIsNotInTheListSaysNothing)
 {
     {
@@ -263,6 +246,46 @@ TEST_F(TaskListOfThreeTest, FinalizeDropsTheEntriesAndLeavesTheTasks)
     ASSERT_TRUE(TCTaskList::m_mutex.Create());
     EXPECT_THAT(Entries(), IsEmpty());
     m_one.End(); // passed over silently
+}
+
+TEST_F(TaskListOfThreeTest, TasksThatStillRunFindNoRegistryAfterFinalize)
+{
+    TCTaskList::Finalize();
+    EXPECT_THAT(AssertionsOf([this] {
+                    EXPECT_FALSE(TCTask::Ping(&m_one, LONG_WAIT_MSEC));
+                    EXPECT_FALSE(TCTask::ClearQueue(&m_one, LONG_WAIT_MSEC));
+                    m_one.End();
+                }),
+                IsEmpty());
+    EXPECT_FALSE(m_one.FlagCreate());
+    ASSERT_TRUE(TCTaskList::m_mutex.Create());
+}
+
+TEST_F(TaskListOfThreeTest, FinalizeWaitsForTasksThatUseTheRegistry)
+{
+    for (int round = 0; round < 20; ++round) {
+        std::atomic<bool> stop{false};
+        std::atomic<int> calls{0};
+        EXPECT_THAT(AssertionsOf([&] {
+                        std::vector<std::unique_ptr<Caller>> users;
+                        for (TestTask* task : {&m_one, &m_two, &m_three}) {
+                            users.push_back(std::make_unique<Caller>([&, task] {
+                                while (!stop) {
+                                    TCTask::Ping(task, 0);
+                                    TCTask::ClearQueue(task, 0);
+                                    ++calls;
+                                }
+                            }));
+                        }
+                        EXPECT_TRUE(Eventually([&] { return calls >= 10; }));
+                        TCTaskList::Finalize();
+                        const int before = calls;
+                        EXPECT_TRUE(Eventually([&] { return calls >= before + 10; }));
+                        stop = true;
+                    }),
+                    IsEmpty());
+        ASSERT_TRUE(TCTaskList::m_mutex.Create());
+    }
 }
 
 TEST_F(TaskListOfThreeTest, FinalizeWaitsForTheLock)

@@ -16,6 +16,7 @@ zor_add_task_test(TaskListTest TaskListTest.cpp)
 zor_add_task_test(PauseTest
   PauseTest.cpp PauseWaitTest.cpp
   ${task_support}/ConditionSeams.cpp)
+zor_add_task_test(DestroyRaceTest DestroyRaceTest.cpp)
 zor_add_task_test(PingTest ClearQueueTest.cpp PingTest.cpp TaskAppDataSeam.cpp)
 zor_add_task_test(WatchdogNotifierTest
   WatchdogNotifierTest.cpp TaskAppDataSeam.cpp

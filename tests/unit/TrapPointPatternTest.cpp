@@ -73,7 +73,7 @@ TEST_F(TrapPointPatternTest, CallIsEvaluatedAfterItInOrder)
 {
     Trap({});
     EXPECT_THAT(Pass(true, false, false),
-                ElementsAre("IsEnabled", "NormalizeCodeLocation(src/Relay.cpp:40)",
+                ElementsAre("Start", "Stop", "IsEnabled", "NormalizeCodeLocation(src/Relay.cpp:40)",
                             "FindTrapCondition(Relay:40)", "EvaluateResult(false)",
                             "EvaluateTrapItem(2, true)", "EvaluateTrapItem(3, false)",
                             "AddItemToQueue(matching)"));
@@ -86,8 +86,9 @@ TEST_F(TrapPointPatternTest, LocationWithoutConditionIsNotEvaluated)
     TSEvent* pointer = &event;
     bool flag = false;
     zor::CallAtTrapPoint<bool>(other, Args3(pointer, flag, flag), [] { return true; });
-    EXPECT_THAT(recorder.Take(), ElementsAre("IsEnabled", "NormalizeCodeLocation(src/Relay.cpp:41)",
-                                             "FindTrapCondition(Relay:41)"));
+    EXPECT_THAT(recorder.Take(),
+                ElementsAre("Start", "Stop", "IsEnabled", "NormalizeCodeLocation(src/Relay.cpp:41)",
+                            "FindTrapCondition(Relay:41)"));
 }
 
 TEST_F(TrapPointPatternTest, ListOfOneEvaluatesTheResultOnly)
@@ -95,9 +96,10 @@ TEST_F(TrapPointPatternTest, ListOfOneEvaluatesTheResultOnly)
     Trap({TSTrapTest::Unsigned(0, TSTrapTest::EQUAL, 1)});
     const TSEvent* pointer = &event;
     zor::CallAtTrapPoint<bool>(location, Args1(pointer), [] { return true; });
-    EXPECT_THAT(recorder.Take(), ElementsAre("IsEnabled", "NormalizeCodeLocation(src/Relay.cpp:40)",
-                                             "FindTrapCondition(Relay:40)", "EvaluateResult(true)",
-                                             "AddItemToQueue(matching)"));
+    EXPECT_THAT(recorder.Take(),
+                ElementsAre("Start", "Stop", "IsEnabled", "NormalizeCodeLocation(src/Relay.cpp:40)",
+                            "FindTrapCondition(Relay:40)", "EvaluateResult(true)",
+                            "AddItemToQueue(matching)"));
 }
 
 TEST_F(TrapPointPatternTest, ResultIsHeldAgainstIndexZero)
@@ -145,7 +147,7 @@ TEST_F(TrapPointPatternTest, ListOfFourIsQueuedEarlyWithoutConditionsOnTheQueue)
 {
     Trap({TSTrapTest::Unsigned(2, TSTrapTest::EQUAL, 1)});
     EXPECT_THAT(Pass4(true, false, 7),
-                ElementsAre("IsEnabled", "NormalizeCodeLocation(src/Relay.cpp:40)",
+                ElementsAre("Start", "Stop", "IsEnabled", "NormalizeCodeLocation(src/Relay.cpp:40)",
                             "FindTrapCondition(Relay:40)", "EvaluateResult(true)",
                             "EvaluateTrapItem(2, true)", "EvaluateTrapItem(3, false)",
                             "AddItemToQueue(matching)"));
@@ -156,7 +158,7 @@ TEST_F(TrapPointPatternTest, ListOfFourIsQueuedEarlyOnceItDoesNotMatch)
     Trap({TSTrapTest::Unsigned(2, TSTrapTest::EQUAL, 1),
           TSTrapTest::Unsigned(4, TSTrapTest::EQUAL, 7)});
     EXPECT_THAT(Pass4(false, false, 7),
-                ElementsAre("IsEnabled", "NormalizeCodeLocation(src/Relay.cpp:40)",
+                ElementsAre("Start", "Stop", "IsEnabled", "NormalizeCodeLocation(src/Relay.cpp:40)",
                             "FindTrapCondition(Relay:40)", "EvaluateResult(true)",
                             "EvaluateTrapItem(2, false)", "EvaluateTrapItem(3, false)",
                             "AddItemToQueue(not matching)"));
@@ -174,7 +176,7 @@ TEST_F(TrapPointPatternTest, QueueIsEvaluatedByTheKindOfEachCondition)
     EXPECT_EQ(TSTrapTest::UNSIGNED, 1);
     EXPECT_EQ(TSTrapTest::BYTES, 2);
     EXPECT_THAT(Pass4(true, true, queue),
-                ElementsAre("IsEnabled", "NormalizeCodeLocation(src/Relay.cpp:40)",
+                ElementsAre("Start", "Stop", "IsEnabled", "NormalizeCodeLocation(src/Relay.cpp:40)",
                             "FindTrapCondition(Relay:40)", "EvaluateResult(true)",
                             "EvaluateTrapItem(2, true)", "EvaluateTrapItem(3, true)",
                             "EvaluateSigned(-2)", "EvaluateUnsigned(4294967294)",

@@ -65,14 +65,13 @@ TEST_F(TrapPointSendTest, SendIsRecordedAtItsConstantLocation)
     recorder.Enable();
     TSEvent event = FlaggedEvent(&handler);
     EXPECT_TRUE(TCTask::Send(&event, true, false));
-    EXPECT_THAT(
-        recorder.Take(),
-        IsSupersetOf({std::string("TCCallLocation(static bool TCTask::Send(TSEvent*, bool, "
-                                  "bool), src/Task.cpp, 168)"),
-                      std::string("SaveLocation(TSEvent in 16383, bool in 16383, bool in "
-                                  "16383, bool)"),
-                      "Store(" + AddressText(&event) + ", 128)", std::string("StoreFixed(true)"),
-                      std::string("StoreFixed(false)"), std::string("StoreFixed(77ul)")}));
+    EXPECT_THAT(recorder.Take(),
+                IsSupersetOf({std::string("TCCallLocation(static bool TCTask::Send(TSEvent*, bool, "
+                                          "bool), src/Task.cpp, 168)"),
+                              std::string("SaveLocation(TSEvent in 16383, bool in 16383, bool in "
+                                          "16383, bool)"),
+                              "Store(" + AddressText(&event) + ", 128)",
+                              std::string("StoreFixed(true)"), std::string("StoreFixed(false)")}));
 }
 
 TEST_F(TrapPointSendTest, HandlingIsRecordedAtItsConstantLocation)
@@ -80,11 +79,11 @@ TEST_F(TrapPointSendTest, HandlingIsRecordedAtItsConstantLocation)
     recorder.Enable();
     TSEvent event = FlaggedEvent(&handler);
     EXPECT_TRUE(TCTask::Send(&event, true, false));
-    EXPECT_THAT(TakeHandlingNotes(),
-                IsSupersetOf({"TCCallLocation(bool TCHandler::OnEvent(const TSEvent*), "
-                              "inc/Task.h, 102)",
-                              "SaveLocation(TSEvent in 16383, bool)", "Commit", "StoreFixed(true)",
-                              "StoreFixed(77ul)"}));
+    EXPECT_THAT(
+        TakeHandlingNotes(),
+        IsSupersetOf({"TCCallLocation(bool TCHandler::OnEvent(const TSEvent*), "
+                      "inc/Task.h, 102)",
+                      "SaveLocation(TSEvent in 16383, bool)", "Commit", "StoreFixed(true)"}));
 }
 
 TEST_F(TrapPointSendTest, ResultOfTheHandlerIsRecordedWithItsHandling)
@@ -111,8 +110,7 @@ TEST_F(TrapPointSendTest, SendToQueueIsRecordedWithItsQueue)
                       std::string("SaveLocation(TSEvent in 16383, bool in 16383, bool in 16383, "
                                   "unsigned int in 16383, bool)"),
                       "Store(" + AddressText(&event) + ", 128)", std::string("StoreFixed(true)"),
-                      std::string("StoreFixed(false)"), std::string("StoreFixed(5u)"),
-                      std::string("StoreFixed(77ul)")}));
+                      std::string("StoreFixed(false)"), std::string("StoreFixed(5u)")}));
 }
 
 TEST_F(TrapPointSendTest, RefusedSendIsHeldAgainstItsTrapCondition)
@@ -126,11 +124,12 @@ TEST_F(TrapPointSendTest, RefusedSendIsHeldAgainstItsTrapCondition)
         zortest::FillQueue(&task);
         TSEvent event = FlaggedEvent(&handler);
         EXPECT_FALSE(TCTask::Send(&event, false, true));
-        EXPECT_THAT(recorder.Take(),
-                    ElementsAre("IsEnabled", "NormalizeCodeLocation(src/Task.cpp:168)",
-                                "FindTrapCondition(Task:168)", "EvaluateResult(false)",
-                                "EvaluateTrapItem(2, false)", "EvaluateTrapItem(3, true)",
-                                "AddItemToQueue(matching)"));
+        EXPECT_THAT(
+            recorder.Take(),
+            ElementsAre("Start", "Stop", "IsEnabled", "NormalizeCodeLocation(src/Task.cpp:168)",
+                        "FindTrapCondition(Task:168)", "EvaluateResult(false)",
+                        "EvaluateTrapItem(2, false)", "EvaluateTrapItem(3, true)",
+                        "AddItemToQueue(matching)"));
     }
     patterns.Clear();
 }

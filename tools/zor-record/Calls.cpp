@@ -8,9 +8,8 @@ namespace zorrecord {
 
 namespace {
 
-/// Items of a record after a call.
+/// The item of a record after a call.
 constexpr std::size_t RESULT_ITEM = 0;
-constexpr std::size_t CPU_ITEM = 1;
 
 /// Items of a record before a send.
 constexpr std::size_t SYNC_ITEM = 1;
@@ -52,9 +51,7 @@ void End(Call* call, const Record& record)
     if (record.items.size() > RESULT_ITEM) {
         call->result = record.items[RESULT_ITEM].Number() != 0;
     }
-    if (record.items.size() > CPU_ITEM) {
-        call->cpuNsec = record.items[CPU_ITEM].Number();
-    }
+    call->cpuNsec = record.cpuNsec;
 }
 
 /// Follows the threads of a recording through their calls.

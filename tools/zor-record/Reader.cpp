@@ -263,6 +263,7 @@ class Ring
         record->timeNsec = header.timeNsec;
         record->kind = header.kind;
         record->truncated = (header.flags & format::RECORD_TRUNCATED) != 0;
+        record->cpuNsec = std::uint64_t{header.cpuNsecHigh} << 32 | header.cpuNsecLow;
         record->location = header.location;
         record->session = header.session;
         record->thread = header.thread;

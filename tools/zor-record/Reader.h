@@ -65,7 +65,8 @@ struct Record
     std::uint64_t size = 0;     ///< the next record's offset is this much greater
     std::uint64_t timeNsec = 0; ///< on the machine's monotonic clock
     int kind = 0;
-    bool truncated = false; ///< items found no room
+    bool truncated = false;    ///< items found no room
+    std::uint64_t cpuNsec = 0; ///< that the call took, in a record after it
     std::uint32_t location = 0;
     std::uint32_t session = 0; ///< id of the process
     std::uint32_t thread = 0;

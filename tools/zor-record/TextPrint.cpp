@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::int64_t NSEC_PER_SEC = 1000000000;
 constexpr std::array<const char*, 4> SEND_NAMES = {"event", "sync", "priority", "queue"};
-constexpr std::array<const char*, 2> AFTER_NAMES = {"result", "cpu_ns"};
+constexpr std::array<const char*, 1> AFTER_NAMES = {"result"};
 
 std::string Hex(std::uint64_t number)
 {
@@ -98,7 +98,7 @@ std::string AfterText(const Record& record, const Location* location)
         const std::string type = i == 0 && location != nullptr ? location->resultType : "";
         text += ' ' + name + '=' + ItemText(record.items[i], type);
     }
-    return text;
+    return text + " cpu_ns=" + Decimal(record.cpuNsec);
 }
 
 std::string LocationText(const Record& record, const Location* location)

@@ -13,7 +13,7 @@ TICK_MASK = 0xFFFFFFFF
 HANDLE_MASK = 0xFFFFFFFF
 LOOP_BODY = "TCTask::Deliver"
 # The functions that wait for a reply, themselves.
-REPLY_WAITERS = ("TCQueue::PutSync", "TCMultiQTask::m_Send")
+REPLY_WAITERS = ("TCQueue::PutSync",)
 SEMAPHORES = ("TCSemaphore::", "Reply::")
 
 
