@@ -23,9 +23,9 @@
 /// milliseconds; all ones waits for ever, 0 does not wait. Any thread may call any operation; the
 /// queue must outlive every thread that may still put to it.
 ///
-/// Beside the ring there is a semaphore with one unit for every event put. The gets that do not
-/// wait leave it alone, so it may run ahead of the ring; a waiting get that obtains a unit without
-/// an event waits again.
+/// Beside the ring there is a semaphore with one unit for every event put. GetSyncQData() and
+/// GetQData() leave it alone, so it may run ahead of the ring; a waiting get that obtains a unit
+/// without an event waits again.
 class ZOR_CORE_API TCQueue : public TCMutex
 {
  public:

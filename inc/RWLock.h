@@ -17,7 +17,8 @@
 ///
 /// The lock is usable from construction to destruction. Any thread may call any operation. Each
 /// returns true on success; a failing call of the system is asserted ("ret == 0", with its name,
-/// error number and text) and answered false.
+/// error number and text) and answered false. A thread's first read lock of a lock asks for memory
+/// and may throw std::bad_alloc, with nothing taken.
 class ZOR_CORE_API TCRWLock
 {
  public:

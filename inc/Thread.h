@@ -31,8 +31,8 @@ class Reply;
 /// their units in no particular order.
 ///
 /// A wait is a cancellation point: a thread that is cancelled in it takes no unit. In the child of
-/// a fork() every count is as it was at the moment of the fork, and what other threads held or
-/// waited for stays so: the child may take what was free, and should go on to exec() or _exit().
+/// a fork() every count is as it was at the moment of the fork, and nobody is parked: units that
+/// other threads had taken stay taken, and what was free can be used.
 ///
 /// | state       | left by     |
 /// |-------------|-------------|
@@ -63,12 +63,13 @@ class ZOR_CORE_API TCSemaphore
     /// @return true if a unit was taken, false on time-out
     ///
     /// The time is measured from each wake-up, not from the call: a wake-up without a unit starts
-    /// the whole interval anew. A deadline whose microseconds come out at exactly 1,000,000 (about
-    /// one wait in a million) is refused by the system, and the call returns false at once; callers
-    /// that loop must stand that.
+    /// the whole interval anew, but for most of those by which all waiters are woken. A deadline
+    /// whose microseconds come out at exactly 1,000,000 (about one wait in a million) is refused by
+    /// the system, and the call returns false at once; callers that loop must stand that.
     bool Try(unsigned long msec);
 
-    /// Adds one unit and wakes one waiter.
+    /// Adds one unit and wakes one waiter, or all of them if they are more than two and the C
+    /// library is one that may lose a signal among so many (glibc before 2.41).
     void Give();
 
     /// Releases the state. No thread may be waiting.
@@ -153,8 +154,9 @@ class ZOR_CORE_API TCMutex
 
     static constexpr pthread_t NO_OWNER = 0;
 
-    /// Only the calling thread itself can have stored its own id, so a relaxed read cannot be wrong
-    /// about it, whatever other threads store meanwhile.
+    /// Of the threads that live only the calling one can have stored its own id, so a relaxed read
+    /// is right about it, whatever others store meanwhile. Who ends with the lock held leaves it to
+    /// a thread that gets the same id.
     bool HeldByCaller() const { return m_owner.load(std::memory_order_relaxed) == pthread_self(); }
 
     /// The depth belongs to the holder of the semaphore, which also orders its accesses.
@@ -189,8 +191,9 @@ class ZOR_CORE_API TCThread
     virtual ~TCThread();
 
     /// Waits until t_Main() has returned and releases the thread. Asserts "FlagCreate() == true"
-    /// and "TCThreadSelf::Id() != Id()": called on the thread itself it only prints a message and
-    /// returns without waiting, leaving the thread created.
+    /// and "TCThreadSelf::Id() != Id()": called on the thread itself it prints a message and
+    /// returns without waiting. The thread stays created then, but has lost what SetPriority()
+    /// waits with and a regular Destroy() releases.
     virtual void Destroy();
 
     TCThread(const TCThread&) = delete;
@@ -203,7 +206,8 @@ class ZOR_CORE_API TCThread
     /// @param stackSize   in bytes; below the system's minimum the default size is used
     /// @return true once the thread exists; false if it could not be made
     ///
-    /// Asserts "FlagCreate() == false" and "threadname != NULL".
+    /// Asserts "FlagCreate() == false" and "threadname != NULL", and "0" if the system refuses the
+    /// thread: one semaphore is left behind then, for which the destructor asserts.
     bool Create(const char* threadname, unsigned long stackSize);
 
     /// Sets the thread's niceness, waiting for the thread to start if need be.

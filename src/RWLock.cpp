@@ -127,8 +127,8 @@ bool TCRWLock::WUnlock()
     return true;
 }
 
-/// Only the calling thread itself can have stored its own id, so a relaxed read is never wrong
-/// about it.
+/// Of the threads that live only the calling one can have stored its own id, so a relaxed read is
+/// right about it.
 bool TCRWLock::WrittenByCaller() const
 {
     return m_writer.load(std::memory_order_relaxed) == pthread_self();

@@ -28,9 +28,18 @@ void UnlockTimeMutex()
     pthread_mutex_unlock(&TimeMutex);
 }
 
+/// How many forks lie between this process and the first one. Guarded by the mutex.
+unsigned g_forks = 0;
+
+void BeginAfresh()
+{
+    ++g_forks;
+    UnlockTimeMutex();
+}
+
 /// A child of fork() has only the thread that called it. It must not find the mutex taken by one
 /// of the others, who could never give it back: so nobody else holds it at the moment of the fork.
-const int g_forkHandlers = pthread_atfork(LockTimeMutex, UnlockTimeMutex, UnlockTimeMutex);
+const int g_forkHandlers = pthread_atfork(LockTimeMutex, UnlockTimeMutex, BeginAfresh);
 
 /// Whether the C library may lose a signal when at least three threads wait on one condition
 /// variable: glibc's bug 25847, repaired in 2.41.
@@ -143,6 +152,19 @@ class TCSemaphore::State::Parking
     bool m_woken = false;
 };
 
+/// The threads that were parked, or about to wake somebody, at the moment of a fork are not in the
+/// child, and what the condition variable knows of them would keep others waiting for them.
+void TCSemaphore::State::ForgetBeforeForkLocked()
+{
+    if (forks == g_forks) {
+        return;
+    }
+    forks = g_forks;
+    waiters.store(0, std::memory_order_relaxed);
+    holders.store(1, std::memory_order_relaxed);
+    InitMonotonicCondition(&condition);
+}
+
 void TCSemaphore::State::LetGo()
 {
     // Release: the others' use of the block comes before its end. Acquire: for the one that ends
@@ -198,6 +220,7 @@ void TCSemaphore::State::Watch()
 
 void TCSemaphore::State::TakeLocked()
 {
+    ForgetBeforeForkLocked();
     while (Count() <= 0) {
         Parking(this).Wait();
     }
@@ -210,6 +233,7 @@ bool TCSemaphore::State::TryLocked(unsigned long msec)
         TakeLocked();
         return true;
     }
+    ForgetBeforeForkLocked();
     timespec deadline;
     bool formed = false;
     while (Count() <= 0) {
@@ -220,7 +244,8 @@ bool TCSemaphore::State::TryLocked(unsigned long msec)
         if (!Parking(this).WaitUntil(deadline)) {
             return false;
         }
-        // Whoever was woken only because all were goes on waiting as if it had not been.
+        // Whoever was woken only because all were goes on waiting as if it had not been; but for
+        // one that parked between the decision to wake all and the waking, which begins anew.
         formed = wakingsOfAll != wakings;
     }
     AddLocked(-1);
@@ -234,6 +259,7 @@ void TCSemaphore::State::TakeUpToLocked(int most)
 
 TCSemaphore::State::Waking TCSemaphore::State::GiveLocked()
 {
+    ForgetBeforeForkLocked();
     AddLocked(1);
     const Waking waking = WhomToWakeLocked();
     if (waking != Waking::NOBODY) {
@@ -294,6 +320,8 @@ bool TCSemaphore::Create(int count)
         return false;
     }
     state->count.store(count, std::memory_order_relaxed);
+    const zor::TimeMutexLock lock;
+    state->forks = g_forks;
     m_state = state.release();
     return true;
 }
@@ -336,6 +364,7 @@ void TCSemaphore::Destroy()
         // The last giver may be inside still; and what others see of the semaphore changes in one
         // piece.
         const zor::TimeMutexLock lock;
+        state->ForgetBeforeForkLocked();
         m_state = nullptr;
     }
     state->LetGo();

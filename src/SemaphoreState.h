@@ -83,8 +83,9 @@ struct WatchHabit
 /// The state block of a semaphore.
 ///
 /// It lives as long as the semaphore is created, and longer while a giver has yet to wake somebody:
-/// a waiter must not be woken under the mutex, which it would only run into, and once it has its
-/// unit it may destroy the semaphore. Whoever is the last to let go deletes the block.
+/// a giver does so when the mutex is free, because a woken waiter would only run into it, and once
+/// that waiter has its unit it may destroy the semaphore. Whoever is the last to let go deletes the
+/// block.
 ///
 ///   giver:   lock -- count -- hold -- unlock --------------------- signal -- let go (deletes)
 ///   taker:                                    take -- destroy (lets go)
@@ -105,8 +106,13 @@ struct __attribute__((visibility("hidden"))) TCSemaphore::State
     std::atomic<int> count;         ///< written under the mutex; watched without it
     std::atomic<int> waiters{0};    ///< threads parked; written under the mutex; watched without it
     unsigned wakingsOfAll = 0;      ///< guarded by the mutex
+    unsigned forks = 0;             ///< of which the members know; guarded by the mutex
     std::atomic<int> holders{1};    ///< the semaphore, and givers about to wake somebody
     zor::WatchHabit habit;
+
+    /// Makes the block of a semaphore that the parent of this process has made one of this
+    /// process's. Needs the mutex.
+    void ForgetBeforeForkLocked();
 
     /// Lets go; the last one deletes the block.
     void LetGo();

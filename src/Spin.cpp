@@ -32,7 +32,7 @@ std::int64_t Now()
 }
 
 /// Picoseconds that a pause takes. The shortest of a few rounds counts: the others may have been
-/// interrupted. Takes less than ten microseconds where a pause is at its slowest.
+/// interrupted. Takes between two and twenty microseconds.
 std::int64_t MeasurePause()
 {
     constexpr int ROUNDS = 3;

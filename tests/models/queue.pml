@@ -9,7 +9,8 @@
  *
  * Abstracted: a semaphore's operation is one step, taken while the process-wide mutex is free
  * (watch.pml has its inside); the ring holds CAPACITY events in order; priorities, receivers and
- * contents are left out. Filling or emptying a slot takes two steps, so that two threads in the
+ * contents are left out; so are the further looks of a get by another thread, and the units that a
+ * put drops when they are about to overflow. Filling or emptying a slot takes two steps, so that two threads in the
  * ring at the same time are seen.
  *
  * Claims: one thread at a time is in the ring; nothing is taken from an empty ring; each event is
@@ -227,12 +228,14 @@ active proctype Deleter()
         fi;
         LEAVE_RING;
         if
-        :: event != NOBODY ->
-            Handle(event);
-            atomic { !timeMutex -> if :: units > 0 -> units-- :: else fi }
+        :: event != NOBODY -> atomic { !timeMutex -> if :: units > 0 -> units-- :: else fi }
         :: else
         fi;
-        UnlockQueue()
+        UnlockQueue();
+        if
+        :: event != NOBODY -> Handle(event)
+        :: else
+        fi
     :: atomic { !timeMutex -> units++ }
     fi
 }

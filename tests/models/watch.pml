@@ -126,8 +126,8 @@ proctype Taker(byte me; bool timed)
     :: seen ->
         given == givers; /* a give that has not begun needs the semaphore still */
         LOCK;            /* Destroy() */
-        LetGo();
-        UNLOCK
+        UNLOCK;
+        LetGo()
     :: else
     fi
 }

@@ -26,6 +26,16 @@ class QueueSectionTest : public ::testing::Test
 
     ~QueueSectionTest() override { m_queue.Destroy(); }
 
+    /// A put that is the first to use a page of the ring takes the queue's lock.
+    void UseAllMemory()
+    {
+        TSEvent event;
+        while (m_queue.Put(&event, false) || m_queue.Put(&event, true)) {
+        }
+        while (m_queue.GetSync(&event, 0, false)) {
+        }
+    }
+
     /// Critical sections since the last call.
     int Sections() { return std::exchange(m_sections, 0); }
 
@@ -39,10 +49,7 @@ class QueueSectionTest : public ::testing::Test
 TEST_F(QueueSectionTest, PutIsOneIfTheQueueIsFreeAndItsMemoryInUse)
 {
     TSEvent event;
-    while (m_queue.Put(&event, false) || m_queue.Put(&event, true)) {
-    }
-    while (m_queue.GetSync(&event, 0, false)) {
-    }
+    UseAllMemory();
     for (const bool priority : {false, true}) {
         Sections();
         EXPECT_TRUE(m_queue.Put(&event, priority));
@@ -53,6 +60,7 @@ TEST_F(QueueSectionTest, PutIsOneIfTheQueueIsFreeAndItsMemoryInUse)
 TEST_F(QueueSectionTest, GetIsOneIfTheQueueIsFree)
 {
     TSEvent event;
+    UseAllMemory();
     EXPECT_TRUE(m_queue.Put(&event, false));
     EXPECT_TRUE(m_queue.Put(&event, false));
     Sections();
@@ -100,6 +108,7 @@ TEST_F(QueueSectionTest, UnitsWithoutEventsDoNotGrowForEver)
     constexpr int MANY = (1 << 20) + 1;
 
     TSEvent event;
+    UseAllMemory();
     for (int i = 0; i < MANY; ++i) {
         m_queue.Give();
     }

@@ -7,29 +7,42 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <vector>
 
+#include "ConditionSeams.h"
 #include "MutexSeams.h"
 #include "Thread.h"
+#include "Wait.h"
 
 namespace {
 
 using namespace zortest;
 
-/// Uses semaphores in a child of fork() and says whether that came to an end.
-bool ChildUsesSemaphores(TCSemaphore* semaphore)
+/// Runs @p body in a child of fork().
+///
+/// @return whether it came to an end there and answered true
+template <typename Body>
+bool IsTrueInAChild(const Body& body)
 {
     constexpr unsigned int HANG_SEC = 20;
 
     const pid_t child = fork();
     if (child == 0) {
         alarm(HANG_SEC);
-        semaphore->Give();
         // A sanitizer would look at exit for the threads that only the parent can join.
-        syscall(SYS_exit_group, semaphore->Try(0) ? 0 : 1);
+        syscall(SYS_exit_group, body() ? 0 : 1);
     }
     int status = 0;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+bool ChildUsesSemaphores(TCSemaphore* semaphore)
+{
+    return IsTrueInAChild([semaphore] {
+        semaphore->Give();
+        return semaphore->Try(0);
+    });
 }
 
 /// The process-wide mutex is held by another thread at the moment of the fork, as far as that can
@@ -81,6 +94,52 @@ TEST(SemaphoreForkTest, ForksAmongPutsAndTakesLeaveAUsableChildEachTime)
     storm.join();
     semaphore.Destroy();
     other.Destroy();
+}
+
+/// They are not in the child, and waking them, or waiting until they are awake, would not end.
+TEST(SemaphoreForkTest, ChildForgetsTheThreadsThatWereParked)
+{
+    constexpr int PARKED = 4;
+
+    TCSemaphore semaphore;
+    ASSERT_TRUE(semaphore.Create(0));
+    std::atomic<int> waits{0};
+    const Takeover wait(condWaitSeam, [&waits](pthread_cond_t* condition, pthread_mutex_t* mutex) {
+        ++waits;
+        return condWaitSeam.Real(condition, mutex);
+    });
+    std::vector<std::thread> parked;
+    for (int i = 0; i < PARKED; ++i) {
+        parked.emplace_back([&semaphore] { semaphore.Take(); });
+        ASSERT_TRUE(Eventually([&] { return waits > i; }));
+        if (i == 0) {
+            // The condition variable knows the first as one of a group of its own.
+            semaphore.Give();
+            parked.back().join();
+            parked.back() = std::thread([&semaphore] { semaphore.Take(); });
+            ASSERT_TRUE(Eventually([&] { return waits > i + 1; }));
+            waits = 1;
+        }
+    }
+    EXPECT_TRUE(IsTrueInAChild([&semaphore] {
+        for (int i = 0; i < 2 * PARKED; ++i) {
+            semaphore.Give();
+        }
+        bool taken = true;
+        for (int i = 0; i < 2 * PARKED; ++i) {
+            taken = taken && semaphore.Try(0);
+        }
+        taken = taken && !semaphore.Try(1);
+        semaphore.Destroy();
+        return taken;
+    }));
+    for (int i = 0; i < PARKED; ++i) {
+        semaphore.Give();
+    }
+    for (std::thread& thread : parked) {
+        thread.join();
+    }
+    semaphore.Destroy();
 }
 
 } // namespace

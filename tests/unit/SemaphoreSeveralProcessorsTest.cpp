@@ -63,7 +63,7 @@ TEST_F(SemaphoreSeveralProcessorsTest, MutexThatStaysTakenIsTriedSixTimesBeforeT
 unsigned WaitsThatMayWatch(const TCSemaphore& semaphore)
 {
     constexpr std::size_t STATE_OFFSET = 8;
-    constexpr std::size_t SKIPPED_OFFSET = 76; // waits without credit, of which some are probes
+    constexpr std::size_t SKIPPED_OFFSET = 80; // waits without credit, of which some are probes
     const auto* const state = FieldAt<const char*>(semaphore, STATE_OFFSET);
     return reinterpret_cast<const std::atomic<unsigned>*>(state + SKIPPED_OFFSET)->load();
 }

@@ -22,7 +22,9 @@ foreach(version 2.36 2.41)
 endforeach()
 zor_add_test(SemaphoreCancelTest
   SOURCES SemaphoreCancelTest.cpp ${zor_support}/ConditionSeams.cpp)
-zor_add_test(SemaphoreForkTest SOURCES SemaphoreForkTest.cpp ${zor_support}/MutexSeams.cpp)
+zor_add_test(SemaphoreForkTest
+  SOURCES SemaphoreForkTest.cpp
+          ${zor_support}/ConditionSeams.cpp ${zor_support}/MutexSeams.cpp)
 zor_add_test(MutexTest
   SOURCES MutexTest.cpp
           ${zor_support}/AllocationSeam.cpp ${zor_support}/ConditionSeams.cpp

@@ -22,7 +22,7 @@ class DeadlockFacts:
             self.assertIn("TCSemaphore::Take", functions(thread["stack"]))
             self.assertIn("_Process", functions(thread["stack"]))
             self.assertIn(f"  {thread['name']} (thread {thread['thread']}) waits for", text)
-        self.assertEqual(text.count("TCSemaphore::Take at Thread.cpp:"), len(names))
+        self.assertEqual(text.count("TCSemaphore::Take at Semaphore.cpp:"), len(names))
 
     def check_calls(self, report, daemon, pairs):
         found = {

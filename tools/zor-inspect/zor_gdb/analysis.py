@@ -14,7 +14,7 @@ HANDLE_MASK = 0xFFFFFFFF
 LOOP_BODY = "TCTask::Deliver"
 # The functions that wait for a reply, themselves.
 REPLY_WAITERS = ("TCQueue::PutSync",)
-SEMAPHORES = ("TCSemaphore::", "Reply::")
+SEMAPHORES = ("TCSemaphore::", "zor::Reply::")
 
 
 def analyse(model, clocks):

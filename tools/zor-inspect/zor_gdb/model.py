@@ -281,6 +281,6 @@ def _alarm_state(stopped, functions):
     inner = functions[: functions.index("TCAlarm::t_Main")]
     if "TCTask::Send" in inner or "TCTask::m_Send" in inner:
         return "firing"
-    if "TCAlarm::WaitForInterval" in inner:
+    if "TCAlarm::WaitForIntervalLocked" in inner:
         return "running"
     return "idle" if "TCSemaphore::Take" in inner else "changing"
