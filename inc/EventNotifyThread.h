@@ -34,7 +34,7 @@ class ZOR_CORE_API TCEventNotifyThread : public TCThread
     bool Create(const char* name, TCQueue* queue, TCSemaphore* target, unsigned int waitMsec);
 
  private:
-    bool ForwardOne();
+    ZOR_CORE_LOCAL bool ForwardOne();
 
     TCQueue* m_queue = nullptr;         ///< not owned; fixed while the thread runs
     TCSemaphore* m_target = nullptr;    ///< not owned; fixed while the thread runs

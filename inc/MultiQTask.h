@@ -83,17 +83,17 @@ class ZOR_CORE_API TCMultiQTask : public TCTask
     std::size_t Size();
 
  private:
-    static const TSFurtherQueues FURTHER_QUEUES;
+    ZOR_CORE_LOCAL static const TSFurtherQueues FURTHER_QUEUES;
 
     static bool m_Send(TSEvent* event, bool sync, bool priority, unsigned int nQueueIndex);
 
-    bool HasQueue(int index) const;
-    bool CreateQueues(unsigned int nQueueSize);
-    bool CreateNotifyThreads();
+    ZOR_CORE_LOCAL bool HasQueue(int index) const;
+    ZOR_CORE_LOCAL bool CreateQueues(unsigned int nQueueSize);
+    ZOR_CORE_LOCAL bool CreateNotifyThreads();
     bool OnMutiQExit(const TSEvent* event);
-    void DeleteFromFurtherQueues(const TCHandler* receiver);
-    void TakeDown();
-    void EndNotifyThreads(unsigned int count);
+    ZOR_CORE_LOCAL void DeleteFromFurtherQueues(const TCHandler* receiver);
+    ZOR_CORE_LOCAL void TakeDown();
+    ZOR_CORE_LOCAL void EndNotifyThreads(unsigned int count);
 
     TCSemaphore m_notifySemaphore;     ///< one unit for every event put into any queue
     TCQueue** m_pQueueArray = nullptr; ///< guarded by m_queuesMutex, as is m_queueSize; owned, and

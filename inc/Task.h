@@ -216,8 +216,7 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
  protected:
     // Handlers of the event types, run on the task's thread by the dispatch.
 
-    /// Runs t_OnExit() between its callbacks, and has the loop end after the event. Returns what
-    /// they answered.
+    /// Runs t_OnExit() between its callbacks and returns what they answered; the loop ends then.
     bool OnExit(const TSEvent* event);
 
     /// Runs t_OnUser() between its callbacks and returns what they answered.
@@ -261,19 +260,20 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     class PauseCall;
 
     static bool m_Send(TSEvent* event, bool sync, bool priority);
-    static bool TakesCallbacks(int type);
+    ZOR_CORE_LOCAL static bool TakesCallbacks(int type);
 
-    void InitLoop(const char* name, unsigned int waitTime, unsigned long watchdogTime);
-    std::optional<bool> SendToSelf(TSEvent* event, bool sync, bool priority) const;
-    bool RunHook(EEventType type, bool (TCTask::*hook)(const TSEvent*), const TSEvent* event);
-    void Deliver(const TSEvent& event);
-    void DeleteFor(const TCHandler* receiver);
+    ZOR_CORE_LOCAL void InitLoop(const char* name, unsigned int waitTime,
+                                 unsigned long watchdogTime);
+    ZOR_CORE_LOCAL std::optional<bool> SendToSelf(TSEvent* event, bool sync, bool priority) const;
+    ZOR_CORE_LOCAL bool RunHook(EEventType type, bool (TCTask::*hook)(const TSEvent*),
+                                const TSEvent* event);
+    ZOR_CORE_LOCAL void Deliver(const TSEvent& event);
+    ZOR_CORE_LOCAL void DeleteFor(const TCHandler* receiver);
     void ReleaseOnThread(std::shared_ptr<ZOREventDataBase> attachment, zor::ReleaseLink* link);
-    void ReleaseNow();
-    bool RequestPauseLocked();
-    void WaitForPauseCalls();
-    static void WaitForResume(const std::future<bool>& resumed);
-    static void NotifyWatchdog();
+    ZOR_CORE_LOCAL void ReleaseNow();
+    ZOR_CORE_LOCAL void WaitForPauseCalls();
+    ZOR_CORE_LOCAL static void WaitForResume(const std::future<bool>& resumed);
+    ZOR_CORE_LOCAL static void NotifyWatchdog();
 
     std::uint64_t m_waitTime = 0;       ///< milliseconds; fixed while the task is created
     std::atomic<bool> m_exit{false};    ///< written by the task's thread

@@ -55,5 +55,5 @@ class ZOR_CORE_API TCTaskList
     friend class TCMultiQTask;
     friend class TCTask;
 
-    static void Unregister(const TCTask* task);
+    ZOR_CORE_LOCAL static void Unregister(const TCTask* task);
 };
