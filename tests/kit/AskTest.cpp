@@ -274,45 +274,4 @@ TEST_F(AskTest, LostRequestIsToldWhereverItWasLost)
     EXPECT_EQ(task.Ask(Tune{1}, LONG).error(), Error::DELETED);
 }
 
-/// Its move throws.
-struct Mine
-{
-    Mine() = default;
-    Mine(const Mine& /*other*/) { throw std::runtime_error("copied"); }
-    Mine(Mine&& other) : armed(other.armed)
-    {
-        if (other.armed && --*other.armed == 0) {
-            throw std::runtime_error("moved");
-        }
-    }
-    std::shared_ptr<int> armed;
-};
-
-TEST_F(AskTest, AnswerWhoseMoveThrowsIsAnError)
-{
-    class Miner : public zor::Task<Miner, Tune>
-    {
-     public:
-        ~Miner() override { End(); }
-        Mine On(const Tune& tune)
-        {
-            Mine mine;
-            mine.armed = std::make_shared<int>(tune.channel);
-            return mine;
-        }
-    } miner;
-    ASSERT_TRUE(miner.Start("Miner"));
-    bool threw = false;
-    for (int moves = 1; moves < 4; ++moves) {
-        try {
-            const auto answer = miner.Ask(Tune{moves}, LONG);
-            threw = threw || (!answer && answer.error() == Error::THREW);
-        } catch (const std::runtime_error&) {
-            // the asker's own move
-        }
-    }
-    EXPECT_TRUE(threw);
-    EXPECT_EQ(Listed(), 0);
-}
-
 } // namespace

@@ -127,11 +127,7 @@ class AnswerSlot final : public AnswerSink<Value>
             delete this;
             return false;
         }
-        try {
-            m_answer.emplace(std::move(answer));
-        } catch (...) {
-            m_answer.emplace(tl::make_unexpected(Error::THREW)); // moving the value did
-        }
+        m_answer.emplace(std::move(answer));
         m_given.Give(); // from here on the slot is the asker's
         return true;
     }

@@ -63,11 +63,7 @@ class AsyncSink final : public AnswerSink<Value>, public Delivery
     bool Accept(Result<Value>&& answer) noexcept override
     {
         std::unique_ptr<Delivery> self(this);
-        try {
-            m_answer.emplace(std::move(answer));
-        } catch (...) {
-            m_answer.emplace(tl::make_unexpected(Error::THREW)); // moving the value did
-        }
+        m_answer.emplace(std::move(answer));
         const std::shared_ptr<Life> asker = std::move(m_asker);
         return asker->Deliver(self);
     }

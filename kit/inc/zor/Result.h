@@ -81,7 +81,7 @@ constexpr const char* Text(Error error)
 /// value, `result.error()` the reason. Result<void> says only whether something was done.
 ///
 /// Taking the value of a result without one is undefined for `*` and `->`; `result.value()` throws
-/// tl::bad_expected_access<Error> instead.
+/// tl::bad_expected_access<Error> instead. A value whose move throws ends the process.
 template <typename T>
 using Result = tl::expected<T, Error>;
 

@@ -7,6 +7,18 @@
 
 namespace zor {
 
+namespace detail {
+
+/// What Given, as it was handed over, can be made a message of.
+template <typename Message, typename Given>
+constexpr void CheckCopy()
+{
+    static_assert(std::is_constructible_v<Message, Given>,
+                  "a message that cannot be copied is sent with std::move");
+}
+
+} // namespace detail
+
 /// Whether Message can be sent and handled; does not compile where it cannot.
 template <typename Derived, typename... Messages>
 template <typename Message>
@@ -31,6 +43,7 @@ auto Task<Derived, Messages...>::Post(Message&& message, const Sending& how)
         CanTake<Kind>();
         return detail::Nothing();
     } else {
+        detail::CheckCopy<Kind, Message>();
         TSEvent event;
         event.type = EventType<Kind>();
         detail::Pack<Kind>(&event, std::forward<Message>(message));
@@ -49,6 +62,7 @@ auto Task<Derived, Messages...>::Ask(Message&& message, std::chrono::duration<Re
         return detail::Nothing();
     } else {
         using Answer = Value<Kind>;
+        detail::CheckCopy<Kind, Message>();
         if (Current() == this) {
             return Result<Answer>(tl::make_unexpected(Error::OWN_TASK));
         }
@@ -81,6 +95,7 @@ Result<void> Task<Derived, Messages...>::AskFor(Given&& message, Expiry&& expiry
                                                 Function& callback)
 {
     using Answer = Value<Message>;
+    detail::CheckCopy<Message, Given>();
     static_assert(std::is_invocable_v<Function&, Result<Answer>>,
                   "the callback of AskAsync takes a zor::Result of what On() returns");
     TaskBase* const asker = Current();
@@ -190,7 +205,9 @@ template <typename Derived, typename... Messages>
 template <typename Message>
 bool Task<Derived, Messages...>::HandlePosted(Task& task, const TSEvent& event)
 {
-    if constexpr (CanTake<Message>()) {
+    if constexpr (!detail::Handling<Derived, Message>::value) {
+        return CanTake<Message>();
+    } else {
         const auto handle = [&](Message& message) {
             task.CallOrEnd("the handler of message ", &typeid(Message),
                            [&] { Access::On(task.Self(), std::move(message)); });
@@ -205,8 +222,6 @@ bool Task<Derived, Messages...>::HandlePosted(Task& task, const TSEvent& event)
                        ? handle(attached->data)
                        : task.OnMismatch(event, typeid(Message), typeid(Attachment));
         }
-    } else {
-        return false;
     }
 }
 
