@@ -162,6 +162,9 @@ class KitTest : public ::testing::Test
     /// How many calls the table of synchronous calls lists.
     static int Listed()
     {
+        // Entering and leaving takes the table's lock, so that what is read was written before.
+        PTSyncDetInfo probe;
+        TCSyncDet::Remove(TCSyncDet::Add(&probe));
         int listed = 0;
         for (int i = 0; i < TCSyncDet::MAX_SYNC_TASKS; ++i) {
             listed += TCSyncDet::m_arrPCSyncDet[i].bValid ? 1 : 0;
