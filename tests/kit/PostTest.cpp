@@ -194,6 +194,21 @@ TEST_F(PostTest, RecordedMessagesAreFlagged)
     EXPECT_TRUE(queued.flag);
 }
 
+TEST_F(PostTest, EndComesBehindWhatIsQueuedInAFullQueueOfAPausedTask)
+{
+    ASSERT_TRUE(m_tuner.Post(Tune{1}));
+    ASSERT_TRUE(m_tuner.Pause());
+    ASSERT_TRUE(m_tuner.Post(Tune{2}));
+    FillOrdinary();
+    const LogRecord log;
+    m_tuner.End();
+    EXPECT_FALSE(m_tuner.FlagCreate());
+    EXPECT_THAT(m_tuner.trace.Get(), ::testing::Contains("tune 2"));
+    for (const LogEntry& entry : log.Get()) {
+        EXPECT_THAT(entry.text, ::testing::Not(::testing::HasSubstr("Was not resumed")));
+    }
+}
+
 /// Its own hooks may send it messages, from the first one on.
 class Starter : public zor::Task<Starter, Empty>
 {

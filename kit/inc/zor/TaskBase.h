@@ -66,6 +66,12 @@ class Work : public ZOREventDataBase
     virtual void Do(TaskBase& task) = 0;
 };
 
+/// The tag of the kit's log lines.
+constexpr const char* LOG_TAG = "ZOR_KIT";
+
+/// Between two tries to put something into a full queue.
+constexpr std::chrono::milliseconds RETRY_INTERVAL(1);
+
 /// A type's name as it stands in the source.
 inline std::string NameOf(const std::type_info& type)
 {
@@ -153,9 +159,6 @@ class ZOR_CORE_API TaskBase : public TCTask
     friend class detail::AsyncSink;
     template <typename, typename>
     friend class detail::RunRequest;
-
-    static constexpr const char* LOG_TAG = "ZOR_KIT";
-    static constexpr std::chrono::milliseconds RETRY_INTERVAL{1};
 
     /// @param messageTypes  how many messages the task takes
     explicit TaskBase(unsigned int messageTypes)

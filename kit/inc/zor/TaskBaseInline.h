@@ -34,11 +34,14 @@ inline void TaskBase::End()
     event.receiver = this;
     event.type = EVENT_EXIT;
     event.flag = IsRecorded();
-    while (!TCTask::Send(&event, false, false)) {
+    for (bool isSent = false; !isSent;) {
+        isSent = TCTask::Send(&event, false, false);
         if (IsPaused()) {
             ResumeAsync();
         }
-        std::this_thread::sleep_for(RETRY_INTERVAL);
+        if (!isSent) {
+            std::this_thread::sleep_for(detail::RETRY_INTERVAL);
+        }
     }
     Destroy();
 }
@@ -164,7 +167,7 @@ inline bool TaskBase::PutPatiently(TSEvent* event, const Sending& how)
     detail::Increment(m_counters.waited);
     const auto deadline = detail::DeadlineAfter(how.Longest());
     do {
-        std::this_thread::sleep_for(RETRY_INTERVAL);
+        std::this_thread::sleep_for(detail::RETRY_INTERVAL);
         if (TCTask::Send(event, false, how.IsFirst())) {
             return true;
         }
@@ -219,7 +222,7 @@ inline bool TaskBase::OnMismatch(const TSEvent& event, const std::type_info& mes
 {
     detail::Increment(m_counters.mismatched);
     const ZOREventDataBase* const data = event.wrappedData.get();
-    ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_ERROR,
+    ZOR_LOG_TAGGED(detail::LOG_TAG, false, DLOG_ERROR,
                    "task %s: not handled: message %s needs the attachment %s, but has %s", Name(),
                    detail::NameOf(message).c_str(), detail::NameOf(expected).c_str(),
                    data != nullptr ? detail::NameOf(typeid(*data)).c_str() : "none");
@@ -229,7 +232,7 @@ inline bool TaskBase::OnMismatch(const TSEvent& event, const std::type_info& mes
 inline void TaskBase::OnThrow(const char* what, const std::type_info* message, const char* text)
 {
     detail::Increment(m_counters.thrown);
-    ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_ERROR, "task %s: %s%s threw: %s", Name(), what,
+    ZOR_LOG_TAGGED(detail::LOG_TAG, false, DLOG_ERROR, "task %s: %s%s threw: %s", Name(), what,
                    message != nullptr ? detail::NameOf(*message).c_str() : "", text);
 }
 
