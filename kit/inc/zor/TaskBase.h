@@ -173,6 +173,7 @@ class ZOR_CORE_API TaskBase : public TCTask
     void EndOnOwnThread();
 
     Result<void> Put(TSEvent* event, const Sending& how);
+    Result<void> PutIntoFullQueue(TSEvent* event, const Sending& how);
     bool PutPatiently(TSEvent* event, const Sending& how);
     bool PutInstead(TSEvent* event, bool first);
     Result<void> PutRequest(TSEvent* event, bool first, detail::CallEntry* entry);

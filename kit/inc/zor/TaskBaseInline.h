@@ -135,9 +135,14 @@ inline Result<void> TaskBase::Put(TSEvent* event, const Sending& how)
     }
     event->receiver = this;
     event->flag = IsRecorded();
-    if (TCTask::Send(event, false, how.IsFirst())) {
-        return {};
-    }
+    return TCTask::Send(event, false, how.IsFirst()) ? Result<void>()
+                                                     : PutIntoFullQueue(event, how);
+}
+
+/// What is done with a message that has been refused.
+__attribute__((cold)) inline Result<void> TaskBase::PutIntoFullQueue(TSEvent* event,
+                                                                     const Sending& how)
+{
     switch (how.FullQueue()) {
         case Sending::WhenFull::WAIT:
             if (PutPatiently(event, how)) {
