@@ -209,6 +209,33 @@ TEST_F(PostTest, EndComesBehindWhatIsQueuedInAFullQueueOfAPausedTask)
     }
 }
 
+template <std::size_t SIZE>
+struct Sized
+{
+    unsigned char bytes[SIZE];
+};
+
+template <std::size_t... SIZES>
+void ExpectEverySizeToArrive(std::index_sequence<SIZES...> /*sizes*/)
+{
+    const auto check = [](auto sent) {
+        for (std::size_t i = 0; i < sizeof(sent); ++i) {
+            sent.bytes[i] = static_cast<unsigned char>(0xA0 + i);
+        }
+        TSEvent event;
+        zor::detail::Pack<decltype(sent)>(&event, sent);
+        EXPECT_EQ(event.wrappedData, nullptr);
+        zor::detail::Unpacked<decltype(sent)> received(event);
+        EXPECT_EQ(std::memcmp(&received.Get(), &sent, sizeof(sent)), 0) << sizeof(sent);
+    };
+    (check(Sized<SIZES + 1>{}), ...);
+}
+
+TEST_F(PostTest, EverySizeUpToTheRoomInTheEventArrives)
+{
+    ExpectEverySizeToArrive(std::make_index_sequence<zor::detail::ROOM_IN_EVENT>());
+}
+
 /// Its own hooks may send it messages, from the first one on.
 class Starter : public zor::Task<Starter, Empty>
 {

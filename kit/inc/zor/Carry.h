@@ -2,6 +2,7 @@
 
 #include <Event.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -26,20 +27,54 @@ template <typename Message>
 constexpr bool TRAVELS_IN_PARAMETERS = std::is_trivially_copyable_v<Message> &&
                                        sizeof(Message) <= ROOM_IN_EVENT;
 
+/// How many bytes of a message lie in its word of that number, of 8 bytes each.
+template <typename Message>
+constexpr std::size_t BytesInWord(std::size_t word)
+{
+    const std::size_t begin = word * sizeof(std::uint64_t);
+    return sizeof(Message) <= begin ? 0 : std::min(sizeof(Message) - begin, sizeof(std::uint64_t));
+}
+
+/// Copies SIZE bytes between memory and a word. Where the processor has a number of that size it is
+/// one move: a word that is put together in memory and read at once would wait for itself.
+template <std::size_t SIZE>
+class Word
+{
+ public:
+    static std::uint64_t Load(const void* from)
+    {
+        Number number{};
+        std::memcpy(&number, from, SIZE);
+        return number;
+    }
+
+    static void Store(void* to, std::uint64_t word)
+    {
+        const auto number = static_cast<Number>(word);
+        std::memcpy(to, &number, SIZE);
+    }
+
+ private:
+    using Number = std::conditional_t<
+        SIZE == 1, std::uint8_t,
+        std::conditional_t<SIZE == 2, std::uint16_t,
+                           std::conditional_t<SIZE == 4, std::uint32_t, std::uint64_t>>>;
+};
+
 /// Writes the bytes of @p message into the parameters of @p event.
 template <typename Message>
 void PackInParameters(TSEvent* event, const Message& message)
 {
     static_assert(TRAVELS_IN_PARAMETERS<Message>);
-    std::uint64_t words[3] = {};
-    std::memcpy(words, &message, sizeof(message));
-    event->param5 = words[0];
-    if constexpr (sizeof(Message) > sizeof(words[0])) {
-        event->param6 = words[1];
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(&message);
+    event->param5 = Word<BytesInWord<Message>(0)>::Load(bytes);
+    if constexpr (BytesInWord<Message>(1) > 0) {
+        event->param6 = Word<BytesInWord<Message>(1)>::Load(bytes + 8);
     }
-    if constexpr (sizeof(Message) > 2 * sizeof(words[0])) {
-        event->param1 = static_cast<std::uint32_t>(words[2]);
-        event->param2 = static_cast<std::uint32_t>(words[2] >> 32);
+    if constexpr (BytesInWord<Message>(2) > 0) {
+        const std::uint64_t last = Word<BytesInWord<Message>(2)>::Load(bytes + 16);
+        event->param1 = static_cast<std::uint32_t>(last);
+        event->param2 = static_cast<std::uint32_t>(last >> 32);
     }
 }
 
@@ -51,10 +86,15 @@ class Unpacked
     explicit Unpacked(const TSEvent& event)
     {
         static_assert(TRAVELS_IN_PARAMETERS<Message>);
-        const std::uint64_t words[3] = {event.param5, event.param6,
-                                        event.param1 | static_cast<std::uint64_t>(event.param2)
-                                                           << 32};
-        std::memcpy(m_bytes, words, sizeof(m_bytes));
+        Word<BytesInWord<Message>(0)>::Store(m_bytes, event.param5);
+        if constexpr (BytesInWord<Message>(1) > 0) {
+            Word<BytesInWord<Message>(1)>::Store(m_bytes + 8, event.param6);
+        }
+        if constexpr (BytesInWord<Message>(2) > 0) {
+            const std::uint64_t last = event.param1 | static_cast<std::uint64_t>(event.param2)
+                                                          << 32;
+            Word<BytesInWord<Message>(2)>::Store(m_bytes + 16, last);
+        }
     }
 
     Message& Get() { return *std::launder(reinterpret_cast<Message*>(m_bytes)); }
