@@ -23,21 +23,27 @@ class Sending
     /// What is done when the queue has no room.
     enum class WhenFull : std::uint8_t
     {
-        REFUSE,
-        WAIT,
-        REPLACE,
-        DROP,
+        REFUSE,  ///< see Refuse()
+        WAIT,    ///< see WaitAtMost()
+        REPLACE, ///< see ReplaceQueued()
+        DROP,    ///< see DropWhenFull()
     };
 
     /// In that order; a full queue refuses.
     constexpr Sending(Order order = Order::IN_TURN) : m_order(order) {} // NOLINT: is a way to send
 
+    /// What the functions below make; @p longest is that of WAIT.
     constexpr Sending(WhenFull whenFull, Order order, std::chrono::milliseconds longest)
         : m_longest(longest), m_order(order), m_whenFull(whenFull)
     {}
 
+    /// Whether it is a priority send.
     constexpr bool IsFirst() const { return m_order == Order::FIRST; }
+
+    /// What a full queue does to it.
     constexpr WhenFull FullQueue() const { return m_whenFull; }
+
+    /// How long to wait for room; only with WAIT.
     constexpr std::chrono::milliseconds Longest() const { return m_longest; }
 
  private:

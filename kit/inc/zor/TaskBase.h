@@ -107,6 +107,8 @@ class ZOR_CORE_API TaskBase : public TCTask
     /// Whether messages go through the trap points, and so into recordings: not unless it is set.
     /// Set it before messages are sent.
     void SetRecorded(bool recorded) { m_recorded.store(recorded, std::memory_order_relaxed); }
+
+    /// Whether they do.
     bool IsRecorded() const { return m_recorded.load(std::memory_order_relaxed); }
 
     /// What has happened to messages of this task. Any thread may ask.

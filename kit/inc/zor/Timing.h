@@ -18,6 +18,7 @@ class Handle
     /// Of nothing.
     Handle() = default;
 
+    /// Of @p control, of the task with that @p life.
     Handle(std::shared_ptr<Life> life, std::shared_ptr<Control> control)
         : m_life(std::move(life)), m_control(std::move(control))
     {}
@@ -53,6 +54,7 @@ class Handle
     }
 
  protected:
+    /// What @p operation does with what is behind it; false if that has ended.
     template <typename Operation>
     bool With(const Operation& operation)
     {
