@@ -9,6 +9,8 @@ set(ZOR_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zor-core)
 
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/inc/ DESTINATION ${ZOR_HEADER_DIR}
         COMPONENT development FILES_MATCHING PATTERN *.h)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/kit/inc/ DESTINATION ${ZOR_HEADER_DIR}
+        COMPONENT development FILES_MATCHING PATTERN *.h)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/platform/inc/ DESTINATION ${ZOR_PLATFORM_HEADER_DIR}
         COMPONENT platform-development FILES_MATCHING PATTERN *.h)
 
@@ -29,6 +31,11 @@ target_include_directories(zor-platform INTERFACE
                            $<INSTALL_INTERFACE:${ZOR_PLATFORM_HEADER_DIR}>)
 
 install(EXPORT zor-core-targets NAMESPACE zor:: DESTINATION ${ZOR_PACKAGE_DIR}
+        COMPONENT development)
+# The kit's headers lie with the runtime's, below zor/, and so are found with them. It is exported by
+# itself, because it needs more than the runtime does.
+install(TARGETS zor-kit EXPORT zor-kit-targets)
+install(EXPORT zor-kit-targets NAMESPACE zor:: DESTINATION ${ZOR_PACKAGE_DIR}
         COMPONENT development)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/package/zor-core-config.cmake.in
   ${PROJECT_BINARY_DIR}/package/zor-core-config.cmake INSTALL_DESTINATION ${ZOR_PACKAGE_DIR})

@@ -29,10 +29,10 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/package/tri
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libzor-core-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-    "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}-1)")
+    "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}-1), libexpected-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "libgtest-dev (>= 1.12)")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
-    "Headers of the runtime and of its platform, the files that CMake and
+    "Headers of the runtime, typed messages over it, headers of its platform, the files that CMake and
 pkg-config need to find them, and a library for applications' tests.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zor-core-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)

@@ -28,7 +28,9 @@ runtime+='|ReleasedData|RWLock'
 runtime+='|StateAlarm|Sync|Task|Thread|ThreadUtil|Timer|TimersScheduler|TrapPoint|TVInfoBox'
 runtime+='|WatchdogNotifier|ZorServiceDebug|ZorServiceDebugOverlay|ZorExport)\.h'
 include_rule platform "$runtime" "the platform knows nothing of the runtime; move the code to src/"
-include_rule inc '\.\./|.*src/' "public headers stand on inc/ and platform/inc/ alone"
+include_rule inc 'zor/|\.\./|.*src/' "public headers stand on inc/ and platform/inc/ alone"
+include_rule kit '\.\./|.*(src|platform/host)/' "the kit stands on the public headers alone"
+include_rule src 'zor/' "the runtime knows nothing of the kit"
 include_rule examples '.*(src|platform/host)/' "examples use the installed headers only"
 include_rule testing '.*(src|platform/host|tests)/' "zor::testing uses the installed headers only"
 include_rule inc 'zor/testing/' "the runtime knows nothing of what it is tested with"
@@ -55,9 +57,9 @@ for file in "${sources[@]}"; do
 done
 
 say "every public header alone"
-git ls-files 'inc/*.h' 'platform/inc/*.h' 'testing/inc/*.h' | xargs -P "$(nproc)" -I{} \
+git ls-files 'inc/*.h' 'platform/inc/*.h' 'testing/inc/*.h' 'kit/inc/*.h' | xargs -P "$(nproc)" -I{} \
     g++ -std=c++17 -fsyntax-only -Wall -Wextra -Wpedantic -Werror -I inc -I platform/inc \
-    -I testing/inc -include {} -x c++ /dev/null ||
+    -I testing/inc -I kit/inc -include {} -x c++ /dev/null ||
     fail "a header (above) does not compile by itself: include what it uses, or declare it"
 
 build dev

@@ -67,6 +67,40 @@ TEST(DocumentTest, NoCodeOfTheTutorialIsOutsideItsSteps)
     }
 }
 
+TEST(DocumentTest, SecondFormsAreShownToTheLetter)
+{
+    const std::vector<Block> blocks =
+        zortest::BlocksOf(zortest::SourceText("docs/events-to-messages.md"));
+    const std::vector<std::string> steps = zortest::SourceFiles("docs/tutorial/kit", ".cpp");
+    EXPECT_THAT(steps, SizeIs(Ge(5U)));
+    for (const std::string& step : steps) {
+        std::string shown;
+        for (const Block& block : blocks) {
+            if (block.note == "tutorial/kit/" + step) {
+                shown += (shown.empty() ? "" : "\n") + block.text;
+            }
+        }
+        EXPECT_EQ(shown, zortest::SourceText("docs/tutorial/kit/" + step)) << step;
+    }
+}
+
+TEST(DocumentTest, FirstFormsBesideThemAreTheTutorials)
+{
+    const std::string excerpt = "excerpt of ";
+    int excerpts = 0;
+    for (const Block& block :
+         zortest::BlocksOf(zortest::SourceText("docs/events-to-messages.md"))) {
+        if (block.note.rfind(excerpt, 0) == 0) {
+            ++excerpts;
+            EXPECT_THAT(zortest::SourceText("docs/" + block.note.substr(excerpt.size())),
+                        HasSubstr(block.text));
+        } else if (block.language == "cpp") {
+            EXPECT_THAT(block.note, HasSubstr("tutorial/kit/")) << block.text;
+        }
+    }
+    EXPECT_GE(excerpts, 4);
+}
+
 TEST(DocumentTest, ReadmeShowsTheSmallestDaemonToTheLetter)
 {
     const std::vector<Block> blocks = zortest::BlocksOf(zortest::SourceText("README.md"));

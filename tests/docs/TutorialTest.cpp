@@ -40,15 +40,18 @@ class TutorialStepTest : public TutorialTest, public ::testing::WithParamInterfa
 
 TEST_P(TutorialStepTest, PrintsWhatTheTutorialSays)
 {
-    DaemonProcess daemon(GetParam(), {}, {"ZOR_DLOG=none"});
+    const std::string program = GetParam();
+    DaemonProcess daemon(program, {}, {"ZOR_DLOG=none"});
     ASSERT_TRUE(daemon.WaitForEnd());
     EXPECT_EQ(daemon.ExitStatus(), 0) << daemon.Errors();
-    EXPECT_EQ(daemon.Output(), Promised(GetParam()));
+    EXPECT_EQ(daemon.Output(), Promised(program.substr(program.find("step"))));
 }
 
 INSTANTIATE_TEST_SUITE_P(Tutorial, TutorialStepTest,
                          ::testing::Values("step1_empty", "step2_task", "step3_messages",
-                                           "step4_timer", "step5_pause"),
+                                           "step4_timer", "step5_pause", "kit_step2_task",
+                                           "kit_step3_messages", "kit_step4_timer",
+                                           "kit_step5_pause"),
                          [](const auto& info) { return std::string(info.param); });
 
 /// A test program: not a daemon, but run like one.
@@ -60,11 +63,23 @@ TEST_F(TutorialTest, TestsOfATaskPassAsTheTutorialSays)
     EXPECT_EQ(tests.Output(), Promised("step7_test"));
 }
 
-class SupervisedStepTest : public TutorialTest
+/// Both forms of a step promise the same.
+TEST_F(TutorialTest, SecondFormsPrintWhatTheFirstOnesDo)
+{
+    const auto blocks = zortest::BlocksOf(zortest::SourceText("docs/events-to-messages.md"));
+    for (const char* step :
+         {"step2_task", "step3_messages", "step4_timer", "step5_pause", "step6_supervised"}) {
+        EXPECT_EQ(zortest::BlockWithNote(blocks, std::string("output of kit ") + step),
+                  Promised(step));
+    }
+}
+
+/// The last step, in both forms.
+class SupervisedStepTest : public TutorialTest, public ::testing::WithParamInterface<const char*>
 {
  protected:
     static constexpr char SERVING[] = "Main: serving\n";
-    static constexpr char STEP[] = "step6_supervised";
+    const std::string m_step = GetParam();
 
     static bool HasPrinted(const DaemonProcess& daemon, const std::string& text)
     {
@@ -72,9 +87,9 @@ class SupervisedStepTest : public TutorialTest
     }
 };
 
-TEST_F(SupervisedStepTest, PausesResumesAndStopsOnSignals)
+TEST_P(SupervisedStepTest, PausesResumesAndStopsOnSignals)
 {
-    DaemonProcess daemon(STEP, {}, {"ZOR_DLOG=none"});
+    DaemonProcess daemon(m_step, {}, {"ZOR_DLOG=none"});
     std::string printed = SERVING;
     ASSERT_TRUE(HasPrinted(daemon, printed)) << daemon.Output();
     kill(daemon.Pid(), SIGUSR1);
@@ -84,12 +99,12 @@ TEST_F(SupervisedStepTest, PausesResumesAndStopsOnSignals)
     kill(daemon.Pid(), SIGTERM);
     ASSERT_TRUE(daemon.WaitForEnd());
     EXPECT_EQ(daemon.ExitStatus(), 0) << daemon.Errors();
-    EXPECT_EQ(daemon.Output(), Promised(STEP));
+    EXPECT_EQ(daemon.Output(), Promised("step6_supervised"));
 }
 
-TEST_F(SupervisedStepTest, StopsWhilePaused)
+TEST_P(SupervisedStepTest, StopsWhilePaused)
 {
-    DaemonProcess daemon(STEP, {}, {"ZOR_DLOG=stderr"});
+    DaemonProcess daemon(m_step, {}, {"ZOR_DLOG=stderr"});
     ASSERT_TRUE(HasPrinted(daemon, SERVING)) << daemon.Output();
     kill(daemon.Pid(), SIGUSR1);
     ASSERT_TRUE(HasPrinted(daemon, std::string(SERVING) + "Main: paused\n")) << daemon.Output();
@@ -99,9 +114,9 @@ TEST_F(SupervisedStepTest, StopsWhilePaused)
     EXPECT_THAT(daemon.Errors(), Not(HasSubstr("Was not resumed before destroying.")));
 }
 
-TEST_F(SupervisedStepTest, HangIsReportedByTheWatchdog)
+TEST_P(SupervisedStepTest, HangIsReportedByTheWatchdog)
 {
-    DaemonProcess daemon(STEP, {"--hang"}, {"ZOR_DLOG=stderr:ERROR", "ZOR_WATCHDOG=log"});
+    DaemonProcess daemon(m_step, {"--hang"}, {"ZOR_DLOG=stderr:ERROR", "ZOR_WATCHDOG=log"});
     ASSERT_TRUE(
         Eventually([&] { return daemon.Errors().find("thread 'Meter'") != std::string::npos; }));
     EXPECT_THAT(daemon.Errors(), HasSubstr("hangs: no sign of life within 5000 ms"));
@@ -111,11 +126,15 @@ TEST_F(SupervisedStepTest, HangIsReportedByTheWatchdog)
     EXPECT_EQ(daemon.ExitStatus(), 0) << daemon.Errors();
 }
 
-TEST_F(SupervisedStepTest, HangEndsTheProcessIfTheWatchdogAborts)
+TEST_P(SupervisedStepTest, HangEndsTheProcessIfTheWatchdogAborts)
 {
-    DaemonProcess daemon(STEP, {"--hang"}, {"ZOR_DLOG=none", "ZOR_WATCHDOG=abort"});
+    DaemonProcess daemon(m_step, {"--hang"}, {"ZOR_DLOG=none", "ZOR_WATCHDOG=abort"});
     ASSERT_TRUE(daemon.WaitForEnd());
     EXPECT_EQ(daemon.Signal(), SIGABRT) << daemon.Errors();
 }
+
+INSTANTIATE_TEST_SUITE_P(Tutorial, SupervisedStepTest,
+                         ::testing::Values("step6_supervised", "kit_step6_supervised"),
+                         [](const auto& info) { return std::string(info.param); });
 
 } // namespace

@@ -1,0 +1,7 @@
+// expected: zor::TaskDoesNotTake<Tuner, Unknown>
+#include "Tuner.h"
+
+void Use(Tuner& tuner)
+{
+    tuner.AskAsync(Unknown{}, [](zor::Result<Tuned>) {});
+}

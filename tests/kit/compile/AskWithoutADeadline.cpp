@@ -1,0 +1,7 @@
+// expected: an ask needs a deadline: Ask.message, 500ms.
+#include "Tuner.h"
+
+void Use(Tuner& tuner)
+{
+    tuner.Ask(Tune{7});
+}

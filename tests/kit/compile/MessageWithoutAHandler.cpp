@@ -1,0 +1,10 @@
+// expected: zor::TaskHasNoHandlerOf<Silent, Scan>
+#include "Tuner.h"
+
+class Silent : public zor::Task<Silent, Tune, Scan>
+{
+ public:
+    Tuned On(const Tune& tune);
+};
+
+Silent silent;
