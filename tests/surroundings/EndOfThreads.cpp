@@ -4,6 +4,7 @@
 // not waited for without limit, so that what it keeps is found.
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -29,12 +30,19 @@ bool AreAllGone()
     return left <= 1; // this one
 }
 
-__attribute__((destructor)) void WaitForTheEndOfThreads()
+void WaitForTheEndOfThreads(int /*status*/, void* /*unused*/)
 {
     const auto deadline = std::chrono::steady_clock::now() + DEADLINE;
     while (!AreAllGone() && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+}
+
+// Exit handlers run from the last to the first. One that is set before main() and belongs to no
+// library comes behind the destructors of all libraries' objects, of which some end threads.
+__attribute__((constructor)) void SetLastExitHandler()
+{
+    on_exit(WaitForTheEndOfThreads, nullptr);
 }
 
 } // namespace
