@@ -53,8 +53,8 @@ struct TSOwnMounts
                 complaint.clear();
                 return;
             }
-            complaint += std::string("\n") + way + ": " +
-                         (result.err.empty() ? "without a word" : result.err);
+            complaint +=
+                std::string("\n") + way + ": " + result.err.substr(0, result.err.find('\n'));
         }
     }
 
