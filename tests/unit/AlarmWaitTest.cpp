@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <new>
 #include <string>
@@ -37,21 +38,32 @@ bool IsAlarmThread()
     return strncmp(name, "TCAlarm:", strlen("TCAlarm:")) == 0;
 }
 
-/// The waits for an interval that alarms begin, while it lives.
+/// The waits for an interval that alarms begin, while it lives. A wait that ends early, without a
+/// signal, would begin its interval anew; here it goes on to its deadline and counts once.
 class IntervalWaits
 {
  public:
     IntervalWaits()
-        : m_takeover(condTimedwaitSeam, [this](pthread_cond_t* condition, pthread_mutex_t* mutex,
-                                               const timespec* deadline) {
-              if (IsAlarmThread()) {
-                  const auto now = Clock::now();
-                  std::lock_guard<std::mutex> lock(m_mutex);
-                  m_waits.push_back({Clock::time_point(seconds(deadline->tv_sec) +
-                                                       nanoseconds(deadline->tv_nsec)),
-                                     now});
-              }
-              return condTimedwaitSeam.Real(condition, mutex, deadline);
+        : m_takeover(
+              condTimedwaitSeam,
+              [this](pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec* deadline) {
+                  if (IsAlarmThread()) {
+                      const auto now = Clock::now();
+                      std::lock_guard<std::mutex> lock(m_mutex);
+                      m_waits.push_back({Clock::time_point(seconds(deadline->tv_sec) +
+                                                           nanoseconds(deadline->tv_nsec)),
+                                         now});
+                  }
+                  return WaitForSignal(condition, mutex, deadline);
+              }),
+          m_signal(condSignalSeam,
+                   [this](pthread_cond_t* condition) {
+                       Count(condition);
+                       return condSignalSeam.Real(condition);
+                   }),
+          m_broadcast(condBroadcastSeam, [this](pthread_cond_t* condition) {
+              Count(condition);
+              return condBroadcastSeam.Real(condition);
           })
     {}
 
@@ -83,9 +95,36 @@ class IntervalWaits
         Clock::time_point begun; ///< not before the deadline was formed
     };
 
-    mutable std::mutex m_mutex; ///< guards the waits
+    void Count(const pthread_cond_t* condition)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_signals[condition];
+    }
+
+    int Signals(const pthread_cond_t* condition) const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const auto found = m_signals.find(condition);
+        return found == m_signals.end() ? 0 : found->second;
+    }
+
+    int WaitForSignal(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                      const timespec* deadline) const
+    {
+        const int before = Signals(condition);
+        int result = 0;
+        do {
+            result = condTimedwaitSeam.Real(condition, mutex, deadline);
+        } while (result == 0 && Signals(condition) == before);
+        return result;
+    }
+
+    mutable std::mutex m_mutex; ///< guards waits and signals
     std::vector<Wait> m_waits;
+    std::map<const pthread_cond_t*, int> m_signals;
     Takeover<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> m_takeover;
+    Takeover<int(pthread_cond_t*)> m_signal;
+    Takeover<int(pthread_cond_t*)> m_broadcast;
 };
 
 class CountingAlarm : public TCAlarm
