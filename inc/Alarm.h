@@ -13,12 +13,14 @@
 ///
 /// Each alarm has a thread of its own that sleeps for the interval and then sends EVENT_ALARM to
 /// the alarm, which is a handler of the task: callbacks and t_OnAlarm() run on the task's thread.
-/// Each interval is measured from the end of the send before it, so firings drift.
+/// Each interval is measured from the end of the send before it, so firings drift. About one wait
+/// in a million ends at once, as TCSemaphore::Try() says, and its firing comes early.
 ///
-/// An alarm that has fired as often as it was told to is idle until a Reset(). Destroy() must be
-/// called before the alarm and before its task are destroyed. Any thread may call Reset(), Stop()
-/// and RestartAfterStop(); Destroy() says when it may be called. Except for Create() every
-/// operation asserts "FlagCreate() == true"; the setters without a result do not.
+/// An alarm that has fired as often as it was told to is idle until a Reset(), or until a Stop()
+/// and a RestartAfterStop(). Destroy() must be called before the alarm and before its task are
+/// destroyed. Any thread may call Reset(), Stop() and RestartAfterStop() while none calls
+/// Destroy(), which says when it may be called. Except for Create() every operation asserts
+/// "FlagCreate() == true"; the setters without a result do not.
 ///
 /// No lock guards the callbacks, and Create() starts the alarm. An alarm that must not fire before
 /// its callbacks are set is made without a firing and started afterwards:
@@ -62,15 +64,17 @@ class ZOR_CORE_API TCAlarm : protected TCThread, public TCHandler
     ///
     /// A firing that the task's thread has taken off the queue already is not among them: its
     /// callbacks and its hook may run on, or even begin, after Destroy() has returned, and they
-    /// read the alarm. So any thread may call Destroy() at any time, but it is safe only on the
-    /// task's thread, or where it is known that the task handles none of the alarm's events;
-    /// elsewhere the task may assert that the alarm is created and read what the caller deletes
-    /// next.
+    /// read the alarm. So Destroy() is safe only on the task's thread, or where it is known that
+    /// the task handles none of the alarm's events; elsewhere the task may assert that the alarm is
+    /// created and read what the caller deletes next. On no thread may a Reset(), Stop() or
+    /// RestartAfterStop() of the alarm be under way: it would use what Destroy() takes away.
     ///
     /// On the task's thread callbacks and hook may end their own alarm: what is left of the firing
     /// still runs (a hook of a derived class, the after callback), so the object itself must stay
-    /// until the firing has been handled. The callables of SetCallbackBefore() and
-    /// SetCallbackAfter(), and what they hold, stay with the object and serve its next life.
+    /// until the firing has been handled. A hook that needs the alarm created, as that of
+    /// TCStateAlarm does, then asserts: such an alarm must not be ended by its before callback,
+    /// unless that returns true. The callables of SetCallbackBefore() and SetCallbackAfter(), and
+    /// what they hold, stay with the object and serve its next life.
     void Destroy() override;
 
     /// Handles EVENT_ALARM by OnAlarm(). Any other type asserts "event->type == EVENT_ALARM" and is
@@ -88,17 +92,19 @@ class ZOR_CORE_API TCAlarm : protected TCThread, public TCHandler
     /// @param task      whose alarm it is; it stays the caller's
     /// @param interval  milliseconds from one firing to the next, at least INTERVAL_MIN
     /// @param count     how many times to fire; 0 not at all, ENDLESS for ever
-    /// @return whether everything could be made. If not the alarm is not created, and may be made
-    ///         again. Settings and callbacks of SetEventCallback() are lost then if it was the
-    ///         thread that could not be started.
+    /// @return whether everything could be made; if not the alarm is not created.
     ///
-    /// Unsets what GetEventCallback() answers, but clears no callable: what an earlier life has set
-    /// goes on being called. Asserts "FlagCreate() == false", "task != NULL" and that the task is
-    /// created.
+    /// Unsets what GetEventCallback() answers, also where it is the thread that cannot be started,
+    /// but clears no callable: what an earlier life has set goes on being called. After a failure
+    /// the alarm may be made again, but not after that of the thread: part of that is left, for
+    /// which a further Create() and the destructor assert. Asserts "FlagCreate() == false",
+    /// "task != NULL" and that the task is created.
     bool Create(const TCTask* task, unsigned long interval, unsigned long count);
 
     /// Starts anew with these settings: a full interval, the count from 0. Firings that still wait
-    /// in the task's queue are deleted.
+    /// in the task's queue are deleted; one that the task's thread has taken off it already may
+    /// still run, even after this has returned. What is attached to the events that are deleted is
+    /// destroyed under the alarm's lock.
     void Reset(unsigned long interval, unsigned long count);
 
     /// Halts the alarm; queued firings stay. Nothing happens if it is halted already.
@@ -114,7 +120,7 @@ class ZOR_CORE_API TCAlarm : protected TCThread, public TCHandler
     /// t_OnAlarm(); an after callback always runs, and its result is or-ed into that of the event.
     ///
     /// No lock guards callbacks: set them before the alarm can fire (the class says how), or on the
-    /// task's thread. They outlive Destroy().
+    /// task's thread, where a callback may also replace or clear itself. They outlive Destroy().
     ///
     /// @return false, and nothing is changed, for any other @p type
     bool SetEventCallback(int type, EventCallback before, EventCallback after, const void* context);
@@ -128,7 +134,8 @@ class ZOR_CORE_API TCAlarm : protected TCThread, public TCHandler
 
     /// Sets the callback before t_OnAlarm(), in place of the one from SetEventCallback(); an empty
     /// one clears it. The alarm need not be created, and neither Create() nor Destroy() clears the
-    /// callback. No lock guards it: as for SetEventCallback().
+    /// callback. No lock guards it: as for SetEventCallback(). A callback that replaces itself is
+    /// destroyed when it has returned.
     void SetCallbackBefore(Callback callback);
 
     /// The same for the callback after t_OnAlarm().

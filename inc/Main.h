@@ -17,7 +17,8 @@ ZOR_CORE_API extern int gArgc;
 ZOR_CORE_API extern char** gArgv;
 
 /// The application's entry, defined by the application. It runs on the process's first thread with
-/// all services of the runtime up, and must have destroyed its tasks, alarms and timers before it
+/// the services of the runtime up (if starting one of them throws, it and those behind it are left
+/// out, and nobody is told), and must have destroyed its tasks, alarms and timers before it
 /// returns. An exception that leaves it ends the process.
 ///
 /// @return the exit status of the process

@@ -8,14 +8,15 @@
 /// An alarm that sends its task an event of the application's own type whenever it fires.
 ///
 /// The task receives it as its own handler's event, without parameters, after the alarm event that
-/// caused it. A before callback that returns true keeps it from being sent.
+/// caused it. A before callback that returns true keeps it from being sent; one that returns false
+/// must not have ended the alarm.
 class ZOR_CORE_API TCStateAlarm : public TCAlarm
 {
  public:
     TCStateAlarm() = default;
     ~TCStateAlarm() override = default;
 
-    /// Sends the event, on the task's thread.
+    /// Sends the event, on the task's thread. Asserts "FlagCreate() == true".
     ///
     /// @return false
     bool t_OnAlarm(const TSEvent* event) override;

@@ -5,8 +5,9 @@
 /// @file
 /// Texts on the television's screen, shown by the platform's program "/usr/bin/infobox". Any thread
 /// may call any function; none waits for a box and none reports a failure to its caller. Showing a
-/// box sets SIGCHLD to be ignored, so that finished boxes are reaped by the system. The program
-/// itself starts with no signal blocked and none ignored, whatever the daemon does.
+/// box leaves errno as it was and sets SIGCHLD to be ignored, so that finished boxes are reaped by
+/// the system. The program itself starts with no signal blocked and none ignored, whatever the
+/// daemon does.
 
 /// Shows a text.
 ///
@@ -15,7 +16,7 @@
 ZOR_CORE_API void show_message_box(unsigned int x, unsigned int y, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
 
-/// Shows a text that stays until destroy_message_box().
+/// The same, with "1" as a further argument of the program, behind the position.
 ZOR_CORE_API void create_message_box(unsigned int x, unsigned int y, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
 

@@ -50,8 +50,12 @@ class ZOR_CORE_API ITimer
         /// only until the timer's destructor has returned: see TCTimer.
         void* userData = nullptr;
 
-        /// Called once with userData, on the task's thread, when no call of the listener can come
-        /// any more; may be empty. This is the place to free userData.
+        /// Called once with userData when no call of the listener can come any more; may be empty.
+        /// This is the place to free userData. It runs on the task's thread between two events, or,
+        /// if the task's loop has ended before, on the thread that destroys the task. Whoever
+        /// deletes the task's own events from its queue runs it as well. On the caller's thread it
+        /// runs if the timer's constructor throws, or its destructor finds that the scheduler does
+        /// not know the timer.
         std::function<void(void*)> userDataRelease;
     };
 

@@ -72,8 +72,11 @@ class ZOR_CORE_API TCTimersScheduler
     /// @return its id, or INVALID_TIMER_ID
     std::size_t CreateTimer(std::chrono::milliseconds interval, unsigned int count, TSEvent event);
 
-    /// Starts a timer anew with these settings. Firings that still wait in the receiver's queue are
-    /// deleted. A paused timer stays paused and starts a full interval when it is resumed.
+    /// Starts a timer anew with these settings. All events of the receiver that still wait in its
+    /// task's queue are deleted. What is attached to them is destroyed with the scheduler's mutex
+    /// held: it must not use timers, nor own a TCTimer, or the call never returns. (The runtime
+    /// sends the receiver of a TCTimer nothing but firings, which carry nothing.) A paused timer
+    /// stays paused and starts a full interval when it is resumed.
     ///
     /// @return false if there is no such timer
     bool ResetTimer(std::size_t id, std::chrono::milliseconds interval, unsigned int count);

@@ -17,8 +17,9 @@
 /// The logging front of the process, the loggers that come with it, and the macro to log through
 /// it.
 ///
-/// An entry goes to the current logger and then to every plug-in. Any thread may log at any time;
-/// logging allocates nothing and reports no failure.
+/// An entry goes to the current logger and then to every plug-in. Any thread may log at any time.
+/// The front and the platform-log loggers allocate nothing and report no failure of the platform
+/// log; what another logger or a plug-in throws reaches who logs.
 
 /// Writes one entry through the logging front, tagged "ZOR_CORE".
 ///
@@ -45,8 +46,8 @@
 /// A destination of log entries. Applications derive from it to add their own.
 ///
 /// Every operation may be called by any number of threads at once. The runtime also logs while it
-/// holds locks of its own: a logger may send an event without waiting, but must not use timers, nor
-/// wait for a task.
+/// holds locks of its own, the timers' and those of alarms among them: a logger may send an event
+/// without waiting, but must not use timers or alarms, nor wait for a task.
 class ZOR_CORE_API IZORLogger
 {
  public:
@@ -132,8 +133,8 @@ class ZOR_CORE_API ZORLoggerLegacy : public IZORLogger
     /// those of the mapping tables that are still empty.
     static ZORLoggerLegacy* Instance();
 
-    /// A priority or a tag that is not in its table enters it with level or module number 0. A null
-    /// tag throws std::logic_error.
+    /// A priority or a tag that is not in its table enters it with level or module number 0, which
+    /// allocates and may throw std::bad_alloc. A null tag throws std::logic_error.
     void ZORLog(bool flag, log_priority priority, const char* tag, const char* file,
                 const char* prettyFunction, const char* function, int scope, int classBegin,
                 int classEnd, int functionBegin, int functionEnd, int line, const char* fmt,
@@ -181,7 +182,8 @@ class ZOR_CORE_API ZORLogs
     /// destructor.
     ///
     /// A plug-in may call this while it takes an entry: then the change is made when the entry, and
-    /// all that is logged meanwhile on the same thread, has been given to all plug-ins.
+    /// all that is logged meanwhile on the same thread, has been given to all plug-ins, or when one
+    /// of them has thrown.
     void AddPlugin(std::unique_ptr<IZORLogger> plugin);
 
     /// Removes and destroys the plug-in with that id, waiting for entries that are being logged.

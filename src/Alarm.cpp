@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <utility>
 
 #include "Immortal.h"
@@ -42,13 +43,26 @@ const void* FunctionOf(const TCAlarm& alarm, Hook operation)
 
 /// Whether the alarm's class has left the hook as it is.
 ///
-/// The base version asserts that the alarm is created, and an alarm whose before callback has ended
-/// it is not. It must not be called for such an alarm, but a derived class's hook must. No flag can
-/// tell them apart: there is no virtual operation left to ask, because their order is fixed.
+/// The base version is not to be called for a firing; it would assert if the before callback has
+/// ended the alarm. No virtual operation can be added to ask, because their order is fixed.
 bool HasBaseHook(const TCAlarm& alarm)
 {
     static const zor::Immortal<TCAlarm> plain;
     return FunctionOf(alarm, &TCAlarm::t_OnAlarm) == FunctionOf(plain.object, &TCAlarm::t_OnAlarm);
+}
+
+/// @p callback so that it may replace itself: while it runs the call has a share of it, where a
+/// copy of it for every firing would come from the heap.
+TCAlarm::Callback Lasting(TCAlarm::Callback callback)
+{
+    if (!callback) {
+        return {};
+    }
+    return [shared = std::make_shared<const TCAlarm::Callback>(std::move(callback))](
+               const TSEvent* event) {
+        const std::shared_ptr<const TCAlarm::Callback> running = shared;
+        return (*running)(event);
+    };
 }
 
 } // namespace
@@ -153,8 +167,8 @@ void TCAlarm::RestartAfterStop()
     m_wakeUp.Give();
 }
 
-// The lock is held whenever the thread does not wait. A firing is sent with it held, so that a
-// Reset() that has returned knows that no firing from before it can still come.
+// The lock is held whenever the thread does not wait. A firing is sent with it held, so that every
+// firing from before a Reset() is in the queue when that deletes them, or has been taken off it.
 void TCAlarm::t_Main()
 {
     m_lock.Lock();
@@ -275,10 +289,10 @@ bool TCAlarm::GetEventCallback(int type, EventCallback* before, EventCallback* a
 
 void TCAlarm::SetCallbackBefore(Callback callback)
 {
-    m_callbackBefore = std::move(callback);
+    m_callbackBefore = Lasting(std::move(callback));
 }
 
 void TCAlarm::SetCallbackAfter(Callback callback)
 {
-    m_callbackAfter = std::move(callback);
+    m_callbackAfter = Lasting(std::move(callback));
 }

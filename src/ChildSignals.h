@@ -26,9 +26,9 @@ using SignalActions = std::array<struct sigaction, NSIG>;
 sigset_t BlockSignals();
 
 /// In the child: gives every signal its default and blocks none. Only tells the kernel something,
-/// so that the child of a vfork() may call it.
+/// so that the child of a vfork() may call it; errno, which is its parent's, changes.
 ///
-/// @param before  where to store what was done with them, or null; its memory is all that changes
+/// @param before  where to store what was done with them, or null
 void ResetSignals(SignalActions* before);
 
 /// Goes back to what ResetSignals() has stored.

@@ -26,8 +26,8 @@ constexpr int PROFILING_OPTION = 666;
 constexpr char LOG_TAG[] = "ZOR";
 constexpr char LOG_MODULE[] = "ZOR_CORE";
 
-// Names and lines that the entry's log lines carry. They are constants of the system, which tools
-// that read the log know; they do not follow the source.
+// Names and lines that the entry's log lines carry. They are constants of the system and do not
+// follow the source.
 constexpr char IN_MAIN[] = "main";
 constexpr char IN_WRITE_PID[] = "write_pid";
 constexpr int LINE_OPEN_FAILED = 45;
@@ -97,8 +97,7 @@ bool WritePidFile()
     return true;
 }
 
-/// Steps aside for the instance that made the pid file. No exit handler may run: they would take
-/// down what has never been brought up.
+/// Steps aside for the instance that made the pid file, at once: no exit handler runs.
 [[noreturn]] void StepAside()
 {
     PrintProfiling(PROFILING_OPTION, "ZOR pid file result %d", -1);
@@ -117,7 +116,7 @@ void StartRuntime()
             TCTaskList::m_mutex.Create();
         }
         TCWatchdogNotifier::Init();
-    } catch (...) { // NOLINT(bugprone-empty-catch): nobody is left to be told
+    } catch (...) { // NOLINT(bugprone-empty-catch): required; the start goes on
     }
 }
 
@@ -130,7 +129,7 @@ void StopRuntime()
             TCSyncDet::Destroy();
         }
         TCTaskList::Finalize();
-    } catch (...) { // NOLINT(bugprone-empty-catch): the process ends with Main()'s result anyway
+    } catch (...) { // NOLINT(bugprone-empty-catch): required; Main()'s result counts
     }
 }
 

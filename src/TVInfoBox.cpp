@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
@@ -34,6 +35,7 @@ struct Box
 /// @param last  a further argument of the program, or null
 void Show(unsigned int x, unsigned int y, const char* last, const char* fmt, va_list args)
 {
+    const int error = errno;
     Box box = {};
     snprintf(box.x, sizeof(box.x), "%d", static_cast<int>(x <= MAX_X ? x : 0));
     snprintf(box.y, sizeof(box.y), "%d", static_cast<int>(y <= MAX_Y ? y : 0));
@@ -42,7 +44,7 @@ void Show(unsigned int x, unsigned int y, const char* last, const char* fmt, va_
     const sigset_t before = zor::BlockSignals();
     // The parent goes on once the child has started the program or ended.
     if (vfork() == 0) { // NOLINT(clang-analyzer-security.insecureAPI.vfork)
-        // All three only tell the kernel something: nothing of the parent's memory is changed.
+        // All three only tell the kernel something: of the parent's memory only errno is changed.
         zor::ResetSignals(nullptr); // NOLINT(clang-analyzer-unix.Vfork)
         close(STDIN_FILENO);        // NOLINT(clang-analyzer-unix.Vfork)
         close(STDOUT_FILENO);       // NOLINT(clang-analyzer-unix.Vfork)
@@ -50,6 +52,7 @@ void Show(unsigned int x, unsigned int y, const char* last, const char* fmt, va_
         _exit(1);
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    errno = error; // the child, which shares it, has failed at what the kernel refuses
 }
 
 } // namespace

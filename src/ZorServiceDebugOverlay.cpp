@@ -90,6 +90,15 @@ class PluginCalls
     PluginChanges* const m_outer;
 };
 
+/// Makes what plug-ins have asked for, when their thread holds the mutex no more.
+void MakeChanges(PluginChanges* changes, ZORLogs* front)
+{
+    for (PluginChange& change : *changes) {
+        change.added != nullptr ? front->AddPlugin(std::move(change.added))
+                                : front->RemovePlugin(change.removed);
+    }
+}
+
 /// A text cut to what its buffer holds, put together piece by piece.
 class NameBuffer
 {
@@ -335,7 +344,7 @@ void ZORLogs::ZORLog(bool flag, log_priority priority, const char* tag, const ch
     va_end(tArguments);
 
     PluginChanges changes;
-    {
+    try {
         // The shared lock tries again while the system asks for it, and throws on a deadlock.
         std::shared_lock<std::shared_mutex> lock(m_pluginMutex, std::defer_lock);
         const PluginCalls calls(&changes);
@@ -347,8 +356,9 @@ void ZORLogs::ZORLog(bool flag, log_priority priority, const char* tag, const ch
             logThrough(plugin.second.get());
             va_end(tArguments);
         }
+    } catch (...) {
+        MakeChanges(&changes, this);
+        throw;
     }
-    for (PluginChange& change : changes) {
-        change.added != nullptr ? AddPlugin(std::move(change.added)) : RemovePlugin(change.removed);
-    }
+    MakeChanges(&changes, this);
 }

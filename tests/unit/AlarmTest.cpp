@@ -4,8 +4,10 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Alarm.h"
@@ -338,6 +340,33 @@ TEST_F(AlarmTest, CallbacksOutliveDestroyAndServeTheNextLife)
     const TSEvent event = EventTo(&m_alarm, TCAlarm::EVENT_ALARM);
     EXPECT_TRUE(m_alarm.OnAlarm(&event));
     EXPECT_EQ(calls, 1);
+}
+
+TEST_F(AlarmTest, CallbackThatReplacesItselfKeepsWhatItHoldsUntilItHasReturned)
+{
+    ASSERT_TRUE(m_alarm.Create(&m_task, LONG_INTERVAL, 1));
+    const TSEvent event = EventTo(&m_alarm, TCAlarm::EVENT_ALARM);
+    for (const auto set : {&TCAlarm::SetCallbackBefore, &TCAlarm::SetCallbackAfter}) {
+        for (const TCAlarm::Callback& next :
+             {TCAlarm::Callback(), TCAlarm::Callback([](const TSEvent*) { return true; })}) {
+            auto held = std::make_shared<int>(7);
+            const std::weak_ptr<int> watched = held;
+            long shares = 0;
+            (m_alarm.*set)([&, held = std::move(held)](const TSEvent*) {
+                // The callable itself may not be read once it is gone.
+                const std::weak_ptr<int>& watchedToTheEnd = watched;
+                long& sharesAtTheEnd = shares;
+                (m_alarm.*set)(next);
+                sharesAtTheEnd = watchedToTheEnd.use_count();
+                return false;
+            });
+            EXPECT_FALSE(m_alarm.OnAlarm(&event));
+            EXPECT_EQ(shares, 1);
+            EXPECT_TRUE(watched.expired());
+            EXPECT_EQ(m_alarm.OnAlarm(&event), next != nullptr);
+            (m_alarm.*set)({});
+        }
+    }
 }
 
 TEST_F(AlarmTest, CallbacksOfAnAlarmMadeWithoutAFiringAreThereForTheFirst)

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -388,6 +389,24 @@ TEST_F(LoggingFrontTest, PluginMayRemoveItselfAndAddAnotherWhileItTakesAnEntry)
     EXPECT_TRUE(m_firstDestroyed);
     ZOR_LOG(false, DLOG_DEBUG, "second");
     EXPECT_THAT(order, ElementsAre("b:inner", "c:inner", "b:first", "c:first", "a:second"));
+}
+
+TEST_F(LoggingFrontTest, ChangesThatAPluginAskedForAreMadeThoughALaterOneThrows)
+{
+    std::vector<std::string> order;
+    m_front->AddPlugin(std::make_unique<RecordingLogger>("a", [&](const std::string&) {
+        m_front->RemovePlugin("c");
+        AddOrderedPlugin("aa", &order);
+    }));
+    m_front->AddPlugin(std::make_unique<RecordingLogger>(
+        "b", [](const std::string& message) { throw std::runtime_error(message); }));
+    m_front->AddPlugin(PluginWithFlag("c", &m_firstDestroyed));
+    EXPECT_THROW(ZOR_LOG(false, DLOG_DEBUG, "x"), std::runtime_error);
+    EXPECT_TRUE(m_firstDestroyed);
+    m_front->RemovePlugin("a");
+    m_front->RemovePlugin("b");
+    ZOR_LOG(false, DLOG_DEBUG, "y");
+    EXPECT_THAT(order, ElementsAre("aa:y"));
 }
 
 TEST_F(LoggingFrontTest, CurrentLoggerIsCalledBeforeTheLockIsTaken)

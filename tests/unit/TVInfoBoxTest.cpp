@@ -238,6 +238,19 @@ TEST_F(TVInfoBoxTest, ParentStartsNoProgramItself)
     EXPECT_THAT(zortest::LogLines(), IsEmpty());
 }
 
+TEST_F(TVInfoBoxTest, ErrnoIsLeftAsItWas)
+{
+    const Takeover fork(zortest::vforkSeam, [] {
+        errno = EINVAL; // as the child leaves it, whose memory is the parent's
+        return static_cast<pid_t>(1 << 30);
+    });
+    for (const auto show : {&show_message_box, &create_message_box}) {
+        errno = EDOM;
+        show(0, 0, "x");
+        EXPECT_EQ(errno, EDOM);
+    }
+}
+
 TEST_F(TVInfoBoxTest, EndedBoxesAreReapedByTheSystem)
 {
     const Takeover exec(zortest::execlSeam,
