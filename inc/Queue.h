@@ -29,6 +29,7 @@
 class ZOR_CORE_API TCQueue : public TCMutex
 {
  public:
+    // cppcheck-suppress uninitMemberVar ; the ring's records are made when they are used
     TCQueue() {} // NOLINT(modernize-use-equals-default): or the ring would be cleared
 
     /// Asserts "FlagCreate() == false" and releases the events still queued.

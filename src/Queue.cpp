@@ -45,8 +45,10 @@ void Touch(const TSEvent* event)
 void TouchForWriting(TSEvent* event)
 {
     auto* const bytes = reinterpret_cast<volatile unsigned char*>(event);
-    bytes[0] = bytes[0];
-    bytes[sizeof(*event) - 1] = bytes[sizeof(*event) - 1];
+    for (const std::size_t i : {std::size_t{0}, sizeof(*event) - 1}) {
+        const unsigned char value = bytes[i];
+        bytes[i] = value;
+    }
 }
 
 } // namespace
