@@ -60,6 +60,7 @@ TCAlarm::Callback Lasting(TCAlarm::Callback callback)
     }
     return [shared = std::make_shared<const TCAlarm::Callback>(std::move(callback))](
                const TSEvent* event) {
+        // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): this share keeps it
         const std::shared_ptr<const TCAlarm::Callback> running = shared;
         return (*running)(event);
     };
