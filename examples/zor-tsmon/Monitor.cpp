@@ -74,7 +74,7 @@ class Monitor
     /// What it shows can be done without.
     void RunDisplay()
     {
-        const bool isShown = m_display.IsNeeded() && m_display.Start();
+        const bool isShown = m_display.IsNeeded() && m_display.Start("TsDisplay");
         if (m_display.IsNeeded() && !isShown) {
             ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_WARN, "no task to show the progress");
         }

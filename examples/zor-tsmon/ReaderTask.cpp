@@ -3,7 +3,6 @@
 #include <exception>
 #include <utility>
 
-#include "CallbackTimer.h"
 #include "Log.h"
 
 namespace tsmon {
@@ -43,18 +42,6 @@ void ReaderTask::StopReading()
     SendPatiently(event, true);
 }
 
-bool ReaderTask::t_Create()
-{
-    m_inputTimer = MakeTimer(*this, [this] { OnInputTimeout(); });
-    return true;
-}
-
-void ReaderTask::t_Destroy()
-{
-    m_inputTimer = TCTimer();
-    TCTask::t_Destroy();
-}
-
 bool ReaderTask::t_OnEvent(const TSEvent* event)
 {
     switch (event->type) {
@@ -65,7 +52,7 @@ bool ReaderTask::t_OnEvent(const TSEvent* event)
             OnStop();
             return true;
         default:
-            return TCTask::t_OnEvent(event);
+            return Task::t_OnEvent(event);
     }
 }
 
@@ -76,13 +63,13 @@ void ReaderTask::t_Idle()
 
 void ReaderTask::t_OnPause(const TSEvent* event)
 {
-    TCTask::t_OnPause(event);
+    Task::t_OnPause(event);
     m_inputTimer.Pause();
 }
 
 void ReaderTask::t_OnResume(const TSEvent* event)
 {
-    TCTask::t_OnResume(event);
+    Task::t_OnResume(event);
     m_inputTimer.Resume();
     if (m_stepper) {
         m_stepper->RestartPace();
@@ -203,18 +190,16 @@ void ReaderTask::OnRead()
 
 void ReaderTask::AwaitInput()
 {
-    if (!std::exchange(m_isAwaitingInput, true)) {
+    if (!m_inputTimer) {
         m_waitingSince = std::chrono::steady_clock::now();
-        m_inputTimer.Restart(m_inputTimeout, 1);
+        m_inputTimer = After(m_inputTimeout, [this] { OnInputTimeout(); });
     }
 }
 
 void ReaderTask::EndWaitForInput()
 {
-    if (std::exchange(m_isAwaitingInput, false)) {
-        m_inputTimer.Restart(m_inputTimeout, 0); // takes back a firing that is queued already
-        m_isInputLost = false;
-    }
+    m_inputTimer.Cancel(); // takes back a firing that is queued already
+    m_isInputLost = false;
 }
 
 void ReaderTask::OnInputTimeout()

@@ -9,8 +9,7 @@
 #include "Messages.h"
 #include "Options.h"
 #include "Stepper.h"
-#include "Task.h"
-#include "Timer.h"
+#include "zor/Task.h"
 
 namespace tsmon {
 
@@ -20,7 +19,7 @@ namespace tsmon {
 ///
 /// A timer runs while it waits for input, and reports a loss of input when it fires: once, until
 /// packets have come again. A pause halts the timer too.
-class ReaderTask : public TCTask
+class ReaderTask : public zor::Task<ReaderTask>
 {
  public:
     /// @param realtime  whether to read at the stream's own clock
@@ -37,8 +36,6 @@ class ReaderTask : public TCTask
     /// thread but the task's own may call while the task is created.
     void StopReading();
 
-    bool t_Create() override;
-    void t_Destroy() override;
     bool t_OnEvent(const TSEvent* event) override;
     void t_Idle() override;
     void t_OnPause(const TSEvent* event) override;
@@ -89,8 +86,7 @@ class ReaderTask : public TCTask
     std::atomic<bool> m_isInputLost{false};
 
     // The task's thread's only while it runs.
-    TCTimer m_inputTimer; ///< runs while input is waited for
-    bool m_isAwaitingInput = false;
+    zor::Timer m_inputTimer; ///< of nothing unless input is waited for
     std::chrono::steady_clock::time_point m_waitingSince;
     std::uint64_t m_packetsRead = 0;  ///< sound or not
     std::optional<Stepper> m_stepper; ///< from the first step on, if the file could be opened
