@@ -10,7 +10,7 @@ namespace tsmon {
 namespace {
 
 /// How long it waits before it tries again: short against the distance of clock references.
-constexpr unsigned int IDLE_MSEC = 5;
+constexpr std::chrono::milliseconds IDLE(5);
 
 unsigned long long AsLogged(std::uint64_t number)
 {
@@ -26,34 +26,17 @@ ReaderTask::ReaderTask(std::string path, bool realtime, TCMultiQTask& parser,
 
 bool ReaderTask::Start()
 {
-    if (!Create("TsReader", IDLE_MSEC, STACK_SIZE, WATCHDOG_TIME)) {
+    SetRecorded(true);
+    if (!Task::Start("TsReader", {IDLE, STACK_SIZE, WATCHDOG_TIME})) {
         return false;
     }
-    SendStep();
+    Post(GoOn());
     return true;
 }
 
 void ReaderTask::StopReading()
 {
-    TSEvent event;
-    event.receiver = this;
-    event.type = MESSAGE_STOP;
-    event.flag = true;
-    SendPatiently(event, true);
-}
-
-bool ReaderTask::t_OnEvent(const TSEvent* event)
-{
-    switch (event->type) {
-        case MESSAGE_STEP:
-            Step();
-            return true;
-        case MESSAGE_STOP:
-            OnStop();
-            return true;
-        default:
-            return Task::t_OnEvent(event);
-    }
+    Post(NoMore(), zor::WaitAtMost(FOR_EVER, zor::Order::FIRST));
 }
 
 void ReaderTask::t_Idle()
@@ -88,7 +71,7 @@ void ReaderTask::Step()
         m_failure = error.what(); // the end follows
     }
     if (goesOn) {
-        SendStep();
+        Post(GoOn()); // if there is no room, the next idle time does it
     }
 }
 
@@ -146,16 +129,7 @@ TSEvent ReaderTask::ToParser(EMessage type, EParserQueue queue)
     return event;
 }
 
-void ReaderTask::SendStep()
-{
-    TSEvent event;
-    event.receiver = this;
-    event.type = MESSAGE_STEP;
-    event.flag = true;
-    Send(&event, false, false); // if there is no room, the next idle time does it
-}
-
-void ReaderTask::OnStop()
+void ReaderTask::On(const NoMore& /*stop*/)
 {
     try {
         if (!m_stepper && m_failure.empty()) {
