@@ -4,7 +4,6 @@
 
 #include <chrono>
 
-#include "CallbackTimer.h"
 #include "PacketFile.h"
 #include "TableReport.h"
 #include "Terminal.h"
@@ -13,11 +12,7 @@ namespace tsmon {
 
 namespace {
 
-constexpr unsigned int IDLE_MSEC = 1000;
 constexpr std::chrono::milliseconds REDRAW_INTERVAL{200};
-
-/// It writes to terminals and pipes, which may keep it waiting for as long as they like.
-constexpr unsigned long UNSUPERVISED = 0;
 
 } // namespace
 
@@ -30,32 +25,22 @@ DisplayTask::DisplayTask(const Options& options, const ShownTasks& shown, std::o
       m_outputLost(outputLost)
 {}
 
-bool DisplayTask::Start()
-{
-    return Create("TsDisplay", IDLE_MSEC, STACK_SIZE, UNSUPERVISED);
-}
-
 bool DisplayTask::t_Create()
 {
     if (m_progress.IsVisible()) {
         m_size = SizeOf(m_options.file);
-        m_progressTimer = MakeTimer(*this, [this] { DrawProgress(); });
-        m_progressTimer.Restart(REDRAW_INTERVAL, ITimer::INFINITE_FIRE);
+        m_progressTimer = Every(REDRAW_INTERVAL, [this] { DrawProgress(); });
         DrawProgress();
     }
     if (m_options.every.count() > 0) {
-        m_tableTimer = MakeTimer(*this, [this] { PrintTableAgain(); });
-        m_tableTimer.Restart(m_options.every, ITimer::INFINITE_FIRE);
+        m_tableTimer = Every(m_options.every, [this] { PrintTableAgain(); });
     }
     return true;
 }
 
 void DisplayTask::t_Destroy()
 {
-    m_progressTimer = TCTimer();
-    m_tableTimer = TCTimer();
     m_progress.Clear();
-    TCTask::t_Destroy();
 }
 
 void DisplayTask::DrawProgress()

@@ -12,8 +12,7 @@
 #include "ProgressLine.h"
 #include "ReaderTask.h"
 #include "ServicesTask.h"
-#include "Task.h"
-#include "Timer.h"
+#include "zor/Task.h"
 
 namespace tsmon {
 
@@ -27,7 +26,10 @@ struct ShownTasks
 
 /// Shows on the way how far the reading has come: timers have it redraw the progress line and
 /// repeat the table. It owns nothing that it shows, but asks for it.
-class DisplayTask : public TCTask
+///
+/// EndTask() ends it, and with it the line is gone. No watchdog should see it: it writes to
+/// terminals and pipes, which may keep it waiting for as long as they like.
+class DisplayTask : public zor::Task<DisplayTask>
 {
  public:
     /// All that is passed must outlive the task; its thread uses it until it has ended.
@@ -38,9 +40,6 @@ class DisplayTask : public TCTask
 
     /// Whether there is anything to show on the way.
     bool IsNeeded() const { return m_progress.IsVisible() || m_options.every.count() > 0; }
-
-    /// Creates the task. EndTask() ends it, and with it the line is gone.
-    bool Start();
 
     bool t_Create() override;
     void t_Destroy() override;
@@ -57,8 +56,8 @@ class DisplayTask : public TCTask
 
     // The task's thread's only while it runs.
     std::optional<std::uint64_t> m_size; ///< of the file
-    TCTimer m_progressTimer;
-    TCTimer m_tableTimer;
+    zor::Timer m_progressTimer;
+    zor::Timer m_tableTimer;
 };
 
 } // namespace tsmon

@@ -11,23 +11,15 @@ constexpr std::chrono::milliseconds RETRY(2);
 
 } // namespace
 
-void SendPatiently(TSEvent& event, bool priority, std::atomic<std::uint64_t>* refusals)
-{
-    while (!TCTask::Send(&event, false, priority)) {
-        if (refusals != nullptr) {
-            ++*refusals;
-        }
-        std::this_thread::sleep_for(RETRY);
-    }
-}
-
 void EndTask(TCTask& task)
 {
     TSEvent event;
     event.receiver = &task;
     event.type = TCTask::EVENT_EXIT;
     event.flag = true;
-    SendPatiently(event, true);
+    while (!TCTask::Send(&event, false, true)) {
+        std::this_thread::sleep_for(RETRY);
+    }
     task.Destroy();
 }
 

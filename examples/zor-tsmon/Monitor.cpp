@@ -47,16 +47,17 @@ class Monitor
         if (!m_services.Start()) {
             return Failed("no task to keep its services");
         }
-        Outcome outcome = RunParser();
+        const std::string reason = RunParser();
         EndTask(m_services);
-        return outcome;
+        return reason.empty() ? Collect() : Failed(reason);
     }
 
  private:
-    Outcome RunParser()
+    /// @return why that was not possible
+    std::string RunParser()
     {
         if (!m_parser.Start()) {
-            return Failed("no task to parse it");
+            return "no task to parse it";
         }
         const bool isRead = m_reader.Start();
         if (isRead) {
@@ -65,16 +66,16 @@ class Monitor
         }
         EndTask(m_parser);
         if (!isRead) {
-            return Failed("no task to read it");
+            return "no task to read it";
         }
         LogHandled();
-        return Collect();
+        return "";
     }
 
     /// What it shows can be done without.
     void RunDisplay()
     {
-        const bool isShown = m_display.IsNeeded() && m_display.Start();
+        const bool isShown = m_display.IsNeeded() && m_display.Start("TsDisplay");
         if (m_display.IsNeeded() && !isShown) {
             ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_WARN, "no task to show the progress");
         }
@@ -84,16 +85,13 @@ class Monitor
         }
     }
 
-    Outcome Collect()
+    /// Once all tasks have ended.
+    Outcome Collect() const
     {
-        std::optional<ServiceTable> table = m_services.Ask();
-        if (!table) {
-            return Failed("its services cannot be had");
-        }
         Outcome outcome;
         outcome.failure = m_reader.Failure().empty() ? m_parser.Failure() : m_reader.Failure();
         outcome.counts = m_reader.Counts();
-        outcome.table = *std::move(table);
+        outcome.table = m_services.Table();
         outcome.statistics = m_parser.Statistics();
         outcome.inputLosses = m_reader.InputLosses();
         outcome.stopped = m_reader.IsStopped();

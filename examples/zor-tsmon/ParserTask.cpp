@@ -12,7 +12,7 @@ namespace {
 
 constexpr unsigned int WAIT_MSEC = 100;
 constexpr int TICK_MSEC = 1000;
-constexpr int FOR_EVER = -1;
+constexpr int ENDLESS = -1;
 
 } // namespace
 
@@ -23,7 +23,13 @@ bool ParserTask::Start()
 
 std::optional<TickStatistics> ParserTask::AskStatistics()
 {
-    return Ask<TickStatistics>(*this, true);
+    TickStatistics answer;
+    TSEvent event;
+    event.receiver = this;
+    event.type = MESSAGE_ASK;
+    event.flag = true;
+    event.setWrappedData(&answer);
+    return TCTask::Send(&event, true, true) ? std::optional(std::move(answer)) : std::nullopt;
 }
 
 bool ParserTask::t_Create()
@@ -34,7 +40,7 @@ bool ParserTask::t_Create()
     } catch (const std::exception& error) {
         m_failure = error.what();
     }
-    if (!m_alarm.Create(this, MESSAGE_TICK, TICK_MSEC, FOR_EVER)) {
+    if (!m_alarm.Create(this, MESSAGE_TICK, TICK_MSEC, ENDLESS)) {
         ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_WARN, "no alarm: statistics come at the end only");
     }
     return true; // the packets are taken in any case: nobody is left waiting for room
@@ -62,7 +68,7 @@ bool ParserTask::t_OnEvent(const TSEvent* event)
             OnTick();
             return true;
         case MESSAGE_ASK:
-            Reply(*event, m_statistics);
+            OnAsk(*event);
             return true;
         default:
             return TCMultiQTask::t_OnEvent(event);
@@ -104,15 +110,14 @@ void ParserTask::Find(const PacketBlock& block)
 /// first one, so it goes there for another round and counts when it comes back.
 void ParserTask::OnEnd(const TSEvent& event)
 {
-    TSEvent end;
-    end.type = MESSAGE_END;
-    end.flag = true;
     if (event.param1 == QUEUE_TABLES) {
-        end.receiver = &m_services;
-        SendPatiently(end, false, &m_refusals);
+        m_services.Post(TablesEnd(), zor::WaitAtMost(FOR_EVER));
         return;
     }
+    TSEvent end;
     end.receiver = this;
+    end.type = MESSAGE_END;
+    end.flag = true;
     end.param1 = QUEUE_TABLES;
     if (!TCMultiQTask::Send(&end, false, false, QUEUE_TABLES)) {
         // Its own thread cannot wait for room. In the last queue there is some, where it has just
@@ -126,19 +131,23 @@ void ParserTask::OnTick()
 {
     m_statistics.lastSecond = m_statistics.total.Since(m_atTick);
     m_atTick = m_statistics.total;
-    TSEvent event;
-    event.receiver = &m_services;
-    event.type = MESSAGE_SECOND;
-    event.flag = true;
-    event.setWrappedData(m_statistics.lastSecond);
-    TCTask::Send(&event, false, false); // if there is no room, this second is not logged
+    m_services.Post(m_statistics.lastSecond, zor::DropWhenFull()); // that second is not logged
+}
+
+/// The asker waits.
+void ParserTask::OnAsk(const TSEvent& event) const
+{
+    using Place = ZORManagedEventData<TickStatistics*>;
+    if (const auto* place = dynamic_cast<Place*>(event.wrappedData.get())) {
+        *place->data = m_statistics;
+    }
 }
 
 void ParserTask::OnPrograms(const ProgramAssociation& programs)
 {
     ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO, "PAT version %d of transport stream %d: %zu services",
                    programs.version, programs.transportStreamId, programs.programs.size());
-    Tell(programs);
+    m_services.Post(programs, zor::WaitAtMost(FOR_EVER));
 }
 
 void ParserTask::OnProgramMap(const ProgramMap& map)
@@ -146,7 +155,7 @@ void ParserTask::OnProgramMap(const ProgramMap& map)
     ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO,
                    "PMT version %d of service %d: %zu elementary streams", map.version,
                    map.serviceId, map.streams.size());
-    Tell(map);
+    m_services.Post(map, zor::WaitAtMost(FOR_EVER));
 }
 
 void ParserTask::OnDescriptions(const ServiceDescriptions& descriptions)
@@ -154,23 +163,13 @@ void ParserTask::OnDescriptions(const ServiceDescriptions& descriptions)
     ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO, "SDT version %d of transport stream %d: %zu services",
                    descriptions.version, descriptions.transportStreamId,
                    descriptions.services.size());
-    Tell(descriptions);
+    m_services.Post(descriptions, zor::WaitAtMost(FOR_EVER));
 }
 
 void ParserTask::OnComplaint(Severity severity, const std::string& text)
 {
     ZOR_LOG_TAGGED(LOG_TAG, false, severity == Severity::ERROR ? DLOG_ERROR : DLOG_WARN, "%s",
                    text.c_str());
-}
-
-void ParserTask::Tell(Table table)
-{
-    TSEvent event;
-    event.receiver = &m_services;
-    event.type = MESSAGE_TABLE;
-    event.flag = true;
-    event.setWrappedData(std::move(table));
-    SendPatiently(event, false, &m_refusals);
 }
 
 } // namespace tsmon

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -10,9 +9,9 @@
 #include "Messages.h"
 #include "Packet.h"
 #include "ServiceFinder.h"
+#include "ServicesTask.h"
 #include "StateAlarm.h"
 #include "Statistics.h"
-#include "Task.h"
 
 namespace tsmon {
 
@@ -34,9 +33,9 @@ struct ParserCounts
 class ParserTask : public TCMultiQTask, private TableSink
 {
  public:
-    /// @param services  gets MESSAGE_TABLE and MESSAGE_SECOND, and behind all tables MESSAGE_END;
-    ///                  must outlive the task
-    explicit ParserTask(TCHandler& services) : m_services(services) {}
+    /// @param services  gets the tables and what came in each second, and behind all tables their
+    ///                  end; must outlive the task
+    explicit ParserTask(ServicesTask& services) : m_services(services) {}
 
     /// Creates the task. EndTask() ends it.
     bool Start();
@@ -52,7 +51,7 @@ class ParserTask : public TCMultiQTask, private TableSink
     bool t_OnEvent(const TSEvent* event) override;
 
     /// How often the receiver of the tables had no room for one. Any thread may call.
-    std::uint64_t Refusals() const { return m_refusals; }
+    std::uint64_t Refusals() const { return m_services.MessageCounts().waited; }
 
     // What follows may be read once the task has ended.
 
@@ -65,16 +64,14 @@ class ParserTask : public TCMultiQTask, private TableSink
     void Find(const PacketBlock& block);
     void OnEnd(const TSEvent& event);
     void OnTick();
+    void OnAsk(const TSEvent& event) const;
 
     void OnPrograms(const ProgramAssociation& programs) override;
     void OnProgramMap(const ProgramMap& map) override;
     void OnDescriptions(const ServiceDescriptions& descriptions) override;
     void OnComplaint(Severity severity, const std::string& text) override;
 
-    void Tell(Table table);
-
-    TCHandler& m_services;
-    std::atomic<std::uint64_t> m_refusals{0};
+    ServicesTask& m_services;
 
     // The task's thread's only while it runs.
     std::unique_ptr<ServiceFinder> m_finder; ///< null after a failure

@@ -3,7 +3,6 @@
 #include <exception>
 #include <utility>
 
-#include "CallbackTimer.h"
 #include "Log.h"
 
 namespace tsmon {
@@ -11,7 +10,7 @@ namespace tsmon {
 namespace {
 
 /// How long it waits before it tries again: short against the distance of clock references.
-constexpr unsigned int IDLE_MSEC = 5;
+constexpr std::chrono::milliseconds IDLE(5);
 
 unsigned long long AsLogged(std::uint64_t number)
 {
@@ -27,46 +26,17 @@ ReaderTask::ReaderTask(std::string path, bool realtime, TCMultiQTask& parser,
 
 bool ReaderTask::Start()
 {
-    if (!Create("TsReader", IDLE_MSEC, STACK_SIZE, WATCHDOG_TIME)) {
+    SetRecorded(true);
+    if (!Task::Start("TsReader", {IDLE, STACK_SIZE, WATCHDOG_TIME})) {
         return false;
     }
-    SendStep();
+    Post(GoOn());
     return true;
 }
 
 void ReaderTask::StopReading()
 {
-    TSEvent event;
-    event.receiver = this;
-    event.type = MESSAGE_STOP;
-    event.flag = true;
-    SendPatiently(event, true);
-}
-
-bool ReaderTask::t_Create()
-{
-    m_inputTimer = MakeTimer(*this, [this] { OnInputTimeout(); });
-    return true;
-}
-
-void ReaderTask::t_Destroy()
-{
-    m_inputTimer = TCTimer();
-    TCTask::t_Destroy();
-}
-
-bool ReaderTask::t_OnEvent(const TSEvent* event)
-{
-    switch (event->type) {
-        case MESSAGE_STEP:
-            Step();
-            return true;
-        case MESSAGE_STOP:
-            OnStop();
-            return true;
-        default:
-            return TCTask::t_OnEvent(event);
-    }
+    Post(NoMore(), zor::WaitAtMost(FOR_EVER, zor::Order::FIRST));
 }
 
 void ReaderTask::t_Idle()
@@ -76,13 +46,13 @@ void ReaderTask::t_Idle()
 
 void ReaderTask::t_OnPause(const TSEvent* event)
 {
-    TCTask::t_OnPause(event);
+    Task::t_OnPause(event);
     m_inputTimer.Pause();
 }
 
 void ReaderTask::t_OnResume(const TSEvent* event)
 {
-    TCTask::t_OnResume(event);
+    Task::t_OnResume(event);
     m_inputTimer.Resume();
     if (m_stepper) {
         m_stepper->RestartPace();
@@ -101,7 +71,7 @@ void ReaderTask::Step()
         m_failure = error.what(); // the end follows
     }
     if (goesOn) {
-        SendStep();
+        Post(GoOn()); // if there is no room, the next idle time does it
     }
 }
 
@@ -159,16 +129,7 @@ TSEvent ReaderTask::ToParser(EMessage type, EParserQueue queue)
     return event;
 }
 
-void ReaderTask::SendStep()
-{
-    TSEvent event;
-    event.receiver = this;
-    event.type = MESSAGE_STEP;
-    event.flag = true;
-    Send(&event, false, false); // if there is no room, the next idle time does it
-}
-
-void ReaderTask::OnStop()
+void ReaderTask::On(const NoMore& /*stop*/)
 {
     try {
         if (!m_stepper && m_failure.empty()) {
@@ -203,18 +164,16 @@ void ReaderTask::OnRead()
 
 void ReaderTask::AwaitInput()
 {
-    if (!std::exchange(m_isAwaitingInput, true)) {
+    if (!m_inputTimer) {
         m_waitingSince = std::chrono::steady_clock::now();
-        m_inputTimer.Restart(m_inputTimeout, 1);
+        m_inputTimer = After(m_inputTimeout, [this] { OnInputTimeout(); });
     }
 }
 
 void ReaderTask::EndWaitForInput()
 {
-    if (std::exchange(m_isAwaitingInput, false)) {
-        m_inputTimer.Restart(m_inputTimeout, 0); // takes back a firing that is queued already
-        m_isInputLost = false;
-    }
+    m_inputTimer.Cancel(); // takes back a firing that is queued already
+    m_isInputLost = false;
 }
 
 void ReaderTask::OnInputTimeout()

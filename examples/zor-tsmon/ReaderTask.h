@@ -9,18 +9,24 @@
 #include "Messages.h"
 #include "Options.h"
 #include "Stepper.h"
-#include "Task.h"
-#include "Timer.h"
 
 namespace tsmon {
 
-/// Reads a file into the queues of a parser, a step for each event that it sends itself, so that
+/// To the reader, from itself: go on.
+struct GoOn
+{};
+
+/// To the reader: read no more.
+struct NoMore
+{};
+
+/// Reads a file into the queues of a parser, a step for each message that it sends itself, so that
 /// stop, pause and ping come in between any two. Where it has to wait (for room in a queue, for the
 /// stream's clock or for input) it sends itself nothing, and goes on when it is idle.
 ///
 /// A timer runs while it waits for input, and reports a loss of input when it fires: once, until
 /// packets have come again. A pause halts the timer too.
-class ReaderTask : public TCTask
+class ReaderTask : public zor::Task<ReaderTask, GoOn, NoMore>
 {
  public:
     /// @param realtime  whether to read at the stream's own clock
@@ -37,9 +43,6 @@ class ReaderTask : public TCTask
     /// thread but the task's own may call while the task is created.
     void StopReading();
 
-    bool t_Create() override;
-    void t_Destroy() override;
-    bool t_OnEvent(const TSEvent* event) override;
     void t_Idle() override;
     void t_OnPause(const TSEvent* event) override;
     void t_OnResume(const TSEvent* event) override;
@@ -66,12 +69,15 @@ class ReaderTask : public TCTask
     bool LacksClock() const { return m_realtime && m_stepper && !m_stepper->HasClock(); }
 
  private:
+    friend zor::Access;
+
+    void On(const GoOn& /*step*/) { Step(); }
+    void On(const NoMore& stop);
+
     void Step();
     bool DoStep();
     bool SendUnsent();
     TSEvent ToParser(EMessage type, EParserQueue queue);
-    void SendStep();
-    void OnStop();
     void LogDamage();
 
     void OnRead();
@@ -89,8 +95,7 @@ class ReaderTask : public TCTask
     std::atomic<bool> m_isInputLost{false};
 
     // The task's thread's only while it runs.
-    TCTimer m_inputTimer; ///< runs while input is waited for
-    bool m_isAwaitingInput = false;
+    zor::Timer m_inputTimer; ///< of nothing unless input is waited for
     std::chrono::steady_clock::time_point m_waitingSince;
     std::uint64_t m_packetsRead = 0;  ///< sound or not
     std::optional<Stepper> m_stepper; ///< from the first step on, if the file could be opened

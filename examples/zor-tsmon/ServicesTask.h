@@ -5,13 +5,18 @@
 #include "Completion.h"
 #include "Messages.h"
 #include "ServiceTable.h"
-#include "Task.h"
+#include "Statistics.h"
 
 namespace tsmon {
 
-/// Owns the table of services: is told of tables by events, and answers who asks. It also logs the
-/// services' figures of each second.
-class ServicesTask : public TCTask
+/// To the services: no more tables will come.
+struct TablesEnd
+{};
+
+/// Owns the table of services: is told of tables, and answers who asks. It also logs the services'
+/// figures of each second.
+class ServicesTask : public zor::Task<ServicesTask, ProgramAssociation, ProgramMap,
+                                      ServiceDescriptions, StreamStatistics, TablesEnd>
 {
  public:
     /// @param done  set once the end has come; must outlive the task
@@ -23,14 +28,20 @@ class ServicesTask : public TCTask
     /// Asks for the table as it is once everything sent so far has been handled. Any thread but the
     /// task's own may call while the task is created.
     ///
-    /// @return nothing if the queue is full
+    /// @return nothing if the queue is full, or if no answer comes for half a minute
     std::optional<ServiceTable> Ask();
 
-    bool t_OnEvent(const TSEvent* event) override;
+    /// May be read once the task has ended.
+    const ServiceTable& Table() const { return m_table; }
 
  private:
-    void OnTable(const TSEvent& event);
-    void OnSecond(const TSEvent& event) const;
+    friend zor::Access;
+
+    void On(const ProgramAssociation& programs) { m_table.OnPrograms(programs); }
+    void On(const ProgramMap& map) { m_table.OnProgramMap(map); }
+    void On(const ServiceDescriptions& services) { m_table.OnDescriptions(services); }
+    void On(const StreamStatistics& second) const;
+    void On(const TablesEnd& /*end*/) { m_done.Set(); }
 
     Completion& m_done;
     ServiceTable m_table; ///< the task's thread's only

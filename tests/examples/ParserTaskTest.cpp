@@ -217,7 +217,7 @@ TEST_F(ParserTaskTest, EndThatOvertakesAFullQueueWaitsForAllOfIt)
 TEST_F(ParserTaskTest, FullQueueOfTheServicesIsWaitedOutAndNoTableIsLost)
 {
     constexpr int TABLES = 300;
-    m_services.GateAt(tsmon::MESSAGE_TABLE);
+    m_services.GateAt(ServicesTask::EventType<tsmon::ProgramAssociation>());
     Start();
     SendPackets(Associations(TABLES), tsmon::QUEUE_TABLES);
     SendEnd();
@@ -288,7 +288,7 @@ TEST_F(ParserTaskTest, AlarmTicksTheStatisticsOncePerSecond)
 
 TEST_F(ParserTaskTest, SecondsReachTheServices)
 {
-    m_services.GateAt(tsmon::MESSAGE_SECOND);
+    m_services.GateAt(ServicesTask::EventType<tsmon::StreamStatistics>());
     Start();
     EXPECT_TRUE(m_services.AwaitArrival());
 }
