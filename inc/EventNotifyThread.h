@@ -21,7 +21,9 @@ class ZOR_CORE_API TCEventNotifyThread : public TCThread
 
     ~TCEventNotifyThread() override = default;
 
-    /// Has the thread end, which costs the watched queue one unit, and waits for that.
+    /// Has the thread end and waits for that, with the watched queue locked. One unit is given to
+    /// that queue, which the thread forwards or leaves there. Must be called before the queue goes,
+    /// by a thread that nobody who holds the queue's lock waits for.
     void Destroy() override;
 
     /// Starts the thread.

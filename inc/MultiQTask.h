@@ -96,8 +96,9 @@ class ZOR_CORE_API TCMultiQTask : public TCTask
     ZOR_CORE_LOCAL void EndNotifyThreads(unsigned int count);
 
     TCSemaphore m_notifySemaphore;     ///< one unit for every event put into any queue
-    TCQueue** m_pQueueArray = nullptr; ///< guarded by m_queuesMutex, as is m_queueSize; owned, and
-                                       ///< so are the queues but the first
+    TCQueue** m_pQueueArray = nullptr; ///< as m_queueSize, written under m_queuesMutex, once the
+                                       ///< thread runs by that alone, which reads without it;
+                                       ///< owned, and so are the queues but the first
     TCEventNotifyThread** m_notifyThreads = nullptr; ///< owned, one for each queue; made before
                                                      ///< the task's thread and taken down on it
     unsigned int m_waitMsec = 0;                     ///< fixed while the task is created

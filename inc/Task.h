@@ -66,9 +66,9 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     /// same goes for a clear-queue that deletes the exit event: another one must be sent. Must not
     /// be called on the task's own thread.
     ///
-    /// Calls of Pause(), ResumeAsync() and IsPaused() that have begun when the task's thread ends
-    /// are waited for. None may begin later than that, and of the other operations none may be
-    /// under way then.
+    /// Calls of Pause(), ResumeAsync() and IsPaused() that begin before the task's thread has
+    /// ended, or before this is called, are waited for; none may begin later. Of the other
+    /// operations none may be under way when the thread has ended.
     void Destroy() override;
 
     /// Runs first on the task's thread. If it returns false the thread ends at once.
@@ -196,12 +196,12 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     ///         such task or no registry
     static bool ClearQueue(TCTask* task, unsigned long msec);
 
-    /// Releases @p attachment on the task's thread when that handles no event, or, if it has ended,
-    /// on the one that destroys the task; for what a handler of the task may still be using. Sends
-    /// an EVENT_RESUME with it, ahead of what is queued. Where that is refused, or memory is short
-    /// for it, the attachment is listed in the task: this cannot fail and needs no memory of its
-    /// own. Must be the last share but those of events. Any thread may call it, a handler of the
-    /// task too.
+    /// Releases @p attachment on the task's thread behind the event in hand, or, if that has ended,
+    /// on the one that destroys the task; for what a handler of the task may be using. Sends it in
+    /// an EVENT_RESUME, which goes earlier, or elsewhere, where the task's own events are deleted
+    /// (as by a clear-queue) or a handler calls ExecuteEvent(). If that is refused or memory short,
+    /// it is listed, until the next event or wait that runs out: this cannot fail. Must be the last
+    /// share but those of events. Any thread may call it, a handler of the task too.
     ///
     /// @param attachment  not null
     template <typename T>
@@ -287,10 +287,10 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     EventCallback m_after[CALLBACK_TYPES] = {};  ///< likewise
     const void* m_callbackContext[CALLBACK_TYPES] = {}; ///< likewise
     char m_taskName[NAME_SIZE] = {};                    ///< fixed while the task is created
-    TSEvent m_spareEvent;                     ///< lives and dies with the task; nothing uses it
-    std::mutex m_pauseCallsMutex;             ///< guards m_pauseCalls; nothing is locked under it
-    std::condition_variable m_pauseCallsGone; ///< signalled when m_pauseCalls falls to 0
-    unsigned int m_pauseCalls = 0;            ///< calls of other threads that pause, resume or ask
+    TSEvent m_spareEvent;                       ///< lives and dies with the task; nothing uses it
+    std::mutex m_pauseCallsMutex;               ///< guards m_pauseCalls; nothing is locked under it
+    std::condition_variable m_pauseCallsGone;   ///< signalled when m_pauseCalls falls to 0
+    unsigned int m_pauseCalls = 0;              ///< calls that pause, resume or ask
     zor::ReleaseLink* m_firstRelease = nullptr; ///< listed attachments; guarded by the queue's lock
     std::atomic<bool> m_hasReleases{false};     ///< whether there are any; written under that lock
     const TSFurtherQueues* m_furtherQueues = nullptr; ///< set before the thread starts; may be null

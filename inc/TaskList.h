@@ -10,8 +10,8 @@ class TCTask;
 /// All tasks of the process that have been created and not yet destroyed, oldest first.
 ///
 /// There is one cursor for the whole process, so no operation but Finalize() locks by itself: hold
-/// `m_mutex` from the look-up to the last use of what it found. While it is held no task can be
-/// destroyed.
+/// `m_mutex` from the look-up to the last use of what it found. While it is held no task that
+/// is listed can be destroyed.
 ///
 /// The registry is there while its lock is created: from before Main() until Main() has returned.
 /// Tasks that still run then find none: TCTask::Ping() and ClearQueue() know no task, destroying a

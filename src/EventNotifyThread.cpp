@@ -1,5 +1,6 @@
 #include "EventNotifyThread.h"
 
+#include "MutexLock.h"
 #include "Queue.h"
 
 namespace {
@@ -18,11 +19,23 @@ bool TCEventNotifyThread::Create(const char* name, TCQueue* queue, TCSemaphore* 
     return TCThread::Create(name, STACK_SIZE);
 }
 
+// Why the queue is locked until the thread has ended:
+//
+//   this thread:  lock queue -- give unit ---------------- wait for the end -- unlock
+//   deleter:                              (waits for the lock) ............... take units
+//   thread:                                   take unit -- end
+//
+// A deletion takes as many units as it removes events, and a selective get takes one. If that were
+// the unit that wakes the thread, it would sleep on for its whole wait. The thread itself needs the
+// semaphore only, not the lock.
 void TCEventNotifyThread::Destroy()
 {
     m_exit.store(true, std::memory_order_relaxed);
-    m_queue->Give(); // wakes the thread; the unit ends up in the target
-    TCThread::Destroy();
+    {
+        const zor::MutexLock lock(m_queue);
+        m_queue->Give();
+        TCThread::Destroy();
+    }
     m_queue = nullptr;
     m_target = nullptr;
 }

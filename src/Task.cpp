@@ -121,7 +121,12 @@ void TCTask::Destroy()
     if (m_furtherQueues != nullptr) {
         m_furtherQueues->takeDown(this);
     }
-    ReleaseNow();
+    // What is released here may hand the task more: it may own a timer of the task, which may own
+    // another.
+    do {
+        ReleaseNow();
+    } while (Delete(static_cast<TCHandler*>(this), nullptr) ||
+             m_hasReleases.load(std::memory_order_relaxed));
     TCHandler::Destroy();
     TCQueue::Destroy();
 }

@@ -481,6 +481,54 @@ TEST_F(TimerTest, ReleaseMayDestroyAnotherTimer)
     EXPECT_TRUE(Eventually([this] { return m_releases == 1; }));
 }
 
+/// Three timers of a task whose loop has ended, each owned by the one before.
+class TimerChainTest : public ::testing::TestWithParam<bool>
+{};
+
+TEST_P(TimerChainTest, TimersThatOwnTimersAreReleasedWithTheTask)
+{
+    struct Link
+    {
+        std::unique_ptr<TCTimer> next;
+        int releases = 0;
+    };
+
+    const TaskRuntime runtime;
+    TestTask task;
+    Gate loopEnded;
+    task.onDestroy = [&loopEnded] { loopEnded.Pass(); };
+    ASSERT_TRUE(task.Start());
+    Link links[3];
+    ITimer::TimerHandlerParams params;
+    params.task = &task;
+    params.listener = std::make_shared<Listener>();
+    params.userDataRelease = [](void* userData) {
+        auto* const link = static_cast<Link*>(userData);
+        ++link->releases;
+        link->next.reset();
+    };
+    const auto make = [&params](Link* link) {
+        params.userData = link;
+        return std::make_unique<TCTimer>(params);
+    };
+    links[1].next = make(&links[2]);
+    links[0].next = make(&links[1]);
+    std::unique_ptr<TCTimer> first = make(&links[0]);
+    ASSERT_TRUE(Post(&task, TCTask::EVENT_EXIT));
+    ASSERT_TRUE(loopEnded.Wait());
+    if (GetParam()) {
+        FillQueue(&task);
+    }
+    first.reset();
+    task.Destroy();
+    for (const Link& link : links) {
+        EXPECT_EQ(link.releases, 1);
+    }
+    EXPECT_EQ(params.listener.use_count(), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(WithAQueueThatIsEmptyOrFull, TimerChainTest, ::testing::Bool());
+
 /// More timers than the queue takes, destroyed while the task is in a listener.
 TEST_F(TimerTest, FullQueueDoesNotKeepAHandlerFromItsTask)
 {
