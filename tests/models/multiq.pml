@@ -6,7 +6,8 @@
  * waiting for the reply or not, the second before or after the take-down; a third sends the exit
  * event, waiting or not, as soon as the thread runs, or the thread ends without one. A handler that
  * the events of queue 1 are addressed to may be destroyed at any time, once no more are sent to it,
- * by the first sender.
+ * by the first sender, who may instead delete its own event from queue 0 again before the exit event,
+ * at it or behind it. That takes as many units as it removes events, whatever they were given for.
  *
  * Abstracted: a put or a get is one step (queue.pml has its inside); all waits are for ever, so that
  * nothing is repaired by a time-out; a shared lock is a number of readers, preferring nobody.
@@ -26,6 +27,7 @@ bool table;              /* the array of further queues is the task's */
 byte readers;            /* the queues' lock, shared */
 bool writer;             /* and exclusive */
 bool queueAlive[QUEUES];
+bool locked[QUEUES];     /* the queues' locks, where they are held for longer than a step */
 byte units[QUEUES];      /* of the queues' count semaphores */
 byte events[QUEUES];     /* queued by the senders */
 byte exits;              /* exit events in queue 0 */
@@ -60,14 +62,19 @@ inline DestroyNotifier(i)
 {
     if
     :: threadAlive[i] ->
-        exitFlag[i] = true;
+        atomic {
+            exitFlag[i] = true;
+#ifndef WITHOUT_LOCKING_THE_WATCHED_QUEUE
+            locked[i] = true
+#endif
+        };
 #ifndef WITHOUT_WAKING_THE_NOTIFIER
         atomic { assert(queueAlive[i]); units[i]++ };
 #endif
 #ifndef WITHOUT_WAITING_FOR_THE_NOTIFIER
         threadEnded[i];
 #endif
-        threadAlive[i] = false
+        atomic { locked[i] = false; threadAlive[i] = false }
     :: else
     fi
 }
@@ -187,6 +194,24 @@ inline Unlock()
 #endif
 }
 
+/* Deletes the first sender's event, as the restart of a timer does with its firings. */
+inline DeleteOwn()
+{
+    atomic {
+        !locked[0] ->
+        if
+        :: events[0] > 0 ->
+            events[0]--;
+            handled++;
+            if
+            :: units[0] > 0 -> units[0]--
+            :: else
+            fi
+        :: else
+        fi
+    }
+}
+
 /* Destroys the handler that queue 1's events are addressed to, behind the last of them. What they
  * held may wait for the task's end when it is released.
  */
@@ -229,7 +254,10 @@ proctype Sender(byte who; byte q; byte kind)
     if
     :: who == 0 && !waits[who] ->
         Unlock();
-        DestroyHandler();
+        if
+        :: wantsExit -> DeleteOwn()
+        :: DestroyHandler()
+        fi;
         through++;
         found = false
     :: else ->

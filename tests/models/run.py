@@ -18,7 +18,7 @@ MEMORY_MIB = 900
 
 # Every interleaving is searched, without partial-order reduction: the models ask for `timeout`,
 # which depends on all processes.
-COMPILE = ["-O2", "-w", "-DSAFETY", "-DNOREDUCE", f"-DMEMLIM={MEMORY_MIB}"]
+COMPILE = ["-O2", "-w", "-DSAFETY", "-DNOREDUCE", "-DCOLLAPSE", f"-DMEMLIM={MEMORY_MIB}"]
 
 
 def arguments():
