@@ -114,6 +114,12 @@ TEST(SimTimeTest, ThirtyDaysOfAWakeUpAMinuteAreOver)
     EXPECT_THAT(ran.text, HasSubstr("30 days, 720 hours counted"));
 }
 
+TEST(SimTimeTest, AnHourOfSystemCallsByNumberIsVirtualWhateverTheProgramDefines)
+{
+    const Ran ran = RunSim("--seeds 1..10 --limit 60", "SystemCalls");
+    EXPECT_EQ(ran.status, NOTHING_FOUND) << ran.text;
+}
+
 TEST(SimTimeTest, AnHourBesideAChildIsVirtual)
 {
     const Ran ran = RunSim("--seeds 1..10", "Children");

@@ -410,6 +410,7 @@ TEST_F(DlogLoggersTest, FormatsMayBeExchangedWhileThreadsLog)
     std::thread exchanger([&stop] {
         while (!stop) {
             const ExchangedFormat other(&ZORLoggerDLOG::m_logFmtNoApp, "%d %s %d %*s other %s");
+            std::this_thread::yield();
         }
     });
     for (int i = 0; i < 500; ++i) {

@@ -339,6 +339,8 @@ TEST_F(SemaphoreTest, TakerMayDestroyItAsSoonAsItIsReleased)
         while (!done) {
             if (TCSemaphore* semaphore = offered.exchange(nullptr)) {
                 semaphore->Give();
+            } else {
+                std::this_thread::yield();
             }
         }
     });

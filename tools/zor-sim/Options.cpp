@@ -133,8 +133,9 @@ void AddBehaviour(CLI::App& app, Options* options, Texts* texts)
                    "Real seconds that a run may take (default 60)")
         ->check(CLI::PositiveNumber)
         ->option_text("S");
-    app.add_option("--spin", options->run.spinSec,
-                   "Real seconds without a step after which a thread spins (default 5)")
+    app.add_option(
+           "--spin", options->run.spinSec,
+           "Seconds of processor time without a step after which a thread spins (default 5)")
         ->check(CLI::PositiveNumber)
         ->option_text("S");
     app.add_option("--steps", texts->steps, "Steps that a run may take (default 50000000)")

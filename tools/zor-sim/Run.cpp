@@ -29,6 +29,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int NOT_EXECUTED_STATUS = 127;
 constexpr int POLL_MSEC = 50;
+constexpr double LEAST_SHARE = 0.02; ///< of a processor; who has less does not run but waits
 
 std::system_error Error(const char* what)
 {
@@ -192,8 +193,8 @@ double SecondsSince(Clock::time_point begin)
     return std::chrono::duration<double>(Clock::now() - begin).count();
 }
 
-/// Processor time of the process so far.
-long TicksOf(pid_t process)
+/// Processor time of the process so far, in seconds.
+double ProcessorTimeOf(pid_t process)
 {
     std::ifstream file("/proc/" + std::to_string(process) + "/stat");
     const std::string text((std::istreambuf_iterator<char>(file)),
@@ -207,7 +208,7 @@ long TicksOf(pid_t process)
     long user = 0;
     long system = 0;
     fields >> user >> system;
-    return user + system;
+    return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 /// Watches a program until it ends or has to be ended.
@@ -246,14 +247,19 @@ class Watch
         if (m_report->steps != m_steps || m_report->outside != 0) {
             m_steps = m_report->steps;
             m_since = Clock::now();
-            m_ticks = TicksOf(m_process);
-        } else if (SecondsSince(m_since) > m_options.spinSec && m_report->started != 0) {
-            const long ticks = TicksOf(m_process) - m_ticks;
-            const bool spins =
-                ticks > m_options.spinSec * static_cast<double>(sysconf(_SC_CLK_TCK)) / 50;
-            return spins ? Outcome::SPIN : Outcome::STUCK;
+            m_processorTime = ProcessorTimeOf(m_process);
+            return Outcome::PASSED;
         }
-        return Outcome::PASSED;
+        const double real = SecondsSince(m_since);
+        if (m_report->started == 0 || real < m_options.spinSec) {
+            return Outcome::PASSED;
+        }
+        // A busy machine leaves little of the real time to a thread that spins.
+        const double spent = ProcessorTimeOf(m_process) - m_processorTime;
+        if (spent >= m_options.spinSec) {
+            return Outcome::SPIN;
+        }
+        return spent < real * LEAST_SHARE ? Outcome::STUCK : Outcome::PASSED;
     }
 
     const RunOptions& m_options;
@@ -262,7 +268,7 @@ class Watch
     const Clock::time_point m_begin = Clock::now();
     Clock::time_point m_since = Clock::now();
     std::uint64_t m_steps = 0;
-    long m_ticks = 0;
+    double m_processorTime = 0; ///< at m_since
 };
 
 Outcome OutcomeOf(Finding finding)

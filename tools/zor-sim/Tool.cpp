@@ -36,6 +36,11 @@ std::vector<unsigned int> Processors()
             processors.push_back(i);
         }
     }
+    // Beginning at this one, or all tools of a test run would share the first.
+    const auto own = std::find(processors.begin(), processors.end(),
+                               static_cast<unsigned int>(std::max(sched_getcpu(), 0)));
+    std::rotate(processors.begin(), own == processors.end() ? processors.begin() : own,
+                processors.end());
     return processors;
 }
 
@@ -137,21 +142,20 @@ class Search
             RunOptions run = m_options.run;
             run.settings.seed = m_options.firstSeed;
             run.settings.strategy = StrategyKind::RANDOM;
-            run.processor = Processors().front();
+            run.processor = m_processors.front();
             m_length = std::max<std::uint64_t>(RunProgram(run).report->choices, 1);
         }
     }
 
     void Work(unsigned int worker)
     {
-        const std::vector<unsigned int> processors = Processors();
         try {
             for (std::uint64_t seed; !m_stop && (seed = m_next++) <= m_options.lastSeed;) {
                 RunOptions run = m_options.run;
                 run.settings.seed = seed;
                 run.settings.strategy = StrategyOf(m_options, seed);
                 run.settings.length = m_length;
-                run.processor = processors[worker % processors.size()];
+                run.processor = m_processors[worker % m_processors.size()];
                 RunResult result = RunProgram(run);
                 if (m_options.verify && result.outcome != Outcome::NOT_SIMULATED) {
                     Verify(run, &result);
@@ -220,6 +224,7 @@ class Search
     const Options& m_options;
     std::ostream& m_out;
     std::ostream& m_err;
+    const std::vector<unsigned int> m_processors = Processors();
     std::atomic<std::uint64_t> m_next;
     std::atomic<bool> m_stop{false};
     std::uint64_t m_length = 0;

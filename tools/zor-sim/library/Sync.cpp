@@ -2,13 +2,11 @@
 #include <pthread.h>
 #include <sched.h>
 #include <semaphore.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
-#include <cstdarg>
 
+#include "Calls.h"
 #include "Deadline.h"
 #include "Real.h"
 #include "Strategy.h"
@@ -139,6 +137,8 @@ long WakeFutex(const int* word, int count, std::uint32_t bits)
     return woken;
 }
 
+} // namespace
+
 long SimulateFutex(int* word, int operation, int value, const timespec* time, std::uint32_t bits,
                    const void* caller)
 {
@@ -166,8 +166,6 @@ long SimulateFutex(int* word, int operation, int value, const timespec* time, st
             Unsupported("this operation of a futex (only waits and wakes)");
     }
 }
-
-} // namespace
 
 } // namespace zorsim
 
@@ -350,28 +348,4 @@ ZOR_SIM_EXPORT int sched_yield() noexcept
     }
     Step(self, Operation::YIELD, nullptr, ZOR_SIM_CALLER);
     return 0;
-}
-
-ZOR_SIM_EXPORT long syscall(long number, ...) noexcept
-{
-    va_list list;
-    va_start(list, number);
-    long a[6];
-    for (long& argument : a) {
-        argument = va_arg(list, long);
-    }
-    va_end(list);
-    Thread* const self = Self();
-    if (self != nullptr && number == SYS_futex) {
-        return SimulateFutex(reinterpret_cast<int*>(a[0]), static_cast<int>(a[1]),
-                             static_cast<int>(a[2]), reinterpret_cast<const timespec*>(a[3]),
-                             static_cast<std::uint32_t>(a[5]), ZOR_SIM_CALLER);
-    }
-    if (self != nullptr && number == SYS_clock_gettime) {
-        return clock_gettime(static_cast<clockid_t>(a[0]), reinterpret_cast<timespec*>(a[1]));
-    }
-    if (self != nullptr && number == SYS_sched_yield) {
-        return sched_yield();
-    }
-    return ZOR_SIM_REAL(syscall)(number, a[0], a[1], a[2], a[3], a[4], a[5]);
 }
