@@ -12,7 +12,7 @@ namespace zor {
 class TaskListUse
 {
  public:
-    TaskListUse() : m_use(&GATE), m_isThere(m_use.IsAdmitted() && TCTaskList::FlagInitialize())
+    TaskListUse() : m_use(&GATE), m_isThere(m_use.IsAdmitted() && TCTaskList::m_mutex.FlagCreate())
     {
         if (m_isThere) {
             TCTaskList::m_mutex.Lock();
