@@ -67,6 +67,7 @@ class SilentListener : public ITimerListener
 };
 
 /// Objects of the process that ends, which nobody destroys.
+TaskRuntime* gRuntime = nullptr;
 TestTask* gTask = nullptr;
 TCTimer* gTimer = nullptr;
 
@@ -81,7 +82,7 @@ TCTimer* MakeTimer()
 TEST(LateUseDeathTest, TimersCanStillBeMadeSetAndDestroyedButFireNoMore)
 {
     const auto body = [] {
-        new TaskRuntime;
+        gRuntime = new TaskRuntime;
         gTask = new TestTask;
         Expect(gTask->Start(), "the task runs");
         gTimer = MakeTimer();
