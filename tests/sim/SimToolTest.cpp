@@ -14,7 +14,6 @@ using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr int NOTHING_FOUND = 0;
 constexpr int FOUND = 1;
 constexpr int UNABLE = 2;
 

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "TaskSupport.h"
@@ -153,7 +154,18 @@ class DestroyRaceTest : public ::testing::Test
 };
 
 using BothKinds = ::testing::Types<TCTask, TCMultiQTask>;
-TYPED_TEST_SUITE(DestroyRaceTest, BothKinds);
+
+/// The kinds by their names.
+struct KindNames
+{
+    template <typename Kind>
+    static std::string GetName(int /*index*/)
+    {
+        return std::is_same_v<Kind, TCTask> ? "Task" : "MultiQTask";
+    }
+};
+
+TYPED_TEST_SUITE(DestroyRaceTest, BothKinds, KindNames);
 
 TYPED_TEST(DestroyRaceTest, DestroyWaitsForAResumeThatLetTheTaskEnd)
 {
@@ -211,7 +223,7 @@ TYPED_TEST(DestroyRaceTest, DestroyWaitsForThoseWhoWaitForAnothersPause)
 /// Asks and resumes on the task's own thread.
 template <typename Base>
 using OwnThreadTest = DestroyRaceTest<Base>;
-TYPED_TEST_SUITE(OwnThreadTest, BothKinds);
+TYPED_TEST_SUITE(OwnThreadTest, BothKinds, KindNames);
 
 TYPED_TEST(OwnThreadTest, AskingAndResumingDoNotWaitForAPauseThatWaitsForTheTask)
 {
