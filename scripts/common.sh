@@ -58,7 +58,7 @@ install_packages() {
 build() {
     local preset=$1 settings=()
     shift
-    while [ "${1-}" != "${1#-D}" ]; do
+    while [[ ${1-} == -D* ]]; do
         settings+=("$1")
         shift
     done
