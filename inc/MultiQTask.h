@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <mutex>
 #include <shared_mutex>
 
 #include "EventNotifyThread.h"
@@ -87,11 +89,12 @@ class ZOR_CORE_API TCMultiQTask : public TCTask
 
     static bool m_Send(TSEvent* event, bool sync, bool priority, unsigned int nQueueIndex);
 
-    ZOR_CORE_LOCAL bool HasQueue(int index) const;
+    ZOR_CORE_LOCAL bool HasQueueLocked(int index) const;
     ZOR_CORE_LOCAL bool CreateQueues(unsigned int nQueueSize);
     ZOR_CORE_LOCAL bool CreateNotifyThreads();
     bool OnMutiQExit(const TSEvent* event);
     ZOR_CORE_LOCAL void DeleteFromFurtherQueues(const TCHandler* receiver);
+    ZOR_CORE_LOCAL TableLock LockQueues();
     ZOR_CORE_LOCAL void TakeDown();
     ZOR_CORE_LOCAL void EndNotifyThreads(unsigned int count);
 
@@ -107,4 +110,7 @@ class ZOR_CORE_API TCMultiQTask : public TCTask
 
     /// Shared while a queue is looked up and used, before that queue's lock.
     std::shared_mutex m_queuesMutex;
+
+    std::atomic<bool> m_takingDown{false}; ///< whether the task's thread waits for m_queuesMutex
+    std::mutex m_takeDownMutex;            ///< held while it does, before that one
 };

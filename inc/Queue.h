@@ -151,7 +151,7 @@ class ZOR_CORE_API TCQueue : public TCMutex
 
     ZOR_CORE_LOCAL bool PutSync(TSEvent* event, bool sync, bool priority, TableLock* table);
     ZOR_CORE_LOCAL void DeleteAndUnlock(const TCHandler* receiver, TableLock* table);
-    ZOR_CORE_LOCAL bool Place(const TSEvent& event, TCSemaphore* reply, bool priority);
+    ZOR_CORE_LOCAL bool Place(Entry* entry, bool priority);
     ZOR_CORE_LOCAL bool PlaceLocked(Entry* entry, bool priority);
     ZOR_CORE_LOCAL bool TakeHeadLocked(TSEvent* event, bool skipSync, Remains* remains);
     ZOR_CORE_LOCAL bool IsFreeLocked() const;

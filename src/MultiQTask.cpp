@@ -197,7 +197,10 @@ bool TCMultiQTask::OnMutiQExit(const TSEvent* event)
 /// done. From then on there is queue 0 only.
 ///
 ///   sender:  shared lock -- look up queue -- put -- unlock (-- wait for the reply)
-///   task:                                           lock -- swap -- unlock -- delete the queues
+///   task:        announce -- lock (waits) ......... swap -- unlock -- delete the queues
+///
+/// Senders that come after the announcement wait as well: while they hold the lock in turns it is
+/// never free.
 void TCMultiQTask::TakeDown()
 {
     if (m_notifyThreads == nullptr) {
@@ -206,7 +209,10 @@ void TCMultiQTask::TakeDown()
     TCQueue** queues = nullptr;
     unsigned int size = 0;
     {
+        const std::lock_guard<std::mutex> announced(m_takeDownMutex);
+        m_takingDown.store(true, std::memory_order_relaxed);
         const std::unique_lock<std::shared_mutex> lock(m_queuesMutex);
+        m_takingDown.store(false, std::memory_order_relaxed);
         queues = std::exchange(m_pQueueArray, m_ownQueue);
         size = std::exchange(m_queueSize, 1);
     }
@@ -219,13 +225,23 @@ void TCMultiQTask::TakeDown()
     m_notifySemaphore.Destroy();
 }
 
+/// The lock under which a queue is looked up and used. Makes way for the take-down.
+TCQueue::TableLock TCMultiQTask::LockQueues()
+{
+    // Relaxed: whoever does not see it yet takes the lock as if it had come earlier.
+    if (m_takingDown.load(std::memory_order_relaxed)) {
+        const std::lock_guard<std::mutex> takenDown(m_takeDownMutex);
+    }
+    return TableLock(m_queuesMutex);
+}
+
 /// Deletes the events of @p receiver from the queues behind the first. The shared lock keeps each
 /// queue alive and is given back before what its events held is released: that may run code which
 /// sends.
 void TCMultiQTask::DeleteFromFurtherQueues(const TCHandler* receiver)
 {
     for (unsigned int i = 1;; ++i) {
-        std::shared_lock<std::shared_mutex> lock(m_queuesMutex);
+        TableLock lock = LockQueues();
         if (i >= m_queueSize) {
             return;
         }
@@ -242,7 +258,7 @@ bool TCMultiQTask::t_OnClearQueue(const TSEvent* event)
     // clang-format off
     TCASSERT(idx >=0 && idx < (int)m_queueSize);
     // clang-format on
-    if (!HasQueue(idx)) {
+    if (!HasQueueLocked(idx)) {
         return false;
     }
     TCASSERT(m_pQueueArray[idx]);
@@ -275,7 +291,8 @@ bool TCMultiQTask::ClearQueue(TCMultiQTask* task, int idx, unsigned long msec)
     return zor::IsAnsweredWithin(answer, msec);
 }
 
-bool TCMultiQTask::HasQueue(int index) const
+/// Under m_queuesMutex, or on the task's thread, which alone writes.
+bool TCMultiQTask::HasQueueLocked(int index) const
 {
     return index >= 0 && index < static_cast<int>(m_queueSize);
 }
@@ -283,12 +300,12 @@ bool TCMultiQTask::HasQueue(int index) const
 std::size_t TCMultiQTask::Size(int queueIdx)
 {
     TCASSERT(FlagCreate());
-    const std::shared_lock<std::shared_mutex> lock(m_queuesMutex);
+    const TableLock lock = LockQueues();
     // The text of the check is what a report shows, to the letter.
     // clang-format off
     TCASSERT(queueIdx >=0 && queueIdx < (int)m_queueSize);
     // clang-format on
-    if (!HasQueue(queueIdx)) {
+    if (!HasQueueLocked(queueIdx)) {
         return 0;
     }
     TCASSERT(m_pQueueArray[queueIdx]);
@@ -327,7 +344,7 @@ bool TCMultiQTask::m_Send(TSEvent* event, bool sync, bool priority, unsigned int
         return false;
     }
     zor::PausedSendTrace warning; // spans the whole put, a synchronous wait included
-    std::shared_lock<std::shared_mutex> lock(pMultiQTask->m_queuesMutex);
+    TableLock lock = pMultiQTask->LockQueues();
     TCASSERT(nQueueIndex < pMultiQTask->m_queueSize);
     if (nQueueIndex >= pMultiQTask->m_queueSize) {
         return false;

@@ -155,13 +155,22 @@ bool TCQueue::PutSync(TSEvent* event, bool sync, bool priority)
     return PutSync(event, sync, priority, nullptr);
 }
 
-/// Lets go of @p table, if there is one, when the event is queued: the wait goes without it.
+/// Lets go of @p table, if there is one, when the event is queued: the wait goes without it, and so
+/// does the release of what an earlier life of the queue has left in the event's slot.
 bool TCQueue::PutSync(TSEvent* event, bool sync, bool priority, TableLock* table)
 {
     TCASSERT(FlagCreate() == true);
     TCASSERT(event != NULL);
+    const auto place = [&](TCSemaphore* reply) {
+        Entry entry(*event, reply);
+        const bool placed = Place(&entry, priority);
+        if (table != nullptr) {
+            table->unlock();
+        }
+        return placed;
+    };
     if (!sync) {
-        return Place(*event, nullptr, priority);
+        return place(nullptr);
     }
     // The reply lives here, on the sender's stack: the sender cannot leave before it is given.
     //
@@ -170,11 +179,8 @@ bool TCQueue::PutSync(TSEvent* event, bool sync, bool priority, TableLock* table
     //
     // Once it has been given, the event that points to it must not be looked at for it again.
     zor::Reply reply;
-    if (!reply.Create() || !Place(*event, &reply, priority)) {
+    if (!reply.Create() || !place(&reply)) {
         return false;
-    }
-    if (table != nullptr) {
-        table->unlock();
     }
     reply.Wait();
     return true;
@@ -188,18 +194,16 @@ bool TCQueue::IsFreeLocked() const
     return TCMutex::m_semaphore.m_state->Count() > 0;
 }
 
-/// Queues a stamped copy of @p event with that reply, and does not wait for it. In one critical
-/// section under the process-wide mutex if the queue's lock is free; else, and where a page would
-/// be touched for the first time, under that lock.
-bool TCQueue::Place(const TSEvent& event, TCSemaphore* reply, bool priority)
+/// Queues @p entry. In one critical section under the process-wide mutex if the queue's lock is
+/// free; else, and where a page would be touched for the first time, under that lock.
+bool TCQueue::Place(Entry* entry, bool priority)
 {
-    Entry entry(event, reply);
     {
         TCSemaphore::State* const units = m_eventCount.m_state;
         zor::TimeMutexLock lock(NsecBeforePut(units->Count()));
         if (IsFreeLocked() && !BeginsPageLocked(NextSlotLocked(priority))) {
             units->DropStaleLocked(m_count == 0);
-            if (!PlaceLocked(&entry, priority)) {
+            if (!PlaceLocked(entry, priority)) {
                 return false;
             }
             const auto waking = units->GiveLocked();
@@ -211,7 +215,7 @@ bool TCQueue::Place(const TSEvent& event, TCSemaphore* reply, bool priority)
         }
     }
     const zor::MutexLock lock(this);
-    if (!PlaceLocked(&entry, priority)) {
+    if (!PlaceLocked(entry, priority)) {
         return false;
     }
     m_eventCount.Give();

@@ -5,6 +5,7 @@
 #include "Debug.h"
 #include "Immortal.h"
 #include "Task.h"
+#include "Undo.h"
 
 namespace {
 
@@ -32,6 +33,19 @@ class TCTimer::TCTimerHandler : public TCHandler
 {
  public:
     using Carrier = zor::ReleasedData<std::unique_ptr<TCTimerHandler>>;
+
+    /// Whatever becomes of it, the user's data is released: if there is to be no handler, at once.
+    static std::unique_ptr<TCTimerHandler> Make(const ITimer::TimerHandlerParams& params)
+    {
+        zor::Undo ownership([&params] {
+            if (params.userDataRelease) {
+                params.userDataRelease(params.userData);
+            }
+        });
+        auto handler = std::make_unique<TCTimerHandler>(params);
+        ownership.Keep();
+        return handler;
+    }
 
     explicit TCTimerHandler(const ITimer::TimerHandlerParams& params)
         : m_listener(params.listener),
@@ -86,8 +100,7 @@ class TCTimer::TCTimerHandler : public TCHandler
 TCTimer::TCTimer() : m_timerId(TCTimersScheduler::INVALID_TIMER_ID) {}
 
 TCTimer::TCTimer(const ITimer::TimerHandlerParams& params)
-    : m_timerId(TCTimersScheduler::INVALID_TIMER_ID),
-      m_handler(std::make_unique<TCTimerHandler>(params))
+    : m_timerId(TCTimersScheduler::INVALID_TIMER_ID), m_handler(TCTimerHandler::Make(params))
 {
     TSEvent event;
     event.receiver = m_handler.get();

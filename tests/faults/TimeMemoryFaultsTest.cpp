@@ -166,9 +166,10 @@ class TimerMemoryFaultsTest : public ::testing::Test
 TEST_F(TimerMemoryFaultsTest, TimerIsNotMadeAndTheSchedulerGoesOn)
 {
     const FaultCase fault("operator new", "TCTimer::TCTimer (each allocation)",
-                          "std::bad_alloc; there is no timer, the listener is let go, the "
-                          "scheduler is not locked");
+                          "std::bad_alloc; there is no timer, the listener is let go and the "
+                          "user's data is released, the scheduler is not locked");
     std::optional<TCTimer> timer;
+    int released = 0;
     FailEachAllocation(
         [&] {
             timer.emplace(m_params);
@@ -176,8 +177,11 @@ TEST_F(TimerMemoryFaultsTest, TimerIsNotMadeAndTheSchedulerGoesOn)
         },
         [&] {
             EXPECT_FALSE(timer.has_value());
+            EXPECT_EQ(m_releases, ++released);
+            EXPECT_TRUE(pthread_equal(m_releasedBy, pthread_self()));
             EXPECT_EQ(m_listener.use_count(), 2); // the test's and that of its parameters
             ExpectAnotherWorks();
+            EXPECT_EQ(m_releases, ++released);
         });
     timer.reset();
     EXPECT_TRUE(Flush(&m_task));
