@@ -22,8 +22,9 @@ struct Zor
     {
         System()
         {
-            if (!TCSyncDet::Create() || !TCTaskList::m_mutex.Create())
+            if (!TCSyncDet::Create() || !TCTaskList::m_mutex.Create()) {
                 std::abort();
+            }
         }
         ~System()
         {
@@ -37,8 +38,9 @@ struct Zor
      public:
         Actor(System&, Handler h) : handler_(std::move(h))
         {
-            if (!Create("actor", ~0U, 1 << 20, 0))
+            if (!Create("actor", ~0U, 1 << 20, 0)) {
                 std::abort();
+            }
         }
         ~Actor()
         {
@@ -79,8 +81,9 @@ struct Zor
         }
         static void send(TSEvent& e, bool sync)
         {
-            while (!Send(&e, sync, false))
+            while (!Send(&e, sync, false)) {
                 sched_yield(); // full
+            }
         }
         bool t_OnUser(const TSEvent* e) override
         {

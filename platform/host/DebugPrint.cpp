@@ -50,19 +50,22 @@ TSThreadData& ThreadData()
 
 void SetName(std::string* name, const char* value)
 {
-    if (value == nullptr || *value == '\0')
+    if (value == nullptr || *value == '\0') {
         name->clear();
-    else
+    } else {
         name->assign(value);
+    }
 }
 
 log_priority PriorityOf(EDebugLevel level)
 {
     // Level 0 is what is never left out.
-    if (level <= DEBUG_LEVEL_1)
+    if (level <= DEBUG_LEVEL_1) {
         return DLOG_FATAL;
-    if (level >= DEBUG_LEVEL_5)
+    }
+    if (level >= DEBUG_LEVEL_5) {
         return DLOG_DEBUG;
+    }
     return static_cast<log_priority>(DLOG_FATAL - (level - DEBUG_LEVEL_1));
 }
 
@@ -70,10 +73,11 @@ log_priority PriorityOf(EDebugLevel level)
 void FormatText(char* text, size_t size, const char* fmt, va_list args)
 {
     const int length = vsnprintf(text, size, fmt, args);
-    if (length < 0)
+    if (length < 0) {
         snprintf(text, size, "%s", fmt);
-    else if (static_cast<size_t>(length) >= size)
+    } else if (static_cast<size_t>(length) >= size) {
         snprintf(text + size - sizeof(CUT_MARK), sizeof(CUT_MARK), "%s", CUT_MARK);
+    }
 }
 
 const char* OrEmpty(const char* text)
@@ -100,8 +104,9 @@ void TCDebugPrint::PrintVALIST(bool flag, const char* file, const char* /*pretty
     char text[TEXT_SIZE];
     FormatText(text, sizeof(text), fmt, *args);
     log_priority priority = PriorityOf(level);
-    if (flag && priority < DLOG_ERROR)
+    if (flag && priority < DLOG_ERROR) {
         priority = DLOG_ERROR;
+    }
     __dlog_print(LOG_ID_MAIN, priority, PRINT_TAG, "[%d] %s:%d %s: %s", module, OrEmpty(file), line,
                  OrEmpty(function), text);
 }

@@ -110,8 +110,9 @@ class TCLine
         const size_t textBegin = m_length;
         bool cut = !Text(entry, args);
         cut = !IndentContinuations(entry, textBegin) || cut;
-        if (cut)
+        if (cut) {
             DropPartOfCharacter(textBegin);
+        }
         Tail(cut);
         return !cut;
     }
@@ -132,18 +133,21 @@ class TCLine
     void Head(const TSEntry& entry)
     {
         char time[32] = "";
-        if (g_config.style != EDlogStyle::JOURNAL)
+        if (g_config.style != EDlogStyle::JOURNAL) {
             FormatTime(time, sizeof(time));
+        }
         char prefix[16] = "";
-        if (g_config.style == EDlogStyle::JOURNAL)
+        if (g_config.style == EDlogStyle::JOURNAL) {
             snprintf(prefix, sizeof(prefix), "<%d>", entry.look.syslog);
-        else if (g_config.style == EDlogStyle::COLOUR)
+        } else if (g_config.style == EDlogStyle::COLOUR) {
             snprintf(prefix, sizeof(prefix), "%s", entry.look.colour);
+        }
         m_length = snprintf(m_buffer, Room(), "%s%s%c %.*s(%d): ", prefix, time, entry.look.letter,
                             TAG_MAX, entry.tag, static_cast<int>(gettid()));
         for (size_t i = 0; i < m_length; ++i) {
-            if (m_buffer[i] == '\n')
+            if (m_buffer[i] == '\n') {
                 m_buffer[i] = ' ';
+            }
         }
     }
 
@@ -163,24 +167,27 @@ class TCLine
         errno = entry.error;
         int wanted = vsnprintf(m_buffer + m_length, room + 1, entry.fmt, args);
         // A text that cannot be encoded is shown as it was passed.
-        if (wanted < 0)
+        if (wanted < 0) {
             wanted = snprintf(m_buffer + m_length, room + 1, "%s", entry.fmt);
+        }
         const size_t length = static_cast<size_t>(wanted);
         if (length > room) {
             m_length += room;
             return false;
         }
         m_length += length;
-        if (length > 0 && m_buffer[m_length - 1] == '\n')
+        if (length > 0 && m_buffer[m_length - 1] == '\n') {
             --m_length;
+        }
         return true;
     }
 
     /// Puts a lead behind each newline of the text. Returns false if the text had to be cut.
     bool IndentContinuations(const TSEntry& entry, size_t textBegin)
     {
-        if (memchr(m_buffer + textBegin, '\n', m_length - textBegin) == nullptr)
+        if (memchr(m_buffer + textBegin, '\n', m_length - textBegin) == nullptr) {
             return true;
+        }
         char lead[16];
         const char* indent = "    ";
         // To the journal each line is an entry of its own.
@@ -193,8 +200,9 @@ class TCLine
         size_t to = textBegin;
         for (; from < m_length; ++from) {
             const size_t grown = m_buffer[from] == '\n' ? 1 + leadLength : 1;
-            if (to + grown > m_size - TAIL_SIZE)
+            if (to + grown > m_size - TAIL_SIZE) {
                 break;
+            }
             to += grown;
         }
         const bool fits = from == m_length;
@@ -215,18 +223,22 @@ class TCLine
     void DropPartOfCharacter(size_t textBegin)
     {
         size_t last = m_length;
-        while (last > textBegin && (m_buffer[last - 1] & 0xC0) == 0x80)
+        while (last > textBegin && (m_buffer[last - 1] & 0xC0) == 0x80) {
             --last;
-        if (last > textBegin && (m_buffer[last - 1] & 0xC0) == 0xC0)
+        }
+        if (last > textBegin && (m_buffer[last - 1] & 0xC0) == 0xC0) {
             m_length = last - 1;
+        }
     }
 
     void Tail(bool cut)
     {
-        if (cut)
+        if (cut) {
             Append(CUT_MARK, sizeof(CUT_MARK) - 1);
-        if (g_config.style == EDlogStyle::COLOUR)
+        }
+        if (g_config.style == EDlogStyle::COLOUR) {
             Append(COLOUR_END, sizeof(COLOUR_END) - 1);
+        }
         Append("\n", 1);
     }
 
@@ -248,8 +260,9 @@ int WriteLine(const TCLine& line)
         }
         struct pollfd ready = {g_config.fd, POLLOUT, 0};
         if (written < 0 &&
-            (errno == EINTR || (errno == EAGAIN && poll(&ready, 1, FULL_PIPE_WAIT_MSEC) > 0)))
+            (errno == EINTR || (errno == EAGAIN && poll(&ready, 1, FULL_PIPE_WAIT_MSEC) > 0))) {
             continue;
+        }
         return done > 0 || written == 0 ? static_cast<int>(done) : -errno;
     }
     return static_cast<int>(done);
@@ -269,8 +282,9 @@ __attribute__((noinline)) bool PrintShort(const TSEntry& entry, va_list args, in
 {
     char buffer[SHORT_LINE_SIZE];
     TCLine line(buffer, sizeof(buffer));
-    if (!line.Make(entry, args))
+    if (!line.Make(entry, args)) {
         return false;
+    }
     *result = WriteLine(line);
     return true;
 }
@@ -283,8 +297,9 @@ int Print(int priority, const char* tag, const char* fmt, va_list args)
     va_list again;
     va_copy(again, args);
     int result = 0;
-    if (!PrintShort(entry, args, &result))
+    if (!PrintShort(entry, args, &result)) {
         result = PrintLong(entry, again);
+    }
     va_end(again);
     errno = error;
     return result;
@@ -295,10 +310,12 @@ int Print(int priority, const char* tag, const char* fmt, va_list args)
 
 int __dlog_print(log_id_t /*id*/, int priority, const char* tag, const char* fmt, ...)
 {
-    if (priority < DLOG_VERBOSE || priority > DLOG_SILENT)
+    if (priority < DLOG_VERBOSE || priority > DLOG_SILENT) {
         priority = DLOG_INFO;
-    if (priority < zorhost::LeastPriority() || priority == DLOG_SILENT)
+    }
+    if (priority < zorhost::LeastPriority() || priority == DLOG_SILENT) {
         return 0;
+    }
     va_list args;
     va_start(args, fmt);
     const int result = zorhost::Print(priority, tag, fmt, args);

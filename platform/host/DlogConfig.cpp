@@ -36,23 +36,27 @@ void Complain(const char* what, std::string_view value, const char* why)
     char text[PATH_SIZE + 256];
     int length = snprintf(text, sizeof(text), "ZOR_DLOG: %s '%.*s' %s; the log goes to stderr:D\n",
                           what, static_cast<int>(value.size()), value.data(), why);
-    if (length >= static_cast<int>(sizeof(text)))
+    if (length >= static_cast<int>(sizeof(text))) {
         length = sizeof(text) - 1;
+    }
     // The one message there is about a log that cannot be had; nobody is left to hear that it
     // failed.
-    if (write(STDERR_FILENO, text, length) < 0)
+    if (write(STDERR_FILENO, text, length) < 0) {
         return;
+    }
 }
 
 int PriorityFromText(std::string_view text)
 {
-    if (text.size() == 1 && text[0] >= '0' && text[0] <= '0' + DLOG_SILENT)
+    if (text.size() == 1 && text[0] >= '0' && text[0] <= '0' + DLOG_SILENT) {
         return text[0] - '0';
+    }
     for (size_t i = 0; i < sizeof(NAMES) / sizeof(NAMES[0]); ++i) {
         const bool letter = text.size() == 1;
         if ((letter || text.size() == NAMES[i].size()) && !text.empty() &&
-            strncasecmp(text.data(), NAMES[i].data(), text.size()) == 0)
+            strncasecmp(text.data(), NAMES[i].data(), text.size()) == 0) {
             return DLOG_VERBOSE + static_cast<int>(i);
+        }
     }
     return NO_PRIORITY;
 }
@@ -68,8 +72,9 @@ bool Parse(std::string_view value, TSTarget* target)
     }
     std::string_view rest;
     bool hasLevel = sinkEnd != std::string_view::npos;
-    if (hasLevel)
+    if (hasLevel) {
         rest = value.substr(sinkEnd + 1);
+    }
     if (target->sink == "file") {
         const size_t levelColon = rest.rfind(':');
         hasLevel = levelColon != std::string_view::npos &&
@@ -77,11 +82,13 @@ bool Parse(std::string_view value, TSTarget* target)
         target->path = rest.substr(0, hasLevel ? levelColon : rest.size());
         rest = hasLevel ? rest.substr(levelColon + 1) : std::string_view();
     }
-    if (!hasLevel)
+    if (!hasLevel) {
         return true;
+    }
     target->leastPriority = PriorityFromText(rest);
-    if (target->leastPriority != NO_PRIORITY)
+    if (target->leastPriority != NO_PRIORITY) {
         return true;
+    }
     Complain("the level", rest, "is none of V D I W E F S, their names, 0 to 8");
     return false;
 }
@@ -97,8 +104,9 @@ int OpenLogFile(std::string_view path)
     memcpy(name, path.data(), path.size());
     name[path.size()] = '\0';
     const int fd = OpenOutputFile(name, O_WRONLY | O_APPEND, 0666);
-    if (fd < 0)
+    if (fd < 0) {
         Complain("the file", path, strerror(errno));
+    }
     return fd;
 }
 
@@ -124,8 +132,9 @@ bool WantsColour()
 
 EDlogStyle StyleOfStandardError()
 {
-    if (IsJournalStream())
+    if (IsJournalStream()) {
         return EDlogStyle::JOURNAL;
+    }
     return WantsColour() ? EDlogStyle::COLOUR : EDlogStyle::PLAIN;
 }
 
@@ -153,8 +162,9 @@ TSDlogConfig ReadDlogConfig()
             config.leastPriority = target.sink == "none" ? DLOG_SILENT : target.leastPriority;
         }
     }
-    if (config.fd == STDERR_FILENO)
+    if (config.fd == STDERR_FILENO) {
         config.style = StyleOfStandardError();
+    }
     return config;
 }
 

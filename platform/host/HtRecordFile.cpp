@@ -76,14 +76,16 @@ int OpenFile(const std::string& path)
     }
     struct stat info = {};
     const char* why = nullptr;
-    if (fstat(fd, &info) != 0)
+    if (fstat(fd, &info) != 0) {
         why = strerror(errno);
-    else if (!S_ISREG(info.st_mode))
+    } else if (!S_ISREG(info.st_mode)) {
         why = "it is no regular file";
-    else if (flock(fd, LOCK_EX | LOCK_NB) != 0)
+    } else if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
         why = errno == EWOULDBLOCK ? "another process is recording into it" : strerror(errno);
-    if (why == nullptr)
+    }
+    if (why == nullptr) {
         return fd;
+    }
     Refuse(path, why);
     close(fd);
     return -1;
@@ -92,11 +94,13 @@ int OpenFile(const std::string& path)
 /// Gives the file its size and maps it. Returns null, with errno set, if that is impossible.
 void* MapFile(int fd, std::uint64_t size)
 {
-    if (ftruncate(fd, 0) != 0)
+    if (ftruncate(fd, 0) != 0) {
         return nullptr;
+    }
     errno = posix_fallocate(fd, 0, static_cast<off_t>(size));
-    if (errno != 0)
+    if (errno != 0) {
         return nullptr;
+    }
     void* const mapping = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     return mapping == MAP_FAILED ? nullptr : mapping;
 }
@@ -151,15 +155,17 @@ std::string Describe(const ht::TCCallLocation& location, unsigned int id)
 TCRecordFile* TCRecordFile::Create(const std::string& path, std::uint64_t ringSize)
 {
     const int fd = OpenFile(path);
-    if (fd < 0)
+    if (fd < 0) {
         return nullptr;
+    }
     const std::uint64_t size = format::HEADER_SIZE + format::LOCATIONS_SIZE + ringSize;
     void* const mapping = MapFile(fd, size);
     if (mapping == nullptr) {
         Refuse(path, strerror(errno));
-        if (ftruncate(fd, 0) != 0)
+        if (ftruncate(fd, 0) != 0) {
             __dlog_print(LOG_ID_MAIN, DLOG_WARN, TAG, "'%s' keeps blocks that it does not use: %s",
                          path.c_str(), strerror(errno));
+        }
         close(fd);
         return nullptr;
     }
@@ -217,15 +223,17 @@ unsigned int TCRecordFile::AddLocation(const ht::TCCallLocation& location)
         return id;
     }
     const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
-    for (std::size_t at = 0; at < text.size(); at += WORD)
+    for (std::size_t at = 0; at < text.size(); at += WORD) {
         StoreWord(m_locations + (begin + at) / WORD, bytes + at);
+    }
     return id;
 }
 
 void TCRecordFile::AddRecord(unsigned char* record, std::size_t size)
 {
-    if (t_thread == 0)
+    if (t_thread == 0) {
         t_thread = gettid();
+    }
     const std::size_t whole = format::RoundUp(size, WORD);
     memset(record + size, 0, whole - size);
 
@@ -245,8 +253,9 @@ void TCRecordFile::AddRecord(unsigned char* record, std::size_t size)
     memcpy(record, &header, sizeof(header));
 
     const std::uint64_t first = header.offset / WORD % m_ringWords;
-    for (std::size_t at = 0; at < whole / WORD; ++at)
+    for (std::size_t at = 0; at < whole / WORD; ++at) {
         StoreWord(m_ring + (first + at) % m_ringWords, record + at * WORD);
+    }
 }
 
 } // namespace zorhost

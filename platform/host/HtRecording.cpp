@@ -46,11 +46,13 @@ struct TSStart
     TSStart()
     {
         const zorhost::TSRecordConfig config = zorhost::ReadRecordConfig();
-        if (config.path.empty())
+        if (config.path.empty()) {
             return;
+        }
         g_file = TCRecordFile::Create(config.path, config.ringSize);
-        if (g_file == nullptr)
+        if (g_file == nullptr) {
             return;
+        }
         pthread_atfork(nullptr, nullptr, [] { g_file->AfterForkInChild(); });
         TIStorageManagerState::enabled.store(true, std::memory_order_relaxed);
     }
@@ -120,8 +122,9 @@ void TSCallItemHelper::Append(int type, const void* head, std::size_t headSize, 
     for (const auto& [from, bytes] : {std::pair<const void*, std::size_t>(&item, sizeof(item)),
                                       {head, headSize},
                                       {data, size}}) {
-        if (bytes != 0)
+        if (bytes != 0) {
             memcpy(m_record + m_size, from, bytes);
+        }
         m_size += bytes;
     }
 }
@@ -155,8 +158,9 @@ void TSCallItemHelper::AddNull(const void* /*pointer*/)
 void TSCPUStatisticHelper::Start()
 {
     // Relaxed: see TIStorageManagerState. Nobody would read what is measured otherwise.
-    if (!TIStorageManagerState::enabled.load(std::memory_order_relaxed))
+    if (!TIStorageManagerState::enabled.load(std::memory_order_relaxed)) {
         return;
+    }
     m_startNsec = zorhost::NowNsec(CLOCK_THREAD_CPUTIME_ID);
     m_started = true;
 }
@@ -174,8 +178,9 @@ void TCDirection::Reset()
 
 bool TCDirection::GetNext()
 {
-    if (m_next >= m_count)
+    if (m_next >= m_count) {
         return false;
+    }
     return (m_inputs >> m_next++ & 1U) != 0;
 }
 

@@ -62,17 +62,20 @@ void Normalize(TCTrapKey* key)
 {
     std::string& file = key->second;
     const std::size_t slash = file.find_last_of("/\\");
-    if (slash != std::string::npos)
+    if (slash != std::string::npos) {
         file.erase(0, slash + 1);
+    }
     const std::size_t extension = file.rfind('.');
-    if (extension != std::string::npos && extension != 0)
+    if (extension != std::string::npos && extension != 0) {
         file.erase(extension);
+    }
 }
 
 void Note(TSTrapItem* item, unsigned int index, std::int64_t value)
 {
-    if (index >= TSTrapCondition::VALUES)
+    if (index >= TSTrapCondition::VALUES) {
         return;
+    }
     item->values[index] = value;
     item->known |= 1U << index;
 }
@@ -82,8 +85,9 @@ void Note(TSTrapItem* item, unsigned int index, std::int64_t value)
 bool HasAllValues(const TSTrapItem& item)
 {
     for (unsigned int i = 0; i < TSTrapCondition::VALUES; ++i) {
-        if (item.condition->ItemExists(i) && (item.known >> i & 1U) == 0)
+        if (item.condition->ItemExists(i) && (item.known >> i & 1U) == 0) {
             return false;
+        }
     }
     return true;
 }
@@ -91,15 +95,17 @@ bool HasAllValues(const TSTrapItem& item)
 void Evaluate(TSTrapItem* item, const TSTrapTest& test, std::int64_t value)
 {
     Note(item, test.index, value);
-    if (!Holds(test.relation, value, static_cast<std::int64_t>(test.number)))
+    if (!Holds(test.relation, value, static_cast<std::int64_t>(test.number))) {
         item->matches = false;
+    }
 }
 
 void Evaluate(TSTrapItem* item, const TSTrapTest& test, std::uint64_t value)
 {
     Note(item, test.index, static_cast<std::int64_t>(value));
-    if (!Holds(test.relation, value, test.number))
+    if (!Holds(test.relation, value, test.number)) {
         item->matches = false;
+    }
 }
 
 void Evaluate(TSTrapItem* item, const TSTrapTest& test, const std::string& value)
@@ -107,8 +113,9 @@ void Evaluate(TSTrapItem* item, const TSTrapTest& test, const std::string& value
     std::int64_t number = 0;
     memcpy(&number, value.data(), std::min(value.size(), sizeof(number)));
     Note(item, test.index, number);
-    if (!Holds(test.relation, value, test.bytes))
+    if (!Holds(test.relation, value, test.bytes)) {
         item->matches = false;
+    }
 }
 
 /// Holds a flag against all comparisons of @p index.
@@ -138,13 +145,15 @@ void PrintValues(const TSTrapItem& item, char* text, std::size_t size)
     std::size_t used = 0;
     text[0] = '\0';
     for (unsigned int i = 0; i < NAMES.size(); ++i) {
-        if ((item.known >> i & 1U) == 0)
+        if ((item.known >> i & 1U) == 0) {
             continue;
+        }
         const int length = snprintf(text + used, size - used, "%s%s=%" PRId64,
                                     used == 0 ? "" : ", ", NAMES[i], item.values[i]);
         used += static_cast<std::size_t>(length);
-        if (used >= size)
+        if (used >= size) {
             return;
+        }
     }
 }
 
@@ -171,8 +180,9 @@ TSTrapCondition::TSTrapCondition(TCTrapKey key, const std::vector<TSTrapTest>& t
     : m_key(std::move(key))
 {
     for (const TSTrapTest& test : tests) {
-        if (test.index < VALUES)
+        if (test.index < VALUES) {
             m_tests[test.index].push_back(test);
+        }
     }
 }
 
@@ -237,14 +247,16 @@ bool TCTrapPattern::IsEnabled() const
 bool TCTrapPattern::SetCondition(TCTrapKey key, const std::vector<TSTrapTest>& tests)
 {
     for (const TSTrapTest& test : tests) {
-        if (!IsPossible(test))
+        if (!IsPossible(test)) {
             return false;
+        }
     }
     Normalize(&key);
     auto condition = std::make_shared<TSTrapCondition>(key, tests);
     const std::lock_guard<std::mutex> lock(m_lock);
-    if (m_conditions == nullptr)
+    if (m_conditions == nullptr) {
         m_conditions = new TSConditions;
+    }
     m_conditions->byKey[std::move(key)] = std::move(condition);
     m_enabled.store(true, std::memory_order_relaxed);
     return true;
@@ -254,8 +266,9 @@ bool TCTrapPattern::RemoveCondition(TCTrapKey key)
 {
     Normalize(&key);
     const std::lock_guard<std::mutex> lock(m_lock);
-    if (m_conditions == nullptr || m_conditions->byKey.erase(key) == 0)
+    if (m_conditions == nullptr || m_conditions->byKey.erase(key) == 0) {
         return false;
+    }
     m_enabled.store(!m_conditions->byKey.empty(), std::memory_order_relaxed);
     return true;
 }
@@ -263,8 +276,9 @@ bool TCTrapPattern::RemoveCondition(TCTrapKey key)
 void TCTrapPattern::Clear()
 {
     const std::lock_guard<std::mutex> lock(m_lock);
-    if (m_conditions != nullptr)
+    if (m_conditions != nullptr) {
         m_conditions->byKey.clear();
+    }
     m_enabled.store(false, std::memory_order_relaxed);
 }
 
@@ -273,8 +287,9 @@ TSTrapCounts TCTrapPattern::Counts(TCTrapKey key) const
     Normalize(&key);
     const std::lock_guard<std::mutex> lock(m_lock);
     const std::shared_ptr<const TSTrapCondition> condition = FindLocked(key);
-    if (condition == nullptr)
+    if (condition == nullptr) {
         return {};
+    }
     return {condition->m_evaluated.load(std::memory_order_relaxed),
             condition->m_matched.load(std::memory_order_relaxed)};
 }
@@ -292,8 +307,9 @@ std::shared_ptr<const TSTrapCondition> TCTrapPattern::FindTrapCondition(const TC
 
 std::shared_ptr<const TSTrapCondition> TCTrapPattern::FindLocked(const TCTrapKey& key) const
 {
-    if (m_conditions == nullptr)
+    if (m_conditions == nullptr) {
         return nullptr;
+    }
     const auto found = m_conditions->byKey.find(key);
     return found != m_conditions->byKey.end() ? found->second : nullptr;
 }
@@ -303,8 +319,9 @@ void TCTrapPattern::AddItemToQueue(const TSTrapItem& item)
     const TSTrapCondition& condition = *item.condition;
     const std::uint64_t evaluated =
         condition.m_evaluated.fetch_add(1, std::memory_order_relaxed) + 1;
-    if (!item.matches || !HasAllValues(item))
+    if (!item.matches || !HasAllValues(item)) {
         return;
+    }
     const std::uint64_t matched = condition.m_matched.fetch_add(1, std::memory_order_relaxed) + 1;
     char values[256];
     PrintValues(item, values, sizeof(values));

@@ -59,10 +59,12 @@ void InitMonotonicCond(pthread_cond_t* cond)
 bool ReadAborts()
 {
     const char* value = getenv("ZOR_WATCHDOG");
-    if (value == nullptr || *value == '\0' || strcmp(value, "log") == 0)
+    if (value == nullptr || *value == '\0' || strcmp(value, "log") == 0) {
         return false;
-    if (strcmp(value, "abort") == 0)
+    }
+    if (strcmp(value, "abort") == 0) {
         return true;
+    }
     __dlog_print(LOG_ID_MAIN, DLOG_WARN, TAG,
                  "ZOR_WATCHDOG: '%s' is none of log, abort; a hung thread is logged", value);
     return false;
@@ -72,8 +74,9 @@ bool ReadAborts()
 long ReadKeepAliveNsec()
 {
     uint64_t usec = 0;
-    if (sd_watchdog_enabled(0, &usec) <= 0)
+    if (sd_watchdog_enabled(0, &usec) <= 0) {
         return 0;
+    }
     const uint64_t longest = MAX_TIMEOUT_SEC * NSEC_PER_SEC / NSEC_PER_USEC;
     return std::max(static_cast<long>(std::min(usec / 2, longest)) * NSEC_PER_USEC, NSEC_PER_MSEC);
 }
@@ -86,8 +89,9 @@ struct TCSupervisor::TSThreadEnd
     ~TSThreadEnd()
     {
         t_ended = true;
-        if (t_self != nullptr)
+        if (t_self != nullptr) {
             Instance().Remove(t_self);
+        }
     }
 };
 
@@ -116,8 +120,9 @@ void TCSupervisor::AfterForkInParent()
 void TCSupervisor::AfterForkInChild()
 {
     TCSupervisor& self = Instance();
-    while (self.m_first != nullptr)
+    while (self.m_first != nullptr) {
         delete std::exchange(self.m_first, self.m_first->next);
+    }
     t_self = nullptr;
     self.m_monitorRuns = false;
     self.m_lock.unlock();
@@ -125,16 +130,20 @@ void TCSupervisor::AfterForkInChild()
 
 int TCSupervisor::Register(unsigned long seconds)
 {
-    if (seconds == 0)
+    if (seconds == 0) {
         return EINVAL;
-    if (t_ended)
+    }
+    if (t_ended) {
         return ESRCH;
+    }
     const std::lock_guard<std::mutex> lock(m_lock);
-    if (const int error = StartMonitorLocked())
+    if (const int error = StartMonitorLocked()) {
         return error;
+    }
     TSWatched* self = t_self != nullptr ? t_self : AddSelfLocked();
-    if (self == nullptr)
+    if (self == nullptr) {
         return ENOMEM;
+    }
     self->timeoutNsec = static_cast<long>(std::min(seconds, MAX_TIMEOUT_SEC)) * NSEC_PER_SEC;
     // Relaxed: the monitor takes it under the lock or later, and nothing else hangs on it.
     self->notifiedNsec.store(Now(), std::memory_order_relaxed);
@@ -145,8 +154,9 @@ int TCSupervisor::Register(unsigned long seconds)
 
 int TCSupervisor::Notify()
 {
-    if (t_self == nullptr)
+    if (t_self == nullptr) {
         return ENOENT;
+    }
     // Relaxed: the time itself is the whole message.
     t_self->notifiedNsec.store(Now(), std::memory_order_relaxed);
     return 0;
@@ -157,8 +167,9 @@ TSWatched* TCSupervisor::AddSelfLocked()
     static thread_local TSThreadEnd end;
     static_cast<void>(end);
     auto* self = new (std::nothrow) TSWatched;
-    if (self == nullptr)
+    if (self == nullptr) {
         return nullptr;
+    }
     self->thread = pthread_self();
     self->tid = gettid();
     self->next = m_first;
@@ -171,8 +182,9 @@ void TCSupervisor::Remove(TSWatched* watched)
 {
     const std::lock_guard<std::mutex> lock(m_lock);
     TSWatched** link = &m_first;
-    while (*link != watched)
+    while (*link != watched) {
         link = &(*link)->next;
+    }
     *link = watched->next;
     t_self = nullptr;
     delete watched;
@@ -180,8 +192,9 @@ void TCSupervisor::Remove(TSWatched* watched)
 
 int TCSupervisor::StartMonitorLocked()
 {
-    if (m_monitorRuns)
+    if (m_monitorRuns) {
         return 0;
+    }
     // Anew in the child of a fork too: traces of the parent's waiting monitor are nobody's there.
     InitMonotonicCond(&m_changedCond);
     // The monitor is born with every signal blocked: handlers belong to the application's threads.
@@ -217,8 +230,9 @@ void TCSupervisor::Monitor()
     m_resumedNsec = plannedNsec;
     for (;;) {
         const long nowNsec = Now();
-        if (nowNsec - plannedNsec > STANDSTILL_NSEC)
+        if (nowNsec - plannedNsec > STANDSTILL_NSEC) {
             m_resumedNsec = nowNsec;
+        }
         TSMiss miss;
         if (TakeMissLocked(nowNsec, &miss)) {
             lock.unlock();
@@ -247,12 +261,14 @@ bool TCSupervisor::TakeMissLocked(long nowNsec, TSMiss* miss)
     for (TSWatched* watched = m_first; watched != nullptr; watched = watched->next) {
         const long notifiedNsec = watched->notifiedNsec.load(std::memory_order_relaxed);
         const long lateNsec = nowNsec - DeadlineLocked(*watched, notifiedNsec);
-        if (notifiedNsec == watched->reportedNsec || lateNsec < 0)
+        if (notifiedNsec == watched->reportedNsec || lateNsec < 0) {
             continue;
+        }
         watched->reportedNsec = notifiedNsec;
         // The handle is good: a thread that ends waits for the lock to take itself off the list.
-        if (pthread_getname_np(watched->thread, miss->name, sizeof(miss->name)) != 0)
+        if (pthread_getname_np(watched->thread, miss->name, sizeof(miss->name)) != 0) {
             miss->name[0] = '\0';
+        }
         pthread_getcpuclockid(watched->thread, &miss->cpuClock);
         miss->tid = watched->tid;
         miss->timeoutNsec = watched->timeoutNsec;
@@ -264,13 +280,15 @@ bool TCSupervisor::TakeMissLocked(long nowNsec, TSMiss* miss)
 
 bool TCSupervisor::TakeKeepAliveLocked(long nowNsec)
 {
-    if (m_keepAliveNsec == 0 || nowNsec < m_nextKeepAliveNsec)
+    if (m_keepAliveNsec == 0 || nowNsec < m_nextKeepAliveNsec) {
         return false;
+    }
     m_nextKeepAliveNsec = nowNsec + m_keepAliveNsec;
     // Who is late was reported before: TakeMissLocked() found nobody new.
     for (const TSWatched* watched = m_first; watched != nullptr; watched = watched->next) {
-        if (watched->notifiedNsec.load(std::memory_order_relaxed) == watched->reportedNsec)
+        if (watched->notifiedNsec.load(std::memory_order_relaxed) == watched->reportedNsec) {
             return false;
+        }
     }
     return true;
 }
@@ -278,13 +296,15 @@ bool TCSupervisor::TakeKeepAliveLocked(long nowNsec)
 long TCSupervisor::NextLookLocked(long nowNsec) const
 {
     long next = nowNsec + LONGEST_SLEEP_NSEC;
-    if (m_keepAliveNsec != 0)
+    if (m_keepAliveNsec != 0) {
         next = std::min(next, m_nextKeepAliveNsec);
+    }
     for (const TSWatched* watched = m_first; watched != nullptr; watched = watched->next) {
         // A reported thread that comes back has a whole time-out, longer than any sleep.
         const long notifiedNsec = watched->notifiedNsec.load(std::memory_order_relaxed);
-        if (notifiedNsec != watched->reportedNsec)
+        if (notifiedNsec != watched->reportedNsec) {
             next = std::min(next, DeadlineLocked(*watched, notifiedNsec));
+        }
     }
     return next;
 }
@@ -318,8 +338,9 @@ void TCSupervisor::Report(const TSMiss& miss) const
                  "thread '%s' (%d) hangs: no sign of life within %ld ms, %ld ms late%s", miss.name,
                  static_cast<int>(miss.tid), miss.timeoutNsec / NSEC_PER_MSEC,
                  miss.lateNsec / NSEC_PER_MSEC, m_aborts ? "; aborting" : "");
-    if (m_aborts)
+    if (m_aborts) {
         abort();
+    }
 }
 
 } // namespace zorhost

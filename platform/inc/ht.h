@@ -121,8 +121,9 @@ class ZOR_PLATFORM_API TSCPUStatisticHelper
 
     ~TSCPUStatisticHelper()
     {
-        if (m_started)
+        if (m_started) {
             Stop();
+        }
     }
 
     TSCPUStatisticHelper(const TSCPUStatisticHelper&) = delete;

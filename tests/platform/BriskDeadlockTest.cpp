@@ -138,8 +138,9 @@ std::string StatusField(const std::string& directory, const std::string& field)
 {
     std::ifstream status(directory + "/status");
     for (std::string line; std::getline(status, line);) {
-        if (line.compare(0, field.size() + 2, field + ":\t") == 0)
+        if (line.compare(0, field.size() + 2, field + ":\t") == 0) {
             return line.substr(field.size() + 2);
+        }
     }
     return "";
 }
@@ -154,15 +155,17 @@ TEST_F(BriskDeadlockTest, OneMonitorRunsWithSignalsBlocked)
         DIR* tasks = opendir("/proc/self/task");
         while (const dirent* task = readdir(tasks)) {
             const std::string directory = std::string("/proc/self/task/") + task->d_name;
-            if (StatusField(directory, "Name") == "zor-watchdog")
+            if (StatusField(directory, "Name") == "zor-watchdog") {
                 masks.push_back(StatusField(directory, "SigBlk"));
+            }
         }
         closedir(tasks);
     }
     ASSERT_EQ(masks.size(), 1u);
     const unsigned long blocked = std::stoul(masks[0], nullptr, 16);
-    for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2, SIGALRM, SIGCHLD})
+    for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2, SIGALRM, SIGCHLD}) {
         EXPECT_NE(blocked & (1UL << (signal - 1)), 0u) << signal;
+    }
 }
 
 TEST_F(BriskDeadlockTest, ManyThreadsComeAndGo)
@@ -178,8 +181,9 @@ TEST_F(BriskDeadlockTest, ManyThreadsComeAndGo)
             }
         });
     }
-    for (std::thread& thread : threads)
+    for (std::thread& thread : threads) {
         thread.join();
+    }
     EXPECT_TRUE(m_log.Entries().empty());
 }
 

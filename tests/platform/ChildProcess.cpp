@@ -24,10 +24,11 @@ std::string ReadAll(int fd)
     char part[4096];
     for (;;) {
         const ssize_t length = read(fd, part, sizeof(part));
-        if (length > 0)
+        if (length > 0) {
             all.append(part, length);
-        else if (length == 0 || errno != EINTR)
+        } else if (length == 0 || errno != EINTR) {
             return all;
+        }
     }
 }
 
@@ -42,16 +43,18 @@ std::vector<std::string> TSChildResult::Lines() const
 {
     std::vector<std::string> lines;
     std::istringstream stream(err);
-    for (std::string line; std::getline(stream, line);)
+    for (std::string line; std::getline(stream, line);) {
         lines.push_back(line);
+    }
     return lines;
 }
 
 TCChildProcess::TCChildProcess()
 {
     // What the tests' own surroundings say about the log is none of theirs.
-    for (const char* name : {"ZOR_DLOG", "JOURNAL_STREAM", "NO_COLOR", "TERM"})
+    for (const char* name : {"ZOR_DLOG", "JOURNAL_STREAM", "NO_COLOR", "TERM"}) {
         Env(name, "");
+    }
 }
 
 TCChildProcess& TCChildProcess::Env(const std::string& name, const std::string& value)
@@ -80,8 +83,9 @@ TSChildResult TCChildProcess::Run(const std::function<int()>& body) const
     fflush(nullptr);
     TSChildResult result;
     result.pid = fork();
-    if (result.pid == 0)
+    if (result.pid == 0) {
         RunChild(writeEnd, body);
+    }
     close(writeEnd);
     result.err = ReadAll(readEnd);
     close(readEnd);
@@ -116,10 +120,11 @@ void TCChildProcess::RunChild(int writeEnd, const std::function<int()>& body) co
     alarm(DEADLINE_SEC);
     dup2(writeEnd, STDERR_FILENO);
     for (const auto& [name, value] : m_env) {
-        if (value.empty())
+        if (value.empty()) {
             unsetenv(name.c_str());
-        else
+        } else {
             setenv(name.c_str(), value.c_str(), 1);
+        }
     }
     struct stat info;
     if (m_onJournal && fstat(STDERR_FILENO, &info) == 0) {

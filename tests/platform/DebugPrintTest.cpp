@@ -161,8 +161,9 @@ struct TSUserAtExit
 
     ~TSUserAtExit()
     {
-        if (!active)
+        if (!active) {
             return;
+        }
         TCDebugPrintZOR* print = TCDebugPrintZOR::GetInstance();
         const std::string before = print->GetAppData().name;
         print->SetAppData("at exit", 9);
@@ -195,11 +196,13 @@ TEST_F(DebugPrintTest, EntryHoldsModuleFileLineFunctionAndText)
 
 TEST_F(DebugPrintTest, LevelsBecomePriorities)
 {
-    for (int level = DEBUG_LEVEL_0; level <= DEBUG_LEVEL_7; ++level)
+    for (int level = DEBUG_LEVEL_0; level <= DEBUG_LEVEL_7; ++level) {
         Print(false, 0, static_cast<EDebugLevel>(level), "x");
+    }
     std::vector<int> priorities;
-    for (const TSLogEntry& entry : m_log.Entries())
+    for (const TSLogEntry& entry : m_log.Entries()) {
         priorities.push_back(entry.priority);
+    }
     EXPECT_EQ(priorities, (std::vector<int>{DLOG_FATAL, DLOG_FATAL, DLOG_ERROR, DLOG_WARN,
                                             DLOG_INFO, DLOG_DEBUG, DLOG_DEBUG, DLOG_DEBUG}));
 }

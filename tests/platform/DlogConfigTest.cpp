@@ -19,8 +19,9 @@ namespace {
 int WriteEachPriority()
 {
     int filtered = 0;
-    for (int priority = DLOG_VERBOSE; priority <= DLOG_FATAL; ++priority)
+    for (int priority = DLOG_VERBOSE; priority <= DLOG_FATAL; ++priority) {
         filtered += __dlog_print(LOG_ID_MAIN, priority, "T", "p%d", priority) == 0;
+    }
     return filtered;
 }
 
@@ -28,8 +29,9 @@ int WriteEachPriority()
 std::string PrioritiesIn(const std::string& log)
 {
     std::string priorities;
-    for (size_t at = log.find("): p"); at != std::string::npos; at = log.find("): p", at + 1))
+    for (size_t at = log.find("): p"); at != std::string::npos; at = log.find("): p", at + 1)) {
         priorities += log[at + 4];
+    }
     return priorities;
 }
 
@@ -160,8 +162,9 @@ int DescriptorOf(const std::string& path)
     struct stat open = {};
     stat(path.c_str(), &file);
     for (int fd = 0; fd < 64; ++fd) {
-        if (fstat(fd, &open) == 0 && open.st_ino == file.st_ino && open.st_dev == file.st_dev)
+        if (fstat(fd, &open) == 0 && open.st_ino == file.st_ino && open.st_dev == file.st_dev) {
             return fd;
+        }
     }
     return -1;
 }
@@ -180,8 +183,9 @@ TEST_F(DlogConfigTest, LogFileNeverBecomesAStandardStream)
 {
     TCChildProcess child;
     const TSChildResult result = child.Env("ZOR_DLOG", "file:" + Path("log")).Run([this] {
-        for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
             close(fd);
+        }
         __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "p4");
         const int fd = DescriptorOf(Path("log"));
         return fd > STDERR_FILENO && (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0 ? 0 : 1;
@@ -262,8 +266,9 @@ TEST_F(DlogConfigTest, TerminalIsColoured)
     ASSERT_EQ(lines.size(), 5u) << result.err;
     EXPECT_EQ(lines[2].substr(0, 5), "\033[33m");
     EXPECT_EQ(lines[3].substr(0, 5), "\033[31m");
-    for (const std::string& line : lines)
+    for (const std::string& line : lines) {
         EXPECT_EQ(line.substr(line.size() - 4), "\033[0m");
+    }
 }
 
 TEST_F(DlogConfigTest, TerminalIsPlainWhenColourIsNotWanted)

@@ -48,8 +48,9 @@ extern "C" ssize_t write(int fd, const void* data, size_t size)
             return -1;
         }
         const size_t longest = g_longestWrite;
-        if (longest != 0 && size > longest)
+        if (longest != 0 && size > longest) {
             size = longest;
+        }
     }
     return syscall(SYS_write, fd, data, size);
 }
@@ -132,27 +133,31 @@ TEST(DlogTest, TimeIsLocal)
 TEST(DlogTest, EveryPriorityHasItsLetter)
 {
     const TSChildResult result = TCChildProcess().Env("ZOR_DLOG", "stderr:V").Run([] {
-        for (int priority = DLOG_VERBOSE; priority <= DLOG_FATAL; ++priority)
+        for (int priority = DLOG_VERBOSE; priority <= DLOG_FATAL; ++priority) {
             __dlog_print(LOG_ID_MAIN, priority, "T", "x");
+        }
         return 0;
     });
     std::string letters;
-    for (const std::string& line : result.Lines())
+    for (const std::string& line : result.Lines()) {
         letters += AfterTime(line)[0];
+    }
     EXPECT_EQ(letters, "VDIWEF");
 }
 
 TEST(DlogTest, PriorityOutsideTheScaleCountsAsInfoAndSilentIsNotWritten)
 {
     const TSChildResult result = TCChildProcess().Run([] {
-        for (int priority : {DLOG_UNKNOWN + 0, DLOG_DEFAULT + 0, -5, 9})
+        for (int priority : {DLOG_UNKNOWN + 0, DLOG_DEFAULT + 0, -5, 9}) {
             __dlog_print(LOG_ID_MAIN, priority, "T", "x");
+        }
         return __dlog_print(LOG_ID_MAIN, DLOG_SILENT, "T", "silent");
     });
     EXPECT_EQ(result.ExitCode(), 0);
     ASSERT_EQ(result.Lines().size(), 4u) << result.err;
-    for (const std::string& line : result.Lines())
+    for (const std::string& line : result.Lines()) {
         EXPECT_EQ(AfterTime(line)[0], 'I') << line;
+    }
 }
 
 TEST(DlogTest, NullTagAndStrangeTagKeepTheLineWhole)
@@ -199,9 +204,10 @@ TEST(DlogTest, TextOfAnyLengthUpToTheLimitIsWholeAndOneWrite)
 {
     const std::string longest(15 * 1024, 'z');
     const TSChildResult result = TCChildProcess().Run([&longest] {
-        for (size_t length = 1900; length < 2100; ++length)
+        for (size_t length = 1900; length < 2100; ++length) {
             __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "%.*s", static_cast<int>(length),
                          longest.c_str());
+        }
         __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "%s", longest.c_str());
         return g_writes == 201 ? 0 : 1;
     });
@@ -209,8 +215,9 @@ TEST(DlogTest, TextOfAnyLengthUpToTheLimitIsWholeAndOneWrite)
     const std::vector<std::string> lines = result.Lines();
     ASSERT_EQ(lines.size(), 201u);
     const size_t head = 13 + Head('I', "T", result.pid).size();
-    for (size_t i = 0; i < 200; ++i)
+    for (size_t i = 0; i < 200; ++i) {
         EXPECT_EQ(lines[i].size(), head + 1900 + i);
+    }
     EXPECT_EQ(lines[200].substr(head), longest);
 }
 
@@ -233,8 +240,9 @@ TEST(DlogTest, CutNeverSplitsACharacter)
     for (int start = 0; start < 4; ++start) {
         const TSChildResult result = TCChildProcess().Run([start] {
             std::string text(start, 'a');
-            for (int i = 0; i < 10000; ++i)
+            for (int i = 0; i < 10000; ++i) {
                 text += "\xF0\x9F\x93\xBA";
+            }
             return __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "%s", text.c_str()) > 0 ? 0 : 1;
         });
         const std::string mark = " ...[cut]\n";
@@ -254,8 +262,9 @@ TEST(DlogTest, CutTextOfNewlinesStaysWithinTheLimit)
     const std::vector<std::string> lines = result.Lines();
     ASSERT_GT(lines.size(), LONGEST_LINE / 5 - 20);
     EXPECT_LT(lines.size(), LONGEST_LINE / 5 + 1);
-    for (size_t i = 1; i + 2 < lines.size(); ++i)
+    for (size_t i = 1; i + 2 < lines.size(); ++i) {
         ASSERT_EQ(lines[i], "    ") << i;
+    }
     EXPECT_TRUE(lines[lines.size() - 2].find(" ...[cut]") != std::string::npos);
     EXPECT_EQ(AfterTime(lines.back()), Head('I', "T", result.pid) + "after");
 }
@@ -282,8 +291,9 @@ TEST(DlogTest, FullPipeThatDoesNotBlockIsWaitedFor)
         fcntl(STDERR_FILENO, F_SETFL, O_NONBLOCK);
         const std::string text(10000, 'p');
         for (int i = 0; i < 100; ++i) {
-            if (__dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "%s", text.c_str()) < 10000)
+            if (__dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "%s", text.c_str()) < 10000) {
                 return 1;
+            }
         }
         return 0;
     });
@@ -330,8 +340,9 @@ TEST(DlogTest, WritingAllocatesNothing)
         const std::string text(50 * 1000, 'm');
         const unsigned long begin = AllocationCount();
         ::operator delete(::operator new(1)); // a call that is never optimised away
-        if (AllocationCount() == begin)
+        if (AllocationCount() == begin) {
             return 2;
+        }
         __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "the first one reads the configuration");
         const unsigned long before = AllocationCount();
         __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "%d %s %5.2f", 1, "two", 3.0);
@@ -354,13 +365,15 @@ int WriteFromManyThreads()
     for (int writer = 0; writer < WRITERS; ++writer) {
         threads.emplace_back([writer] {
             const std::string text(900, static_cast<char>('a' + writer));
-            for (int i = 0; i < LINES_PER_WRITER; ++i)
+            for (int i = 0; i < LINES_PER_WRITER; ++i) {
                 __dlog_print(LOG_ID_MAIN, DLOG_INFO, "MANY", "%d %.*s!", i, 1 + i * 7 % 900,
                              text.c_str());
+            }
         });
     }
-    for (std::thread& thread : threads)
+    for (std::thread& thread : threads) {
         thread.join();
+    }
     return 0;
 }
 
@@ -405,8 +418,9 @@ TEST(DlogTest, ChildOfABusyProcessCanWrite)
     const TSChildResult result = TCChildProcess().Run([] {
         std::atomic<bool> ends{false};
         std::thread busy([&ends] {
-            while (!ends)
+            while (!ends) {
                 __dlog_print(LOG_ID_MAIN, DLOG_INFO, "BUSY", "parent");
+            }
         });
         int failed = 0;
         for (int i = 0; i < FORKS; ++i) {
@@ -429,8 +443,10 @@ TEST(DlogTest, ChildOfABusyProcessCanWrite)
     for (const std::string& line : result.Lines()) {
         int shown = -1;
         int own = -1;
-        if (sscanf(AfterTime(line).c_str(), "I FORKED(%d): %d", &shown, &own) == 2 && shown == own)
+        if (sscanf(AfterTime(line).c_str(), "I FORKED(%d): %d", &shown, &own) == 2 &&
+            shown == own) {
             ++fromChildren;
+        }
     }
     EXPECT_EQ(fromChildren, FORKS);
 }
@@ -443,11 +459,13 @@ TEST(DlogTest, ForkDuringTheFirstEntryLeavesAChildThatCanWrite)
         std::thread first([&ends] {
             __dlog_print(LOG_ID_MAIN, DLOG_INFO, "FIRST", "x");
             // Alive during the fork: the child cannot join a thread that it does not have.
-            while (!ends)
+            while (!ends) {
                 std::this_thread::yield();
+            }
         });
-        while (!g_reads)
+        while (!g_reads) {
             std::this_thread::yield();
+        }
         const pid_t child = fork();
         if (child == 0) {
             alarm(60);
@@ -469,8 +487,9 @@ struct TSWriterAtExit
 {
     ~TSWriterAtExit()
     {
-        if (g_writesAtExit)
+        if (g_writesAtExit) {
             __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "static object ends");
+        }
     }
 };
 

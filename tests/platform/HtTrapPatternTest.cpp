@@ -32,10 +32,11 @@ class TrapPatternTest : public testing::Test
     {
         TSTrapItem item(std::make_shared<TSTrapCondition>(KEY, std::vector<TSTrapTest>{test}));
         TCTrapArgumentHelper helper(&item);
-        if (test.kind == TSTrapTest::SIGNED)
+        if (test.kind == TSTrapTest::SIGNED) {
             helper.EvaluateSigned(test, number);
-        else
+        } else {
             helper.EvaluateUnsigned(test, static_cast<std::uint64_t>(number));
+        }
         return item.matches;
     }
 
@@ -242,12 +243,14 @@ TEST_F(TrapPatternTest, CallsAndChangesMayMeet)
     for (int i = 0; i < 500; ++i) {
         patterns.SetCondition(KEY, {TSTrapTest::Unsigned(0, TSTrapTest::EQUAL, 0)});
         patterns.Counts(KEY);
-        if (i % 3 == 0)
+        if (i % 3 == 0) {
             patterns.RemoveCondition(KEY);
+        }
     }
     ends = true;
-    for (std::thread& caller : callers)
+    for (std::thread& caller : callers) {
         caller.join();
+    }
     EXPECT_EQ(patterns.Counts(KEY).matched, 0U);
 }
 

@@ -48,14 +48,16 @@ using std::chrono::steady_clock;
 /// Exits with whether the build counts as a release, or 9 if the two answers contradict.
 [[noreturn]] void ExitWithRelease(const char* value)
 {
-    if (value != nullptr)
+    if (value != nullptr) {
         setenv("ZOR_RELEASE", value, 1);
-    else
+    } else {
         unsetenv("ZOR_RELEASE");
+    }
     const bool isRelease = LiteUtility::IsRelease();
     setenv("ZOR_RELEASE", isRelease ? "0" : "1", 1);
-    if (LiteUtility::IsRelease() != isRelease || LiteUtility::IsDebug() == isRelease)
+    if (LiteUtility::IsRelease() != isRelease || LiteUtility::IsDebug() == isRelease) {
         exit(9);
+    }
     exit(isRelease ? 1 : 0);
 }
 

@@ -34,8 +34,9 @@ TCPlatformLog& TCPlatformLog::Instance()
 void TCPlatformLog::Add(TSLogEntry entry)
 {
     const std::lock_guard<std::mutex> lock(m_lock);
-    if (m_echoes)
+    if (m_echoes) {
         fprintf(stderr, "%d %s\n", entry.priority, entry.text.c_str());
+    }
     m_entries.push_back(std::move(entry));
     m_added.notify_all();
 }
@@ -81,8 +82,9 @@ std::vector<TSLogEntry> TCPlatformLog::FindLocked(const std::string& part) const
 {
     std::vector<TSLogEntry> found;
     for (const TSLogEntry& entry : m_entries) {
-        if (entry.text.find(part) != std::string::npos)
+        if (entry.text.find(part) != std::string::npos) {
             found.push_back(entry);
+        }
     }
     return found;
 }

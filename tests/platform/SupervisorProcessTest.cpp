@@ -50,8 +50,9 @@ std::atomic<bool> g_stopsClock{false};
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                               void* (*start)(void*), void* argument)
 {
-    if (g_failsThreadCreation)
+    if (g_failsThreadCreation) {
         return EAGAIN;
+    }
     using TCreate = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
     static const auto create = reinterpret_cast<TCreate>(dlsym(RTLD_NEXT, "pthread_create"));
     return create(thread, attributes, start, argument);
@@ -96,8 +97,9 @@ TEST(SupervisorProcessTest, AbortModeEndsTheProcess)
             Log().EchoToStandardError();
             TCWatchedThread silent("silent", 1, EDuty::HANG);
             alarm(60);
-            for (;;)
+            for (;;) {
                 pause();
+            }
         },
         ::testing::KilledBySignal(SIGABRT), "7 thread 'silent' \\([0-9]+\\) hangs: .*; aborting");
 }
@@ -185,8 +187,9 @@ class TCNotifySocket
     void Drain()
     {
         struct pollfd readable = {m_socket, POLLIN, 0};
-        while (poll(&readable, 1, 10) == 1)
+        while (poll(&readable, 1, 10) == 1) {
             Take();
+        }
     }
 
  private:
@@ -238,8 +241,9 @@ void KeepAliveStopsWhileAThreadHangs(TCNotifySocket* manager)
     REQUIRE(manager->Next() == "WATCHDOG=1");
     // Read all the while: a sender waits when a socket holds a few unread messages.
     alarm(60);
-    while (Log().Entries(Name("silent")).empty())
+    while (Log().Entries(Name("silent")).empty()) {
         manager->Drain();
+    }
     manager->Drain();
     // Ten times of sending pass until the next one is reported.
     TCWatchedThread later("later", 1, EDuty::HANG);

@@ -67,8 +67,9 @@ void TCWatchedThread::Run()
 
 void TCWatchedThread::ObeyLocked()
 {
-    if (m_order == EOrder::NONE)
+    if (m_order == EOrder::NONE) {
         return;
+    }
     m_errors += m_order == EOrder::REGISTER ? brisk_deadlock_register_watchdog_service(m_seconds)
                                             : brisk_deadlock_watchdog_notify();
     m_order = EOrder::NONE;
