@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "dlog.h"
-#include "zor/testing/Platform.h"
+#include "zor/testing/PlatformLog.h"
 
 namespace zor::testing {
 namespace {

@@ -4,32 +4,37 @@
 #include <string>
 #include <vector>
 
+#include "zor/testing/PlatformLog.h"
+
 /// @file
-/// Linked into a program, it takes the place of the platform log and keeps every entry.
+/// The platform log of a program that is linked with ${zor_log_seam}, which keeps every entry.
 
 namespace zortest {
 
-/// One entry of the platform log.
-struct LogLine
-{
-    int buffer;
-    int priority;
-    std::string tag;
-    std::string format;
-    std::string text; ///< the format with its arguments put in
-    bool hasTag;      ///< the tag was no null pointer
-};
+using LogLine = zor::testing::PlatformLog::Line;
 
 /// Forgets all entries.
-void ClearLog();
+inline void ClearLog()
+{
+    zor::testing::PlatformLog::Clear();
+}
 
 /// The entries since ClearLog(), oldest first. Any thread may ask.
-std::vector<LogLine> LogLines();
+inline std::vector<LogLine> LogLines()
+{
+    return zor::testing::PlatformLog::Lines();
+}
 
 /// The entries whose text contains @p part, oldest first.
-std::vector<LogLine> LogLinesWith(const std::string& part);
+inline std::vector<LogLine> LogLinesWith(const std::string& part)
+{
+    return zor::testing::PlatformLog::LinesWith(part);
+}
 
 /// How many entries contain @p part.
-std::size_t CountLogLines(const std::string& part);
+inline std::size_t CountLogLines(const std::string& part)
+{
+    return zor::testing::PlatformLog::Count(part);
+}
 
 } // namespace zortest

@@ -14,11 +14,11 @@ zor_add_key_library(zor-test-no-keys WITHOUT_FUNCTIONS)
 
 foreach(test KeyCombinationTest DebugMenuUtilityTest)
   zor_add_test(${test}
-    SOURCES ${test}.cpp LoaderSeams.cpp ${tool_support}/ConsoleSeam.cpp ${tool_support}/LogSeam.cpp)
+    SOURCES ${test}.cpp LoaderSeams.cpp ${tool_support}/ConsoleSeam.cpp ${zor_log_seam})
   add_dependencies(${test} zor-test-keys zor-test-no-keys)
   target_compile_definitions(${test} PRIVATE
     KEY_LIBRARY="$<TARGET_FILE:zor-test-keys>" EMPTY_LIBRARY="$<TARGET_FILE:zor-test-no-keys>")
 endforeach()
 target_sources(KeyCombinationTest PRIVATE ChildSeams.cpp)
 
-zor_add_test(TVInfoBoxTest SOURCES TVInfoBoxTest.cpp ChildSeams.cpp ${tool_support}/LogSeam.cpp)
+zor_add_test(TVInfoBoxTest SOURCES TVInfoBoxTest.cpp ChildSeams.cpp ${zor_log_seam})

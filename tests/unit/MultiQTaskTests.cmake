@@ -4,7 +4,7 @@ zor_add_test(MultiQTaskTest
           TaskSeams.cpp TaskSupport.cpp
           ${PROJECT_SOURCE_DIR}/tests/support/ConditionSeams.cpp
           ${PROJECT_SOURCE_DIR}/tests/support/ConsoleSeam.cpp
-          ${PROJECT_SOURCE_DIR}/tests/support/LogSeam.cpp)
+          ${zor_log_seam})
 zor_add_test(MultiQTakeDownTest
   SOURCES MultiQTakeDownTest.cpp TaskSupport.cpp
           ${PROJECT_SOURCE_DIR}/tests/support/ConsoleSeam.cpp

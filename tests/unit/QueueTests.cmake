@@ -17,4 +17,4 @@ zor_add_test(QueueThreadTest SOURCES QueueThreadTest.cpp)
 zor_add_test(SyncTest
   SOURCES SyncTest.cpp
           ${zor_support}/AllocationSeam.cpp ${zor_support}/ConsoleSeam.cpp
-          ${zor_support}/LogSeam.cpp ${zor_support}/TimesSeams.cpp)
+          ${zor_log_seam} ${zor_support}/TimesSeams.cpp)

@@ -5,7 +5,7 @@ set(task_support ${CMAKE_CURRENT_SOURCE_DIR}/../support)
 function(zor_add_task_test name)
   zor_add_test(${name}
     SOURCES ${ARGN} TaskSeams.cpp TaskSupport.cpp ${task_support}/ConsoleSeam.cpp
-            ${task_support}/LogSeam.cpp)
+            ${zor_log_seam})
 endfunction()
 
 zor_add_task_test(TaskTest

@@ -32,11 +32,11 @@ zor_add_test(MutexTest
 zor_add_test(ThreadTest
   SOURCES ThreadTest.cpp ThreadFailureTest.cpp ThreadPriorityTest.cpp
           ${zor_support}/AllocationSeam.cpp ${zor_support}/ConditionSeams.cpp
-          ${zor_support}/ConsoleSeam.cpp ${zor_support}/LogSeam.cpp
+          ${zor_support}/ConsoleSeam.cpp ${zor_log_seam}
           ${zor_support}/ThreadSeams.cpp)
 zor_add_test(ThreadUtilTest
   SOURCES ThreadUtilTest.cpp
-          ${zor_support}/ConsoleSeam.cpp ${zor_support}/LogSeam.cpp ${zor_support}/ThreadSeams.cpp
+          ${zor_support}/ConsoleSeam.cpp ${zor_log_seam} ${zor_support}/ThreadSeams.cpp
           ${zor_support}/TimesSeams.cpp)
 zor_add_test(RWLockTest
   SOURCES RWLockTest.cpp RWLockFailureTest.cpp

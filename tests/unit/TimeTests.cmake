@@ -5,7 +5,7 @@ set(time_support ${PROJECT_SOURCE_DIR}/tests/support)
 function(zor_add_time_test name)
   zor_add_test(${name}
     SOURCES ${ARGN} TaskSeams.cpp TaskSupport.cpp ${time_support}/ConsoleSeam.cpp
-            ${time_support}/LogSeam.cpp)
+            ${zor_log_seam})
 endfunction()
 
 zor_add_time_test(AlarmTest AlarmTest.cpp)

@@ -5,10 +5,10 @@ set(trap_platform ${CMAKE_CURRENT_SOURCE_DIR}/../platform)
 
 zor_add_test(TrapPointTest
   SOURCES TaskSupport.cpp TrapPointFakes.cpp TrapPointPatternTest.cpp TrapPointSendTest.cpp
-          TrapPointTest.cpp ${trap_support}/LogSeam.cpp)
+          TrapPointTest.cpp ${zor_log_seam})
 
 zor_add_test(TrapPointBehaviourTest
-  SOURCES TaskSupport.cpp TrapPointBehaviourTest.cpp ${trap_support}/LogSeam.cpp
+  SOURCES TaskSupport.cpp TrapPointBehaviourTest.cpp ${zor_log_seam}
           ${trap_platform}/AllocationCount.cpp)
 target_include_directories(TrapPointBehaviourTest PRIVATE ${trap_platform})
 if(ZOR_PLATFORM STREQUAL "host")
