@@ -164,14 +164,14 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     /// Sends @p event to its receiver: queues a copy with the receiver's task. The event stays the
     /// caller's and shares its attachment with the copy.
     ///
-    /// @param sync      whether to wait until the event has been handled (or deleted). On the
-    ///                  receiving task's own thread this asserts "priority == true" and handles the
-    ///                  event at once.
+    /// @param sync      whether to wait until it is handled (or deleted). The receiving task's own
+    ///                  thread asserts "priority == true" and handles it at once.
     /// @param priority  whether the event overtakes all that are queued
     /// @return false if the receiving task is not created or its queue is full
     ///
     /// Asserts "event != NULL" and "event->receiver != NULL". The receiver must stay alive for the
-    /// whole call. While a synchronous send waits it is listed in TCSyncDet.
+    /// whole call. While a synchronous send waits it is listed in TCSyncDet. A thread that is
+    /// cancelled in a synchronous send ends at its next cancellation point behind it.
     static bool Send(TSEvent* event, bool sync, bool priority);
 
     /// Asks @p task to prove that it is alive, and to notify the watchdog if it is supervised.

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <new>
 #include <string>
 #include <type_traits>
 #include <typeinfo>
@@ -22,8 +23,9 @@
 ///
 /// With recording and trap patterns off that is the call and two relaxed loads, and what the
 /// platform takes for the start of a statistic of processor time. The call is made in
-/// any case, exactly once, and what it returns or throws is what comes out. Any thread may pass any
-/// trap point.
+/// any case, exactly once, and what it returns or throws is what comes out: a record for which
+/// memory is short is left out, and so is the trap condition of such a call. Any thread may pass
+/// any trap point.
 
 /// Where an instrumented call stands: the calling function's signature, its source file and line.
 /// There is one static instance for each call site. The texts must be literals.
@@ -279,6 +281,20 @@ void TrapPoint(ht::TCTrapKey key, const Args& args, Result result)
 
 namespace zor {
 
+/// Runs @p trace, which tells of a call and must not decide how that goes.
+///
+/// @return false if memory was short for it
+template <typename Trace>
+bool TraceIfMemory(const Trace& trace)
+{
+    try {
+        trace();
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 /// Makes @p call between its trap points and returns its result.
 ///
 /// @param location  of the calling function, static
@@ -288,23 +304,26 @@ Result CallAtTrapPoint(TSCodeLocation& location, const Args& args, const Call& c
 {
     ht::TCDirection direction(Args::COUNT);
     ht::TSCPUStatistic statistic;
-    // Relaxed: see TIStorageManagerState. Asked once, so that both records are made or none.
-    const bool recorded = TIStorageManagerState::enabled.load(std::memory_order_relaxed);
-    if (recorded) {
-        TCCallExecutorHelper::SaveBeforeCall<Result>(*TIStorageManager::Instance(), location, args,
-                                                     direction);
-    }
+    // Relaxed: see TIStorageManagerState. Asked once: no result is recorded without its arguments.
+    const bool recorded =
+        TIStorageManagerState::enabled.load(std::memory_order_relaxed) && TraceIfMemory([&] {
+            TCCallExecutorHelper::SaveBeforeCall<Result>(*TIStorageManager::Instance(), location,
+                                                         args, direction);
+        });
     const Result result = [&] {
         ht::TSCPUStatisticHelper measurement(&statistic);
         measurement.Start();
         return call();
     }();
     if (recorded) {
-        TCCallExecutorHelper::SaveAfterCall<Result>(*TIStorageManager::Instance(), location,
-                                                    result);
+        TraceIfMemory([&] {
+            TCCallExecutorHelper::SaveAfterCall<Result>(*TIStorageManager::Instance(), location,
+                                                        result);
+        });
     }
     if (ht::TCTrapPattern::Instance()->IsEnabled()) {
-        TrapPoint<Result>(ht::TCTrapKey(location.line, location.file), args, result);
+        TraceIfMemory(
+            [&] { TrapPoint<Result>(ht::TCTrapKey(location.line, location.file), args, result); });
     }
     return result;
 }

@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "NoCancellation.h"
 #include "PausedSendTrace.h"
 #include "TCDebugPrint.h"
 #include "TaskListEntry.h"
@@ -333,6 +334,7 @@ bool TCMultiQTask::Send(TSEvent* event, bool sync, bool priority, unsigned int n
 
 bool TCMultiQTask::m_Send(TSEvent* event, bool sync, bool priority, unsigned int nQueueIndex)
 {
+    const zor::NoCancellation whole(sync);
     auto* const pMultiQTask = dynamic_cast<TCMultiQTask*>(event->receiver->Task());
     if (pMultiQTask == nullptr) {
         return false;

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "NoCancellation.h"
 #include "TCDebugPrint.h"
 
 namespace zor {
@@ -9,6 +10,9 @@ namespace zor {
 /// The trace scope of a send to a paused task, which begins only when the pause has been noticed
 /// but ends with what was begun before it. Unlike an optional it costs nothing where it is not
 /// begun: no memory is cleared for it.
+///
+/// From its beginning to its end the thread cannot be cancelled: both write, and the end is a
+/// destructor, which must not be left that way.
 class PausedSendTrace
 {
  public:
@@ -17,7 +21,7 @@ class PausedSendTrace
     ~PausedSendTrace()
     {
         if (m_begun) {
-            m_trace.~TCScopeTrace();
+            m_scope.~Scope();
         }
     }
 
@@ -26,13 +30,21 @@ class PausedSendTrace
 
     void Begin(const char* fmt, const char* function, int type)
     {
-        new (&m_trace) TCScopeTrace(fmt, function, type);
+        new (&m_scope) Scope(fmt, function, type);
         m_begun = true;
     }
 
  private:
+    struct Scope
+    {
+        Scope(const char* fmt, const char* function, int type) : trace(fmt, function, type) {}
+
+        const NoCancellation noCancellation; ///< outlives the trace
+        TCScopeTrace trace;
+    };
+
     union {
-        TCScopeTrace m_trace;
+        Scope m_scope;
     };
     bool m_begun = false;
 };

@@ -1,25 +1,10 @@
 #pragma once
 
-#include <pthread.h>
-
+#include "NoCancellation.h"
 #include "SemaphoreState.h"
 #include "Thread.h"
 
 namespace zor {
-
-/// Keeps the calling thread from being cancelled for a scope.
-class NoCancellation
-{
- public:
-    NoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before); }
-    ~NoCancellation() { pthread_setcancelstate(m_before, nullptr); }
-
-    NoCancellation(const NoCancellation&) = delete;
-    NoCancellation& operator=(const NoCancellation&) = delete;
-
- private:
-    int m_before = PTHREAD_CANCEL_ENABLE;
-};
 
 /// The semaphore that a synchronous sender waits on. It lives on the sender's stack and goes with
 /// its scope, and the queued event points to it: the sender must not be cancelled until the reply

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "MutexLock.h"
+#include "NoCancellation.h"
 #include "PausedSendTrace.h"
 #include "Sync.h"
 #include "TCDebugPrint.h"
@@ -388,7 +389,8 @@ std::optional<bool> TCTask::SendToSelf(TSEvent* event, bool sync, bool priority)
 
 bool TCTask::m_Send(TSEvent* event, bool sync, bool priority)
 {
-    zor::PausedSendTrace warning; // spans the whole put and ends after the entry
+    const zor::NoCancellation whole(sync); // the ends of the next two may wait and write
+    zor::PausedSendTrace warning;          // spans the whole put and ends after the entry
     const SyncCallEntry entry(sync, event);
     TCTask* const task = event->receiver->Task();
     if (const std::optional<bool> done = task->SendToSelf(event, sync, priority)) {

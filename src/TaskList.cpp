@@ -1,10 +1,18 @@
 #include <cstring>
 
+#include "Immortal.h"
 #include "Task.h"
 #include "TaskListUse.h"
 
-TCMutex& TCTaskList::m_mutex = *new TCMutex;
-std::list<const TCTask*>& TCTaskList::m_taskList = *new std::list<const TCTask*>;
+namespace {
+
+zor::Immortal<TCMutex> registryMutex;
+zor::Immortal<std::list<const TCTask*>> registryList;
+
+} // namespace
+
+TCMutex& TCTaskList::m_mutex = registryMutex.object;
+std::list<const TCTask*>& TCTaskList::m_taskList = registryList.object;
 std::list<const TCTask*>::iterator TCTaskList::m_currentTask = TCTaskList::m_taskList.end();
 
 zor::UseGate zor::TaskListUse::GATE;

@@ -7,8 +7,8 @@ SEMAPHORES = ["SemaphoreSingleProcessorTest", "SemaphoreSeveralProcessorsTest", 
               "SemaphoreWakingTest", "SemaphoreCancelTest", "SemaphoreForkTest", "MutexTest"]
 QUEUES = ["QueueSectionTest", "QueuePageTest", "QueueTest", "QueueThreadTest:-*MillionEvents*",
           "QueueAllocationTest", "QueueModelTest:*DoWhatTheRulesSay/1"]
-TASKS = ["TaskTest", "SendTest", "PingTest", "TaskListTest", "PauseTest", "TrapPointTest",
-         "WatchdogNotifierTest", "MultiQTaskTest"]
+TASKS = ["TaskTest", "SendTest", "SendCancelTest", "PingTest", "TaskListTest", "PauseTest",
+         "TrapPointTest", "WatchdogNotifierTest", "MultiQTaskTest"]
 TIMERS = ["TimerTest:-*TenThousand*", "TimersSchedulerTest", "TimersSchedulerClockTest",
           "TimersSchedulerLockTest", "TimersSchedulerModelTest:-*FiftyThousand*"]
 

@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "CancelledThread.h"
 #include "ConditionSeams.h"
 #include "Queue.h"
 #include "Thread.h"
@@ -12,37 +13,6 @@
 namespace {
 
 using namespace zortest;
-
-/// A thread of the system's that can be cancelled.
-class CancelledThread
-{
- public:
-    template <typename Body>
-    explicit CancelledThread(Body* body)
-    {
-        const auto run = [](void* what) -> void* {
-            (*static_cast<Body*>(what))();
-            pthread_testcancel();
-            return nullptr;
-        };
-        EXPECT_EQ(pthread_create(&m_thread, nullptr, run, body), 0);
-    }
-
-    void Cancel() { EXPECT_EQ(pthread_cancel(m_thread), 0); }
-
-    /// Waits for the thread's end.
-    ///
-    /// @return whether it was cancelled
-    bool Join()
-    {
-        void* result = nullptr;
-        EXPECT_EQ(pthread_join(m_thread, &result), 0);
-        return result == PTHREAD_CANCELED;
-    }
-
- private:
-    pthread_t m_thread{};
-};
 
 /// The waits that have begun, so that a test knows that a thread is parked.
 class SemaphoreCancelTest : public ::testing::Test

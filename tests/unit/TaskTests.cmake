@@ -12,6 +12,9 @@ zor_add_task_test(TaskTest
   HandlerTest.cpp TaskDispatchTest.cpp TaskLayoutTest.cpp TaskLoopTest.cpp TaskTest.cpp
   ${task_support}/ConditionSeams.cpp ${task_support}/ThreadSeams.cpp)
 zor_add_task_test(SendTest SendSyncTest.cpp SendTest.cpp TaskScopeTraceSeam.cpp)
+zor_add_test(SendCancelTest
+  SOURCES SendCancelTest.cpp TaskSupport.cpp
+          ${task_support}/ConditionSeams.cpp ${task_support}/TimesSeams.cpp)
 zor_add_task_test(TaskListTest TaskListTest.cpp)
 zor_add_task_test(PauseTest
   PauseTest.cpp PauseWaitTest.cpp
