@@ -95,15 +95,17 @@ ZORLoggerLegacy::ModuleMapping& ZORLoggerLegacy::m_moduleMapping = moduleMapping
 ZORLoggerLegacy* ZORLoggerLegacy::Instance()
 {
     static zor::Immortal<ZORLoggerLegacy> instance;
-    static std::once_flag filled;
-    std::call_once(filled, [] {
+    // Where memory is short the next call tries again. No std::call_once: an exception in it hangs
+    // under the thread sanitizer.
+    [[maybe_unused]] static const bool filled = [] {
         if (m_levelMapping.empty()) {
             m_levelMapping = MakeLevelMapping();
         }
         if (m_moduleMapping.empty()) {
             m_moduleMapping = MakeModuleMapping();
         }
-    });
+        return true;
+    }();
     return &instance.object;
 }
 
