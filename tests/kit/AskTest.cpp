@@ -156,12 +156,17 @@ TEST_F(AskTest, DeadlineThatHasPassedLooksOnce)
     Hold hold(&m_tuner);
     EXPECT_EQ(m_tuner.Ask(Tune{1}, 0ms).error(), Error::NOT_ANSWERED);
     EXPECT_EQ(m_tuner.Ask(Tune{1}, -1h).error(), Error::NOT_ANSWERED);
+    EXPECT_EQ(m_tuner.Ask(Tune{1}, std::chrono::hours::min()).error(), Error::NOT_ANSWERED);
+    EXPECT_EQ(m_tuner.Ask(Tune{1}, std::chrono::nanoseconds::min()).error(), Error::NOT_ANSWERED);
+    EXPECT_EQ(m_tuner.Ask(Tune{1}, std::chrono::duration<double>(-1e300)).error(),
+              Error::NOT_ANSWERED);
 }
 
 TEST_F(AskTest, AnyDurationIsADeadline)
 {
     EXPECT_TRUE(m_tuner.Ask(Tune{1}, std::chrono::hours::max()));
     EXPECT_TRUE(m_tuner.Ask(Tune{1}, std::chrono::duration<double>(60)));
+    EXPECT_TRUE(m_tuner.Ask(Tune{1}, std::chrono::duration<double>(1e300)));
     EXPECT_TRUE(m_tuner.Ask(Tune{1}, std::chrono::nanoseconds(60'000'000'000)));
 }
 

@@ -244,14 +244,24 @@ class Awaited
     bool m_isShared = false;   ///< there is a duty
 };
 
-/// When a wait that begins now and lasts @p timeout ends; a hundred years count as for ever.
+/// @p timeout rounded up to whole units: none if it is negative, and a hundred years at most.
+template <typename Unit, typename Rep, typename Period>
+Unit Bounded(std::chrono::duration<Rep, Period> timeout)
+{
+    constexpr std::chrono::hours LONGEST(24 * 365 * 100);
+    const std::chrono::duration<double> seconds(timeout); // has room for every duration
+    if (seconds > LONGEST) {
+        return LONGEST;
+    }
+    return seconds.count() > 0 ? std::chrono::ceil<Unit>(timeout) : Unit(0);
+}
+
+/// When a wait that begins now and lasts @p timeout ends.
 template <typename Rep, typename Period>
 std::chrono::steady_clock::time_point DeadlineAfter(std::chrono::duration<Rep, Period> timeout)
 {
     using Clock = std::chrono::steady_clock;
-    constexpr std::chrono::hours LONGEST(24 * 365 * 100);
-    const auto now = Clock::now();
-    return timeout > LONGEST ? now + LONGEST : now + std::chrono::ceil<Clock::duration>(timeout);
+    return Clock::now() + Bounded<Clock::duration>(timeout);
 }
 
 } // namespace zor::detail

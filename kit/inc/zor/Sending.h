@@ -68,7 +68,9 @@ constexpr Sending WaitAtMost(std::chrono::milliseconds longest, Order order = Or
 
 /// From a full queue the posted messages of the same type are taken out, unhandled, and the new one
 /// goes to its place in their stead: of a slider that floods a task the last value arrives. A full
-/// queue without one refuses (Error::QUEUE_FULL). Messages that somebody has asked with stay.
+/// queue without one refuses (Error::QUEUE_FULL), and so does one that would still be too full then
+/// because of priority events; nothing is taken out of it. Messages that somebody has asked with
+/// stay.
 constexpr Sending ReplaceQueued(Order order = Order::IN_TURN)
 {
     return {Sending::WhenFull::REPLACE, order, std::chrono::milliseconds(0)};

@@ -146,7 +146,7 @@ auto Task<Derived, Messages...>::AskAsync(Message&& message,
         CanTake<Kind>();
         return detail::Nothing();
     } else {
-        const auto delay = std::chrono::ceil<std::chrono::milliseconds>(timeout);
+        const auto delay = detail::Bounded<std::chrono::milliseconds>(timeout);
         const auto expiry = [delay](TaskBase* asker, std::uint64_t number, Timer* deadline) {
             *deadline = asker->After(delay, [asker, number] {
                 detail::AsyncSink<Value<Kind>>::Finish(*asker, number,
