@@ -70,13 +70,11 @@ inline void TaskBase::EndOnOwnThread()
         ticking->Stop();
     }
     m_life->End();
-    const Error reason = std::exchange(detail::ReasonOfLoss(), Error::NO_TASK);
     const TCHandler* const self = this;
     Delete(self, detail::EVENT_WORK, nullptr);
     for (unsigned int i = 0; i < m_messageTypes; ++i) {
         Delete(self, detail::EVENT_FIRST_MESSAGE + 2 * i + 1, nullptr);
     }
-    detail::ReasonOfLoss() = reason;
     m_pending.clear();
 }
 

@@ -75,7 +75,7 @@ auto Task<Derived, Messages...>::Ask(Message&& message, std::chrono::duration<Re
         TSEvent event;
         event.type = EventType<Kind>() + 1;
         event.wrappedData = std::make_shared<detail::Request<Kind, Answer>>(
-            std::forward<Message>(message), answer.MakeDuty());
+            std::forward<Message>(message), answer.MakeDuty(m_life));
         const Result<void> sent = PutRequest(&event, order == Order::FIRST, &entry);
         event.wrappedData.reset(); // from here on whoever loses the request tells the asker
         return sent ? answer.Wait(deadline) : Result<Answer>(tl::make_unexpected(sent.error()));
@@ -106,7 +106,7 @@ Result<void> Task<Derived, Messages...>::AskFor(Given&& message, Expiry&& expiry
     const std::uint64_t number = ++asker->m_lastPending;
     auto sink = std::make_unique<detail::AsyncSink<Answer>>(asker->m_life, number);
     auto request = std::make_shared<detail::Request<Message, Answer>>(
-        std::forward<Given>(message), detail::Duty<Answer>(nullptr));
+        std::forward<Given>(message), detail::Duty<Answer>(nullptr, m_life));
     expiry(asker, number, &pending->deadline);
     asker->m_pending.emplace(number, std::move(pending));
     request->duty.Take(sink.release());
@@ -195,7 +195,7 @@ auto Task<Derived, Messages...>::Run(Function function, std::chrono::duration<Re
     TSEvent event;
     event.type = detail::EVENT_WORK;
     event.wrappedData = std::make_shared<detail::RunRequest<Answer, Function>>(
-        run, std::move(function), answer.MakeDuty());
+        run, std::move(function), answer.MakeDuty(m_life));
     const Result<void> sent = PutRequest(&event, false, &entry);
     event.wrappedData.reset();
     return sent ? answer.Wait(deadline) : Result<Answer>(tl::make_unexpected(sent.error()));
