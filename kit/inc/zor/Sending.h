@@ -97,9 +97,9 @@ struct Counts
 
 namespace detail {
 
-/// The same, in the task: 64 bytes right behind the TCTask, for tools that look from outside. They
-/// know a task of this kind by the mark. Relaxed counters; sends that succeed at once count
-/// nothing.
+/// The same, in the task: 64 bytes right behind the TCTask, at sizeof(TCTask) from where the
+/// registry points to, for tools that look from outside. They know a task of this kind by the mark.
+/// Relaxed counters; sends that succeed at once count nothing.
 struct Counters
 {
     static constexpr std::uint64_t MARK = 0x314B5F524F5AULL; ///< "ZOR_K1" in memory
