@@ -163,6 +163,41 @@ TEST_F(AskAsyncTest, DeadlineIsToldAndTheLateAnswerDropped)
     EXPECT_EQ(calls, 1);
 }
 
+TEST_F(AskAsyncTest, AnyDurationIsADeadline)
+{
+    Hold hold(&m_tuner);
+    std::atomic<int> answered{0};
+    OnAsker([&] {
+        const auto callback = [&](const zor::Result<Tuned>& answer) {
+            answered += answer ? 1 : 100;
+        };
+        EXPECT_TRUE(m_tuner.AskAsync(Tune{1}, std::chrono::hours::max(), callback));
+        EXPECT_TRUE(m_tuner.AskAsync(Tune{2}, std::chrono::milliseconds::max(), callback));
+        EXPECT_TRUE(m_tuner.AskAsync(Tune{3}, std::chrono::duration<double>(1e300), callback));
+        EXPECT_TRUE(m_tuner.AskAsync(Tune{4}, std::chrono::duration<double>(60), callback));
+    });
+    std::this_thread::sleep_for(SHORT); // a deadline in the past would be over by then
+    OnAsker([] {});
+    hold.Release();
+    EXPECT_TRUE(Eventually([&] { return answered >= 4; }));
+    EXPECT_EQ(answered, 4);
+}
+
+TEST_F(AskAsyncTest, DeadlineLongPastIsToldSoon)
+{
+    Hold hold(&m_tuner);
+    std::atomic<int> late{0};
+    OnAsker([&] {
+        const auto callback = [&](const zor::Result<Tuned>& answer) {
+            late += answer.error() == Error::NOT_ANSWERED ? 1 : 100;
+        };
+        EXPECT_TRUE(m_tuner.AskAsync(Tune{1}, 0ms, callback));
+        EXPECT_TRUE(m_tuner.AskAsync(Tune{1}, std::chrono::hours::min(), callback));
+    });
+    EXPECT_TRUE(Eventually([&] { return late >= 2; }));
+    EXPECT_EQ(late, 2);
+}
+
 TEST_F(AskAsyncTest, AnswerInTimeComesOnceWithADeadlineToo)
 {
     Gate called;

@@ -102,6 +102,21 @@ TEST_F(AskTest, IsToldOfTheEndThatComesBeforeItsTurn)
     EXPECT_EQ(m_tuner.trace.Size(), 0U);
 }
 
+/// The asker itself may be the last to let go of its request, whoever deletes that from the queue.
+TEST_F(AskTest, IsToldOfTheEndWhereverItsRequestIsLetGoOfLast)
+{
+    Hold hold(&m_tuner);
+    Caller asker([&] { EXPECT_EQ(m_tuner.Ask(Tune{1}, LONG).error(), Error::NO_TASK); });
+    EXPECT_TRUE(asker.Blocks());
+    TSEvent request;
+    ASSERT_TRUE(
+        m_tuner.Get(&request, static_cast<TCHandler*>(&m_tuner), Tuner::EventType<Tune>() + 1));
+    hold.Release();
+    m_tuner.End();
+    request.wrappedData.reset();
+    asker.Join();
+}
+
 TEST_F(AskTest, TaskMayBeDestroyedWhileItIsAsked)
 {
     auto tuner = std::make_unique<Tuner>();
@@ -156,12 +171,17 @@ TEST_F(AskTest, DeadlineThatHasPassedLooksOnce)
     Hold hold(&m_tuner);
     EXPECT_EQ(m_tuner.Ask(Tune{1}, 0ms).error(), Error::NOT_ANSWERED);
     EXPECT_EQ(m_tuner.Ask(Tune{1}, -1h).error(), Error::NOT_ANSWERED);
+    EXPECT_EQ(m_tuner.Ask(Tune{1}, std::chrono::hours::min()).error(), Error::NOT_ANSWERED);
+    EXPECT_EQ(m_tuner.Ask(Tune{1}, std::chrono::nanoseconds::min()).error(), Error::NOT_ANSWERED);
+    EXPECT_EQ(m_tuner.Ask(Tune{1}, std::chrono::duration<double>(-1e300)).error(),
+              Error::NOT_ANSWERED);
 }
 
 TEST_F(AskTest, AnyDurationIsADeadline)
 {
     EXPECT_TRUE(m_tuner.Ask(Tune{1}, std::chrono::hours::max()));
     EXPECT_TRUE(m_tuner.Ask(Tune{1}, std::chrono::duration<double>(60)));
+    EXPECT_TRUE(m_tuner.Ask(Tune{1}, std::chrono::duration<double>(1e300)));
     EXPECT_TRUE(m_tuner.Ask(Tune{1}, std::chrono::nanoseconds(60'000'000'000)));
 }
 

@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 
+#include <algorithm>
+
 #include "KitSupport.h"
 
 namespace {
@@ -87,6 +89,41 @@ TEST_F(FullQueueTest, ReplacesWhatIsQueuedOfTheSameType)
     EXPECT_EQ(trace.back(), "tune 3");
     EXPECT_THAT(trace, Not(Contains("tune 1")));
     EXPECT_THAT(trace, Not(Contains("tune 2")));
+}
+
+/// Priority events may take room beyond what ordinary ones have. Taking out one message then makes
+/// no room for an ordinary one: of the two values neither would arrive.
+TEST_F(FullQueueTest, NothingIsReplacedWhereThatWouldMakeNoRoom)
+{
+    ASSERT_TRUE(m_tuner.Post(Tune{1}));
+    ASSERT_TRUE(m_tuner.Post(Text{"old"}));
+    FillOrdinary();
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(m_tuner.Post(Empty{}, zor::Order::FIRST));
+    }
+    EXPECT_EQ(m_tuner.Post(Tune{2}, zor::ReplaceQueued()).error(), Error::QUEUE_FULL);
+    EXPECT_EQ(m_tuner.Post(Text{"new"}, zor::ReplaceQueued()).error(), Error::QUEUE_FULL);
+    EXPECT_EQ(m_tuner.MessageCounts().replaced, 0U);
+    EXPECT_EQ(m_tuner.MessageCounts().refused, 2U);
+    EXPECT_TRUE(m_tuner.Post(Tune{3}, zor::ReplaceQueued(zor::Order::FIRST)))
+        << "not full for these";
+    m_hold.Release();
+    ASSERT_TRUE(Flush(&m_tuner));
+    auto trace = m_tuner.trace.Get();
+    trace.erase(std::remove(trace.begin(), trace.end(), "user 0"), trace.end());
+    EXPECT_THAT(trace, ElementsAre("tune 3", "empty", "empty", "empty", "tune 1", "old"));
+}
+
+/// The other way round: all that is queued is old values, and priority ones at that.
+TEST_F(FullQueueTest, ReplacesPriorityMessagesByAnOrdinaryOne)
+{
+    while (m_tuner.Post(Tune{1}, zor::Order::FIRST)) {
+    }
+    EXPECT_TRUE(m_tuner.Post(Tune{2}, zor::ReplaceQueued()));
+    EXPECT_EQ(m_tuner.MessageCounts().replaced, 256U);
+    m_hold.Release();
+    ASSERT_TRUE(Flush(&m_tuner));
+    EXPECT_THAT(m_tuner.trace.Get(), ElementsAre("tune 2"));
 }
 
 TEST_F(FullQueueTest, WhatIsReplacedIsFreedBehindTheLock)

@@ -209,6 +209,51 @@ TEST_F(PostTest, EndComesBehindWhatIsQueuedInAFullQueueOfAPausedTask)
     }
 }
 
+/// Ends its own loop, at once or when it comes to an exit event.
+class Quitter : public zor::Task<Quitter, Empty>
+{
+ public:
+    explicit Quitter(bool atOnce) : m_atOnce(atOnce) {}
+
+    bool t_Create() override { return !m_atOnce; }
+    void t_Destroy() override { gone.Pass(); }
+    void On(const Empty& /*message*/) {}
+
+    Gate gone; ///< not with atOnce
+
+ private:
+    const bool m_atOnce;
+};
+
+/// Nobody would ever make room for its exit event.
+void ExpectToEndWithAFullQueue(Quitter* quitter)
+{
+    while (zortest::Post(quitter)) {
+    }
+    Caller ending([&] { quitter->End(); });
+    const bool hasEnded = Eventually([&] { return ending.IsDone(); });
+    EXPECT_TRUE(hasEnded);
+    if (!hasEnded) {
+        quitter->Delete(static_cast<TCHandler*>(quitter), nullptr);
+    }
+}
+
+TEST_F(PostTest, TaskWhoseFirstHookHasRefusedEndsWithAFullQueue)
+{
+    Quitter quitter(true);
+    ASSERT_TRUE(quitter.Start("Quitter"));
+    ExpectToEndWithAFullQueue(&quitter);
+}
+
+TEST_F(PostTest, TaskWhoseLoopHasEndedEndsWithAFullQueue)
+{
+    Quitter quitter(false);
+    ASSERT_TRUE(quitter.Start("Quitter"));
+    ASSERT_TRUE(zortest::Post(&quitter, TCTask::EVENT_EXIT));
+    ASSERT_TRUE(quitter.gone.Wait());
+    ExpectToEndWithAFullQueue(&quitter);
+}
+
 template <std::size_t SIZE>
 struct Sized
 {

@@ -217,6 +217,23 @@ TEST_F(TimingTest, AlarmIsReset)
 }
 
 /// Made and ended on several threads while the task comes and goes.
+/// The runtime's alarm goes on saying what it was set to before it ran out.
+TEST_F(TimingTest, AlarmThatHasRunOutSaysTheCountThatItIsResetTo)
+{
+    Trace trace;
+    zor::Alarm alarm = m_tuner.AlarmEvery(
+        10ms,
+        [&](const zor::Firing& firing) {
+            trace.Add(std::to_string(firing.index) + " of " + std::to_string(firing.count));
+        },
+        1);
+    ASSERT_TRUE(trace.WaitFor(1));
+    std::this_thread::sleep_for(SHORT); // its thread idles, most likely
+    EXPECT_TRUE(alarm.Reset(10ms, 2));
+    ASSERT_TRUE(trace.WaitFor(3));
+    EXPECT_THAT(trace.Get(), ElementsAre("0 of 1", "0 of 2", "1 of 2"));
+}
+
 TEST_F(TimingTest, HandlesAndTasksEndInAnyOrder)
 {
     for (int round = 0; round < 20; ++round) {

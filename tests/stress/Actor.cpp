@@ -5,6 +5,9 @@
 #include <future>
 #include <thread>
 
+#include "KitTask.h"
+#include "KitTimers.h"
+
 namespace storm {
 
 namespace {
@@ -29,7 +32,9 @@ Actor::Actor(World* world, unsigned slot, Random* random)
       m_slot(slot),
       m_refuses(OneIn(random, 24)),
       m_hasCallbacks(OneIn(random, 2)),
-      m_queues(DrawQueues(slot, random))
+      m_queues(DrawQueues(slot, random)),
+      m_isKit(World::IsForKit(slot)),
+      m_kitTimers(std::make_unique<KitTimers>(this))
 {}
 
 Actor::~Actor() = default;
@@ -73,20 +78,31 @@ bool Actor::Start(std::unique_ptr<TCTask> spare, Random* random)
     return true;
 }
 
+std::unique_ptr<TCTask> Actor::MakeTask() const
+{
+    if (m_isKit) {
+        return std::make_unique<KitTask>();
+    }
+    if (m_queues == 0) {
+        return std::make_unique<StormTask<TCTask>>();
+    }
+    return std::make_unique<StormTask<TCMultiQTask>>();
+}
+
 bool Actor::CreateTask(std::unique_ptr<TCTask> spare, Random* random)
 {
     const std::string name = "storm-task-" + std::to_string(m_slot);
     const unsigned wait = 1 + Below(random, 20);
     const unsigned long watchdog = OneIn(random, 4) ? WATCHDOG_SECONDS : 0;
-    m_task = std::move(spare);
-    if (m_task == nullptr && m_queues == 0) {
-        m_task = std::make_unique<StormTask<TCTask>>();
-    } else if (m_task == nullptr) {
-        m_task = std::make_unique<StormTask<TCMultiQTask>>();
-    }
+    m_task = spare != nullptr ? std::move(spare) : MakeTask();
     m_multi = dynamic_cast<TCMultiQTask*>(m_task.get());
+    m_kit = dynamic_cast<KitTask*>(m_task.get());
     dynamic_cast<Hooks&>(*m_task).actor = this;
     m_world->slots[m_slot]->lastTask = m_task.get();
+    if (m_kit != nullptr) {
+        m_kit->SetRecorded(OneIn(random, 8));
+        return m_kit->Create(name.c_str(), wait, STACK_SIZE, watchdog);
+    }
     return m_multi == nullptr ? m_task->Create(name.c_str(), wait, STACK_SIZE, watchdog)
                               : m_multi->Create(name.c_str(), wait, STACK_SIZE, m_queues, watchdog);
 }
@@ -153,11 +169,15 @@ std::unique_ptr<TCTask> Actor::End(unsigned sender, Random* random)
     for (auto& timer : m_timers) {
         timer->End();
     }
+    if (OneIn(random, 2)) { // else the task ends them, and the handles outlive it
+        m_kitTimers->End();
+    }
     m_task->Destroy();
     CheckEnd();
     ++m_world->counts.tasksEnded;
     dynamic_cast<Hooks&>(*m_task).actor = nullptr;
     m_multi = nullptr;
+    m_kit = nullptr;
     return std::move(m_task);
 }
 

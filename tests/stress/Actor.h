@@ -16,6 +16,9 @@
 
 namespace storm {
 
+class KitTask;
+class KitTimers;
+
 /// One life of a task: from its Create() to its Destroy(), with all that hangs on it. The owner of
 /// its slot makes and ends it; what else may be called is said at each operation.
 class Actor
@@ -50,6 +53,9 @@ class Actor
     TCMultiQTask* MultiQueue() const { return m_multi; }
     unsigned Queues() const { return m_queues; }
 
+    /// Null if the task is none of the kit.
+    KitTask* Kit() const { return m_kit; }
+
     /// Whether events are handled: the threads of some tasks end at once.
     bool Runs() const { return !m_refuses; }
 
@@ -60,6 +66,9 @@ class Actor
     SubHandler* Handler(unsigned i) const { return i < HANDLERS ? m_handlers[i].get() : nullptr; }
     AlarmBox* Alarm(unsigned i) const { return m_alarms[i % ALARMS].get(); }
     TimerBox* Timer(unsigned i) const { return m_timers[i % TIMERS].get(); }
+
+    /// Of a task of the kit.
+    KitTimers* TimersOfKit() const { return m_kitTimers.get(); }
 
     /// Resumes the task, if it is paused.
     void Resume();
@@ -75,6 +84,7 @@ class Actor
     // For the task's thread.
 
     void Handle(const TSEvent& event, Receiver* receiver);
+    void HandleMessage(std::uint64_t id, std::uint64_t command);
     void NoteFiring(const char* whose, Firings* firings, const TSEvent& event);
 
     bool OnStart();
@@ -87,8 +97,16 @@ class Actor
     /// The user data of a timer are released: on the task's thread, or when its loop has ended.
     void NoteRelease();
 
+    /// The callback of a probe was called or, after the loop, destroyed.
+    /// @param wrong  what it was called with, if it should not have been
+    void NoteProbe(bool called, const std::string& wrong);
+
+    /// The lambda of a timer or alarm of the kit was called, or freed as the data of timers are.
+    void NoteLambda(bool called);
+
  private:
     bool CreateTask(std::unique_ptr<TCTask> spare, Random* random);
+    std::unique_ptr<TCTask> MakeTask() const;
     void SetCallbacks();
     static bool Before(const TSEvent* event, const void* actor);
     static bool After(const TSEvent* event, const void* actor);
@@ -100,21 +118,29 @@ class Actor
     void EndReceivers();
     void Complain(const std::string& what);
 
+    Facts Note(std::uint64_t id, Receiver* receiver);
+    void Work(const Facts& facts, std::uint64_t command);
+    bool IsElsewhere() const;
+
     void Act(std::uint64_t command);
     void SendOn(Random* random, bool sync);
     void SendToItself(Random* random);
+    void AskOthers(Random* random);
 
     World* const m_world;
     const unsigned m_slot;
     const bool m_refuses;
     const bool m_hasCallbacks;
     const unsigned m_queues; ///< 0: not a multi-queue task
+    const bool m_isKit;
     std::unique_ptr<TCTask> m_task;
     TCMultiQTask* m_multi = nullptr; ///< the same
+    KitTask* m_kit = nullptr;        ///< the same
     const std::shared_ptr<Receiver> m_receiver = std::make_shared<Receiver>();
     std::array<std::unique_ptr<SubHandler>, HANDLERS> m_handlers;
     std::array<std::unique_ptr<AlarmBox>, ALARMS> m_alarms;
     std::array<std::unique_ptr<TimerBox>, TIMERS> m_timers;
+    const std::unique_ptr<KitTimers> m_kitTimers;
     std::atomic<pthread_t> m_thread{0};   ///< set by itself
     std::atomic<bool> m_loopEnded{false}; ///< set by the task's thread
     std::atomic<bool> m_inPause{false};   ///< set by the task's thread

@@ -4,6 +4,8 @@
 #include <thread>
 
 #include "Actor.h"
+#include "KitTask.h"
+#include "KitTimers.h"
 
 namespace storm {
 
@@ -13,21 +15,46 @@ bool Actor::OnStart()
     return !m_refuses;
 }
 
-void Actor::Handle(const TSEvent& event, Receiver* receiver)
+bool Actor::IsElsewhere() const
 {
-    if (pthread_equal(m_thread, pthread_self()) == 0) {
+    return pthread_equal(m_thread, pthread_self()) == 0;
+}
+
+/// Enters the handling of an event of that id into the ledger.
+Facts Actor::Note(std::uint64_t id, Receiver* receiver)
+{
+    if (IsElsewhere()) {
         Complain("an event is handled on a foreign thread");
     }
-    const Facts facts = m_world->ledger.Handle(event.param5, receiver);
+    const Facts facts = m_world->ledger.Handle(id, receiver);
+    m_world->counts.handled += facts.id != 0 ? 1 : 0;
+    return facts;
+}
+
+void Actor::Handle(const TSEvent& event, Receiver* receiver)
+{
+    const Facts facts = Note(event.param5, receiver);
     if (facts.id == 0) {
         return;
     }
-    ++m_world->counts.handled;
     m_users += receiver == m_receiver.get() ? 1 : 0;
     CheckContents(m_world, event, facts);
-    if (facts.direct) { // it has not gone through a queue
-        return;
+    if (!facts.direct) { // it has gone through a queue
+        Work(facts, event.param6);
     }
+}
+
+void Actor::HandleMessage(std::uint64_t id, std::uint64_t command)
+{
+    const Facts facts = Note(id, m_receiver.get());
+    if (facts.id != 0) {
+        Work(facts, command);
+    }
+}
+
+/// The turn of an event that was queued.
+void Actor::Work(const Facts& facts, std::uint64_t command)
+{
     if (m_inPause) {
         Complain("event " + std::to_string(facts.id) + " is handled in a pause");
     }
@@ -36,7 +63,7 @@ void Actor::Handle(const TSEvent& event, Receiver* receiver)
         Complain("event " + std::to_string(facts.id) + " of sender " +
                  std::to_string(facts.sender) + " is out of order: " + wrong);
     }
-    Act(event.param6);
+    Act(command);
     m_lastEnd = NextStamp();
 }
 
@@ -48,7 +75,7 @@ void Actor::OnUser(const TSEvent& event)
 
 void Actor::NoteFiring(const char* whose, Firings* firings, const TSEvent& event)
 {
-    if (pthread_equal(m_thread, pthread_self()) == 0 || m_inPause) {
+    if (IsElsewhere() || m_inPause) {
         Complain(std::string("a firing of a ") + whose +
                  " is handled on a foreign thread or in a "
                  "pause");
@@ -107,15 +134,37 @@ void Actor::OnResume()
 void Actor::NoteRelease()
 {
     ++m_world->counts.timersReleased;
-    if (!m_loopEnded && pthread_equal(m_thread, pthread_self()) == 0) {
+    if (!m_loopEnded && IsElsewhere()) {
         Complain("a timer's data are released on a foreign thread");
+    }
+}
+
+void Actor::NoteProbe(bool called, const std::string& wrong)
+{
+    ++(called ? m_world->counts.probesCalled : m_world->counts.probesDropped);
+    if (!wrong.empty()) {
+        Complain("the callback of a probe was called with " + wrong);
+    }
+    if (IsElsewhere() || m_inPause || called == m_loopEnded) {
+        Complain(std::string("the callback of a probe was ") +
+                 (called ? "called" : "destroyed uncalled") +
+                 " on a foreign thread, in a pause, or not in its time");
+    }
+}
+
+void Actor::NoteLambda(bool called)
+{
+    ++(called ? m_world->counts.lambdaCalls : m_world->counts.lambdasFreed);
+    if ((IsElsewhere() && (called || !m_loopEnded)) || (called && (m_inPause || m_loopEnded))) {
+        Complain(std::string("the lambda of a timer was ") + (called ? "called" : "freed") +
+                 " on a foreign thread, in a pause, or behind the end");
     }
 }
 
 /// What the sender of an event wants its handler to do. Most want nothing.
 void Actor::Act(std::uint64_t command)
 {
-    constexpr unsigned KINDS = 9;
+    constexpr unsigned KINDS = 12;
     constexpr unsigned OF = 48;
 
     // 0 is what handlers send: it must not go on for ever.
@@ -147,6 +196,15 @@ void Actor::Act(std::uint64_t command)
             break;
         case 7:
             m_alarms[Below(&random, ALARMS)]->Make(&random);
+            break;
+        case 8:
+        case 9:
+            AskOthers(&random);
+            break;
+        case 10:
+            if (m_kit != nullptr) {
+                m_kitTimers->Control(&random);
+            }
             break;
         default: // a slow handler, so that queues fill
             std::this_thread::sleep_for(std::chrono::microseconds(Below(&random, 500)));
@@ -184,6 +242,32 @@ void Actor::SendToItself(Random* random)
     shot.direct = true;
     shot.command = 0;
     Shoot(m_world, m_world->TaskSender(m_slot), Self(), shot);
+}
+
+/// Asks a task of the kit, whatever its number: an ask ends by its deadline, so a circle of them
+/// does. The task itself may be the one.
+void Actor::AskOthers(Random* random)
+{
+    const auto slots = static_cast<unsigned>(m_world->slots.size());
+    const unsigned number = World::KitSlotNear(Below(random, slots), slots);
+    Slot& slot = *m_world->slots[number];
+    const Use use(&slot.use);
+    if (!use || slot.actor->Kit() == nullptr) {
+        return;
+    }
+    switch (Below(random, 3)) {
+        case 0:
+            AskWithMessage(slot.actor.get(), m_world->TaskSender(m_slot), random);
+            break;
+        case 1:
+            PostMessage(slot.actor.get(), m_world->TaskSender(m_slot), random);
+            break;
+        default:
+            if (m_kit != nullptr) {
+                SendProbe(this, slot.actor.get(), random);
+            }
+            break;
+    }
 }
 
 } // namespace storm

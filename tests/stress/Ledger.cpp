@@ -79,13 +79,23 @@ std::uint64_t Ledger::Send(const Sending& sending)
     return id;
 }
 
+/// The entry of an event whose send has returned, or the end.
+Ledger::Entries::iterator Ledger::FindPendingLocked(Shard* shard, std::uint64_t id)
+{
+    const auto at = shard->entries.find(id);
+    if (at != shard->entries.end() && at->second.result == Result::PENDING) {
+        return at;
+    }
+    Complain("event " + std::to_string(id) + " ended while its sender was still sending it");
+    return shard->entries.end();
+}
+
 void Ledger::Settle(std::uint64_t id, bool accepted)
 {
     Shard& shard = ShardOf(id);
     const std::lock_guard<std::mutex> lock(shard.mutex);
-    const auto at = shard.entries.find(id);
-    if (at == shard.entries.end() || at->second.result != Result::PENDING) {
-        Complain("event " + std::to_string(id) + " ended while its sender was still sending it");
+    const auto at = FindPendingLocked(&shard, id);
+    if (at == shard.entries.end()) {
         return;
     }
     Entry& entry = at->second;
@@ -97,6 +107,28 @@ void Ledger::Settle(std::uint64_t id, bool accepted)
     }
     // The attachment of any other one is still to be released, by the sender at the earliest.
     if (!entry.sending.attached && (!accepted || entry.handled)) {
+        shard.entries.erase(at);
+    }
+}
+
+void Ledger::SettleDeleted(std::uint64_t id)
+{
+    Shard& shard = ShardOf(id);
+    const std::lock_guard<std::mutex> lock(shard.mutex);
+    const auto at = FindPendingLocked(&shard, id);
+    if (at == shard.entries.end()) {
+        return;
+    }
+    Entry& entry = at->second;
+    if (entry.handled) {
+        Complain(Name(id, entry) + " was handled although its sender was told of its deletion");
+    } else if (!MayBeDeleted(entry)) {
+        Complain(Name(id, entry) + " is said to be deleted, but nobody deleted anything");
+    }
+    entry.result = Result::DELETED;
+    ++shard.totals.accepted;
+    ++shard.totals.deleted;
+    if (!entry.sending.attached) {
         shard.entries.erase(at);
     }
 }
@@ -115,8 +147,8 @@ Facts Ledger::Handle(std::uint64_t id, const Receiver* receiver)
         Complain(Name(id, entry) + " is handled twice");
         return {};
     }
-    if (entry.result == Result::REFUSED) {
-        Complain(Name(id, entry) + " is handled although its send was refused");
+    if (entry.result == Result::REFUSED || entry.result == Result::DELETED) {
+        Complain(Name(id, entry) + " is handled although its send was refused or undone");
     }
     if (entry.sending.receiver.get() != receiver) {
         Complain(Name(id, entry) + " is handled by a handler that it is not addressed to");

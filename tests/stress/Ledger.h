@@ -122,6 +122,9 @@ class Ledger
     /// The send has returned @p accepted. The sender still holds its share of the attachment.
     void Settle(std::uint64_t id, bool accepted);
 
+    /// The sender was told that the event was deleted. It still holds its share of the attachment.
+    void SettleDeleted(std::uint64_t id);
+
     /// The event is being handled for @p receiver.
     Facts Handle(std::uint64_t id, const Receiver* receiver);
 
@@ -154,6 +157,7 @@ class Ledger
         PENDING, ///< the send has not returned
         ACCEPTED,
         REFUSED,
+        DELETED, ///< as the sender was told
     };
 
     struct Entry
@@ -178,6 +182,7 @@ class Ledger
     static constexpr std::size_t SHARDS = 64;
 
     Shard& ShardOf(std::uint64_t id) { return m_shards[id % SHARDS]; }
+    Entries::iterator FindPendingLocked(Shard* shard, std::uint64_t id);
     static bool MayBeDeleted(const Entry& entry);
     static std::string Name(std::uint64_t id, const Entry& entry);
     void EndUnhandledLocked(Shard* shard, Entries::iterator at, bool bySender);

@@ -84,6 +84,41 @@ TEST_F(LedgerTest, RefusedEventsNeedNoEnding)
     EXPECT_EQ(m_ledger.Sum().refused, 2U);
 }
 
+TEST_F(LedgerTest, EventsWhoseSenderIsToldOfTheirDeletionBalance)
+{
+    const std::uint64_t bare = Send();
+    const std::uint64_t attached = Send(true);
+    Delete();
+    m_ledger.SettleDeleted(bare);
+    m_ledger.SettleDeleted(attached);
+    EXPECT_EQ(m_ledger.Sum().open, 1U);
+    m_ledger.Release(attached, false);
+    m_ledger.CheckAllEnded();
+    ExpectNoComplaint();
+    EXPECT_EQ(m_ledger.Sum().accepted, 2U);
+    EXPECT_EQ(m_ledger.Sum().deleted, 2U);
+}
+
+TEST_F(LedgerTest, DeletionThatNobodyMadeIsNoticed)
+{
+    Delete();
+    m_ledger.SettleDeleted(Send());
+    ExpectComplaint("is said to be deleted, but nobody deleted anything");
+}
+
+TEST_F(LedgerTest, HandlingOfWhatIsSaidToBeDeletedIsNoticed)
+{
+    const std::uint64_t before = Send(true);
+    const std::uint64_t after = Send(true);
+    Delete();
+    m_ledger.Handle(before, m_receiver.get());
+    m_ledger.SettleDeleted(before);
+    ExpectComplaint("was handled although its sender was told of its deletion");
+    m_ledger.SettleDeleted(after);
+    m_ledger.Handle(after, m_receiver.get());
+    EXPECT_THAT(m_ledger.Complaints().back(), HasSubstr("its send was refused or undone"));
+}
+
 TEST_F(LedgerTest, SecondHandlingIsNoticed)
 {
     const std::uint64_t id = SendAccepted(true);

@@ -7,6 +7,8 @@
 
 #include "Actor.h"
 #include "DeprecatedPing.h"
+#include "KitTask.h"
+#include "KitTimers.h"
 #include "Worker.h"
 
 namespace storm {
@@ -17,6 +19,26 @@ bool Worker::Send(Actor* actor, bool sync)
     Shot shot = DrawShot(&m_random, actor->Queues());
     shot.sync = sync && actor->Runs();
     return ShootAt(actor, m_number, shot, Below(&m_random, 64));
+}
+
+/// Asks and posts need a task of the kit; a storm of few tasks has none.
+bool Worker::SendTyped(Actor* actor, bool asks)
+{
+    if (actor->Kit() == nullptr) {
+        return Send(actor, false);
+    }
+    return asks ? AskWithMessage(actor, m_number, &m_random)
+                : PostMessage(actor, m_number, &m_random);
+}
+
+/// Does something to a timer.
+void Worker::Time(Actor* actor)
+{
+    if (actor->Kit() != nullptr && OneIn(&m_random, 2)) {
+        actor->TimersOfKit()->Control(&m_random);
+    } else {
+        actor->Timer(Below(&m_random, Actor::TIMERS))->Control(&m_random);
+    }
 }
 
 /// As many as a queue can hold, and more, or until it is full.
@@ -75,7 +97,7 @@ bool Worker::ActInPause(Actor* actor)
         case 2:
             return Look(actor);
         case 3:
-            actor->Timer(Below(&m_random, Actor::TIMERS))->Control(&m_random);
+            Time(actor);
             return true;
         case 4:
             actor->Alarm(Below(&m_random, Actor::ALARMS))->Control(&m_random);

@@ -6,6 +6,7 @@
 
 #include "Census.h"
 #include "Sentinel.h"
+#include "Sync.h"
 #include "TCDebugPrint.h"
 
 namespace storm {
@@ -20,6 +21,20 @@ struct Round::Pair
     const char* right;
     std::uint64_t rightCount;
 };
+
+namespace {
+
+/// How many synchronous calls and asks the table lists. Nobody makes any.
+std::uint64_t ListedCalls()
+{
+    std::uint64_t listed = 0;
+    for (int i = 0; i < TCSyncDet::MAX_SYNC_TASKS; ++i) {
+        listed += TCSyncDet::m_arrPCSyncDet[i].bValid ? 1 : 0;
+    }
+    return listed;
+}
+
+} // namespace
 
 Round::Round(const Options& options)
     : m_options(options), m_world(options.threads, options.tasks), m_lastDone(OPERATIONS)
@@ -105,6 +120,10 @@ std::vector<Round::Pair> Round::Pairs() const
         {"alarms made", counts.alarmsMade, "alarms ended", counts.alarmsEnded},
         {"timers made", counts.timersMade, "timers released", counts.timersReleased},
         {"pauses begun", counts.pausesBegun, "pauses ended", counts.pausesEnded},
+        {"probes sent", counts.probesSent, "callbacks called + destroyed",
+         counts.probesCalled + counts.probesDropped},
+        {"lambdas of timers made", counts.lambdasMade, "lambdas freed", counts.lambdasFreed},
+        {"calls listed", ListedCalls(), "(none)", 0},
     };
 }
 
@@ -125,10 +144,12 @@ void Round::PrintBalance() const
     const Counts& counts = m_world.counts;
     printf("\nrefused %" PRIu64 ", handled %" PRIu64 ", deleted %" PRIu64 ", dropped %" PRIu64
            "; firings of alarms %" PRIu64 ", of timers %" PRIu64 ", state events %" PRIu64
-           ", idle turns %" PRIu64 "\n\n",
+           ", idle turns %" PRIu64 "; asks answered %" PRIu64 ", without an answer %" PRIu64
+           ", probes %" PRIu64 ", calls of lambdas %" PRIu64 "\n\n",
            totals.refused, totals.handled, totals.deleted, totals.dropped,
            counts.alarmFirings.load(), counts.timerFirings.load(), counts.stateEvents.load(),
-           counts.idleTurns.load());
+           counts.idleTurns.load(), counts.asksAnswered.load(), counts.asksFailed.load(),
+           counts.probesSent.load(), counts.lambdaCalls.load());
     for (const Pair& pair : Pairs()) {
         printf("%-24s %12" PRIu64 " = %12" PRIu64 "  %-28s %s\n", pair.left, pair.leftCount,
                pair.rightCount, pair.right, pair.leftCount == pair.rightCount ? "" : "WRONG");

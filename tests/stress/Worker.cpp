@@ -21,6 +21,8 @@ struct Row
 constexpr std::array<Row, OPERATIONS + 1> ROWS = {{
     {"send", 500},
     {"synchronous send", 60},
+    {"typed post", 100},
+    {"typed ask", 40},
     {"burst", 4},
     {"pause and resume", 12},
     {"ping", 12},
@@ -111,7 +113,11 @@ Operation Worker::Draw()
 void Worker::Step()
 {
     const Operation operation = Draw();
-    const unsigned number = Below(&m_random, static_cast<unsigned>(m_world->slots.size()));
+    const auto slots = static_cast<unsigned>(m_world->slots.size());
+    unsigned number = Below(&m_random, slots);
+    if (operation == Operation::POST || operation == Operation::ASK) {
+        number = World::KitSlotNear(number, slots);
+    }
     Slot& slot = *m_world->slots[number];
     switch (operation) {
         case Operation::CREATE:
@@ -142,6 +148,10 @@ bool Worker::Do(Operation operation, Actor* actor)
             return Send(actor, false);
         case Operation::SEND_SYNC:
             return Send(actor, true);
+        case Operation::POST:
+            return SendTyped(actor, false);
+        case Operation::ASK:
+            return SendTyped(actor, true);
         case Operation::BURST:
             return Burst(actor);
         case Operation::PAUSE:
@@ -153,7 +163,7 @@ bool Worker::Do(Operation operation, Actor* actor)
         case Operation::LOOK:
             return Look(actor);
         case Operation::TIMER:
-            actor->Timer(Below(&m_random, Actor::TIMERS))->Control(&m_random);
+            Time(actor);
             return true;
         default:
             actor->Alarm(Below(&m_random, Actor::ALARMS))->Control(&m_random);

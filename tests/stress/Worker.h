@@ -17,6 +17,8 @@ enum class Operation : std::uint8_t
 {
     SEND,
     SEND_SYNC,
+    POST,
+    ASK,
     BURST,
     PAUSE,
     PING,
@@ -75,7 +77,9 @@ class Worker
 
     bool Do(Operation operation, Actor* actor);
     bool Send(Actor* actor, bool sync);
+    bool SendTyped(Actor* actor, bool asks);
     bool Burst(Actor* actor);
+    void Time(Actor* actor);
     bool Pause(Actor* actor);
     bool ActInPause(Actor* actor);
     bool Clear(Actor* actor);

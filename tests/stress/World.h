@@ -67,6 +67,14 @@ struct Counts
     std::atomic<std::uint64_t> timerFirings{0};
     std::atomic<std::uint64_t> stateEvents{0};
     std::atomic<std::uint64_t> idleTurns{0};
+    std::atomic<std::uint64_t> asksAnswered{0};
+    std::atomic<std::uint64_t> asksFailed{0};
+    std::atomic<std::uint64_t> probesSent{0};
+    std::atomic<std::uint64_t> probesCalled{0};  ///< callbacks
+    std::atomic<std::uint64_t> probesDropped{0}; ///< callbacks destroyed with their task
+    std::atomic<std::uint64_t> lambdasMade{0};   ///< of timers and alarms of the kit
+    std::atomic<std::uint64_t> lambdasFreed{0};
+    std::atomic<std::uint64_t> lambdaCalls{0};
 };
 
 /// All that a storm works on.
@@ -79,6 +87,16 @@ struct World
 
     unsigned MainSender() const { return threads; }
     unsigned TaskSender(unsigned slot) const { return threads + 1 + slot; }
+
+    /// Whether a slot's task is one of the kit. The odd ones are those of several queues.
+    static bool IsForKit(unsigned slot) { return slot % 4 == 2; }
+
+    /// One that is, in the same group of four slots; @p slot itself if the storm has none there.
+    static unsigned KitSlotNear(unsigned slot, unsigned slots)
+    {
+        const unsigned near = slot / 4 * 4 + 2;
+        return near < slots ? near : slot;
+    }
 
     const unsigned threads;
     Ledger ledger;

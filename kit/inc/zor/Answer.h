@@ -1,7 +1,6 @@
 #pragma once
 
 #include <Thread.h>
-#include <ZorExport.h>
 
 #include <algorithm>
 #include <atomic>
@@ -11,6 +10,7 @@
 #include <optional>
 #include <utility>
 
+#include "zor/Life.h"
 #include "zor/Result.h"
 
 /// @file
@@ -36,27 +36,30 @@ class AnswerSink
     AnswerSink& operator=(const AnswerSink&) = delete;
 };
 
-/// Why a request that is destroyed unanswered on this thread was not answered.
-ZOR_CORE_API inline Error& ReasonOfLoss()
-{
-    static thread_local Error reason = Error::DELETED;
-    return reason;
-}
-
 /// The duty to answer one request. If it is destroyed without an answer the asker is told that: a
-/// request may be lost anywhere without anybody waiting for it in vain.
+/// request may be lost anywhere without anybody waiting for it in vain. Whether it was lost because
+/// the task has ended is the task's to know, not the losing thread's: that may be the asker's own,
+/// which lets go of its share when the task has just let go of the queued one.
 template <typename Value>
 class Duty
 {
  public:
-    explicit Duty(AnswerSink<Value>* sink) : m_sink(sink) {}
-    Duty(Duty&& other) noexcept : m_sink(std::exchange(other.m_sink, nullptr)) {}
+    /// To @p sink, of a request to the task with that @p life.
+    Duty(AnswerSink<Value>* sink, std::shared_ptr<const Life> life)
+        : m_sink(sink), m_life(std::move(life))
+    {}
+
+    Duty(Duty&& other) noexcept
+        : m_sink(std::exchange(other.m_sink, nullptr)), m_life(std::move(other.m_life))
+    {}
+
     Duty& operator=(Duty&&) = delete;
 
     ~Duty()
     {
         if (m_sink != nullptr) {
-            m_sink->Accept(tl::make_unexpected(ReasonOfLoss()));
+            m_sink->Accept(
+                tl::make_unexpected(m_life->HasEnded() ? Error::NO_TASK : Error::DELETED));
         }
     }
 
@@ -72,7 +75,8 @@ class Duty
     }
 
  private:
-    AnswerSink<Value>* m_sink; ///< null once answered; not owned
+    AnswerSink<Value>* m_sink;          ///< null once answered; not owned
+    std::shared_ptr<const Life> m_life; ///< of the task that is asked
 };
 
 /// What an asking thread waits on. It lies on the heap, and of the two sides the one that is done
@@ -220,10 +224,10 @@ class Awaited
     bool IsPossible() const { return m_slot != nullptr; }
 
     /// The other end, which is to be used or destroyed once; must be made.
-    Duty<Value> MakeDuty()
+    Duty<Value> MakeDuty(std::shared_ptr<const Life> life)
     {
         m_isShared = true;
-        return Duty<Value>(m_slot);
+        return Duty<Value>(m_slot, std::move(life));
     }
 
     /// Waits once.
@@ -244,14 +248,24 @@ class Awaited
     bool m_isShared = false;   ///< there is a duty
 };
 
-/// When a wait that begins now and lasts @p timeout ends; a hundred years count as for ever.
+/// @p timeout rounded up to whole units: none if it is negative, and a hundred years at most.
+template <typename Unit, typename Rep, typename Period>
+Unit Bounded(std::chrono::duration<Rep, Period> timeout)
+{
+    constexpr std::chrono::hours LONGEST(24 * 365 * 100);
+    const std::chrono::duration<double> seconds(timeout); // has room for every duration
+    if (seconds > LONGEST) {
+        return LONGEST;
+    }
+    return seconds.count() > 0 ? std::chrono::ceil<Unit>(timeout) : Unit(0);
+}
+
+/// When a wait that begins now and lasts @p timeout ends.
 template <typename Rep, typename Period>
 std::chrono::steady_clock::time_point DeadlineAfter(std::chrono::duration<Rep, Period> timeout)
 {
     using Clock = std::chrono::steady_clock;
-    constexpr std::chrono::hours LONGEST(24 * 365 * 100);
-    const auto now = Clock::now();
-    return timeout > LONGEST ? now + LONGEST : now + std::chrono::ceil<Clock::duration>(timeout);
+    return Clock::now() + Bounded<Clock::duration>(timeout);
 }
 
 } // namespace zor::detail

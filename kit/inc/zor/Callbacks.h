@@ -28,8 +28,9 @@ class LambdaCallback : public TickCallback
             if constexpr (std::is_invocable_v<Function&, const Firing&>) {
                 m_function(firing);
             } else {
-                static_assert(std::is_invocable_v<Function&>,
-                              "the lambda of a timer takes nothing or a const zor::Firing&");
+                static_assert(
+                    std::is_invocable_v<Function&>,
+                    "the lambda of a timer or alarm takes nothing or a const zor::Firing&");
                 m_function();
             }
         });

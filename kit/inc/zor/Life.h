@@ -102,6 +102,10 @@ class Life
         m_takesTickings = true;
     }
 
+    /// Whether the task's loop has ended, or there never was one. Takes no lock: requests ask when
+    /// they are destroyed, which may be anywhere.
+    bool HasEnded() const { return m_hasEnded.load(); }
+
     /// Calls @p send, which is to put something into the task's queue, if there is somebody to
     /// handle it.
     ///
@@ -219,12 +223,12 @@ class Life
     std::mutex m_mutex;   ///< guards all that follows
     TCTask* const m_task; ///< not owned; may be used while m_lives
     bool m_lives = false;
-    bool m_hasEnded = false; ///< since Prepare()
     bool m_takesTickings = false;
     Tickings m_tickings;
     std::unique_ptr<Delivery> m_first; ///< the oldest delivery, which has the next
     Delivery* m_last = nullptr;
     std::atomic<bool> m_hasDeliveries{false}; ///< written under the lock
+    std::atomic<bool> m_hasEnded{true};       ///< since Prepare(); written under the lock
 };
 
 } // namespace detail

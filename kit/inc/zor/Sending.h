@@ -68,7 +68,9 @@ constexpr Sending WaitAtMost(std::chrono::milliseconds longest, Order order = Or
 
 /// From a full queue the posted messages of the same type are taken out, unhandled, and the new one
 /// goes to its place in their stead: of a slider that floods a task the last value arrives. A full
-/// queue without one refuses (Error::QUEUE_FULL). Messages that somebody has asked with stay.
+/// queue without one refuses (Error::QUEUE_FULL), and so does one that would still be too full then
+/// because of priority events; nothing is taken out of it. Messages that somebody has asked with
+/// stay.
 constexpr Sending ReplaceQueued(Order order = Order::IN_TURN)
 {
     return {Sending::WhenFull::REPLACE, order, std::chrono::milliseconds(0)};
@@ -95,9 +97,9 @@ struct Counts
 
 namespace detail {
 
-/// The same, in the task: 64 bytes right behind the TCTask, for tools that look from outside. They
-/// know a task of this kind by the mark. Relaxed counters; sends that succeed at once count
-/// nothing.
+/// The same, in the task: 64 bytes right behind the TCTask, at sizeof(TCTask) from where the
+/// registry points to, for tools that look from outside. They know a task of this kind by the mark.
+/// Relaxed counters; sends that succeed at once count nothing.
 struct Counters
 {
     static constexpr std::uint64_t MARK = 0x314B5F524F5AULL; ///< "ZOR_K1" in memory

@@ -35,6 +35,14 @@ struct Nothing
     operator Anything() const; // NOLINT: converts to whatever is wanted, so that one error remains
 };
 
+/// Lets a template take part only for bare numbers.
+template <typename Number>
+using IfNumber = std::enable_if_t<std::is_arithmetic_v<Number>, int>;
+
+/// Whether a template that takes part for bare numbers may compile: never.
+template <typename Number>
+constexpr bool IS_DEADLINE = !std::is_arithmetic_v<Number>;
+
 template <typename Message>
 constexpr bool IS_MESSAGE = std::is_object_v<Message> && !std::is_const_v<Message> &&
                             !std::is_volatile_v<Message> && !std::is_pointer_v<Message> &&
@@ -128,17 +136,20 @@ class Task : public TaskBase
     /// TCSyncDet.
     ///
     /// @return what On() returned; else NO_TASK, OWN_TASK, PAUSED, QUEUE_FULL or NO_MEMORY, at
-    /// once;
-    ///         THREW, DELETED, or NO_TASK if the task ended before; or NOT_ANSWERED after @p
-    ///         timeout. An answer that comes later is dropped and counted; the message is handled
-    ///         all the same. Two tasks that ask each other wait until the deadline of one.
+    ///         once; THREW, DELETED, or NO_TASK if the task ended before; or NOT_ANSWERED after
+    ///         @p timeout. An answer that comes later is dropped and counted; the message is
+    ///         handled all the same. Two tasks that ask each other wait until the deadline of one.
     template <typename Message, typename Rep, typename Period>
     auto Ask(Message&& message, std::chrono::duration<Rep, Period> timeout,
              Order order = Order::IN_TURN);
 
     /// Does not compile: an ask needs a deadline.
     template <typename Message>
-    void Ask(Message&& message);
+    detail::Nothing Ask(Message&& message);
+
+    /// Does not compile: a deadline has a unit.
+    template <typename Message, typename Number, detail::IfNumber<Number> = 0>
+    detail::Nothing Ask(Message&& message, Number timeout, Order order = Order::IN_TURN);
 
     /// Queues @p message, and has @p callback called with a Result of what On() returns, on the
     /// calling thread, which is that of a zor::Task: between two of its events, once, and never
@@ -157,19 +168,26 @@ class Task : public TaskBase
     template <typename Message, typename Rep, typename Period, typename Function>
     auto AskAsync(Message&& message, std::chrono::duration<Rep, Period> timeout, Function callback);
 
+    /// Does not compile: a deadline has a unit.
+    template <typename Message, typename Number, typename Function, detail::IfNumber<Number> = 0>
+    detail::Nothing AskAsync(Message&& message, Number timeout, Function callback);
+
     /// Has @p function called on the task's thread, in turn, and does not wait for that. It takes
     /// nothing or a Derived&, and what it returns is dropped.
     ///
     /// @return true in a condition if that is queued; else NO_TASK, PAUSED or QUEUE_FULL. Queued,
-    /// it
-    ///         is called once, unless the task ends first; then it is destroyed uncalled.
+    ///         it is called once, unless the task ends first or somebody deletes it from the queue;
+    ///         then it is destroyed uncalled.
     template <typename Function>
     Result<void> Run(Function function);
 
     /// The same, and waits for what it returns as Ask() does.
     template <typename Function, typename Rep, typename Period>
-    auto Run(Function function, std::chrono::duration<Rep, Period> timeout)
-        -> Result<detail::ValueOfRun<Derived, Function>>;
+    auto Run(Function function, std::chrono::duration<Rep, Period> timeout);
+
+    /// Does not compile: a deadline has a unit.
+    template <typename Function, typename Number, detail::IfNumber<Number> = 0>
+    detail::Nothing Run(Function function, Number timeout);
 
     /// Calls On() with the message, and hands on what is none of the list.
     bool t_OnEvent(const TSEvent* event) override;
@@ -192,6 +210,10 @@ class Task : public TaskBase
     template <typename Message>
     static constexpr bool CanTake();
 
+    /// Whether Function can be run here; does not compile where it cannot.
+    template <typename Function>
+    static constexpr bool CanRun();
+
     template <typename Message>
     static bool HandlePosted(Task& task, const TSEvent& event);
     template <typename Message>
@@ -204,4 +226,6 @@ class Task : public TaskBase
 
 } // namespace zor
 
-#include "zor/TaskInline.h" // what is declared above
+// What is declared above.
+#include "zor/RunInline.h"
+#include "zor/TaskInline.h"

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
@@ -72,6 +73,13 @@ constexpr const char* LOG_TAG = "ZOR_KIT";
 /// Between two tries to put something into a full queue.
 constexpr std::chrono::milliseconds RETRY_INTERVAL(1);
 
+/// How many events a queue holds at most when a put that is `first` or not adds to them; see
+/// TCQueue.
+constexpr std::size_t MostQueued(bool first)
+{
+    return first ? 256 : 240;
+}
+
 /// A type's name as it stands in the source.
 inline std::string NameOf(const std::type_info& type)
 {
@@ -100,8 +108,9 @@ class ZOR_CORE_API TaskBase : public TCTask
     bool Start(const char* name, const Setup& setup = Setup());
 
     /// Ends the task and returns when it has ended: sends EVENT_EXIT, behind all that is queued,
-    /// and calls Destroy(). A paused task is resumed, a full queue is waited for. For the owner, on
-    /// another thread than the task's; nobody may be posting to the task any more.
+    /// unless its loop has ended already, and calls Destroy(). A paused task is resumed, a full
+    /// queue is waited for. For the owner, on another thread than the task's; nobody may be posting
+    /// to the task any more, nor pausing it.
     void End();
 
     /// Whether messages go through the trap points, and so into recordings: not unless it is set.

@@ -34,7 +34,8 @@ inline void TaskBase::End()
     event.receiver = this;
     event.type = EVENT_EXIT;
     event.flag = IsRecorded();
-    for (bool isSent = false; !isSent;) {
+    // A loop that has ended makes no room in its queue any more, and needs no telling.
+    for (bool isSent = false; !isSent && !m_life->HasEnded();) {
         isSent = TCTask::Send(&event, false, false);
         if (IsPaused()) {
             ResumeAsync();
@@ -69,13 +70,11 @@ inline void TaskBase::EndOnOwnThread()
         ticking->Stop();
     }
     m_life->End();
-    const Error reason = std::exchange(detail::ReasonOfLoss(), Error::NO_TASK);
     const TCHandler* const self = this;
     Delete(self, detail::EVENT_WORK, nullptr);
     for (unsigned int i = 0; i < m_messageTypes; ++i) {
         Delete(self, detail::EVENT_FIRST_MESSAGE + 2 * i + 1, nullptr);
     }
-    detail::ReasonOfLoss() = reason;
     m_pending.clear();
 }
 
@@ -180,24 +179,28 @@ inline bool TaskBase::PutPatiently(TSEvent* event, const Sending& how)
     return false;
 }
 
-/// The queue's lock is held from the first removal to the put, so that nobody else takes the room.
-/// Attachments that are removed are destroyed behind it.
+/// The queue's lock is held from the look to the put, so that nobody else takes the room. Nothing
+/// is removed that would make no room: a queue may hold more events than an ordinary put may add
+/// to. Attachments that are removed are destroyed behind the lock.
 inline bool TaskBase::PutInstead(TSEvent* event, bool first)
 {
     const TCHandler* const self = this;
     std::vector<TSEvent> removed;
     const detail::QueueLock lock(this);
     unsigned int found = 0;
+    if (!Find(self, event->type, &found) || Size() - found >= detail::MostQueued(first)) {
+        return false;
+    }
     if (event->wrappedData == nullptr) {
         Delete(self, event->type, &found);
-    } else if (Find(self, event->type, &found)) {
+    } else {
         removed.resize(found);
         for (TSEvent& each : removed) {
             TCQueue::Get(&each, self, event->type);
         }
     }
     detail::Increment(m_counters.replaced, found);
-    return found != 0 && TCQueue::Put(event, first);
+    return TCQueue::Put(event, first);
 }
 
 /// Queues a request whose sender will be told what becomes of it.

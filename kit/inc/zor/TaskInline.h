@@ -17,6 +17,15 @@ constexpr void CheckCopy()
                   "a message that cannot be copied is sent with std::move");
 }
 
+/// Whether Value can be answered with; does not compile where it cannot.
+template <typename Value>
+constexpr bool CanAnswer()
+{
+    static_assert(std::is_void_v<Value> || std::is_move_constructible_v<Value>,
+                  "what On() returns must be movable, for it is an answer");
+    return std::is_void_v<Value> || std::is_move_constructible_v<Value>;
+}
+
 } // namespace detail
 
 /// Whether Message can be sent and handled; does not compile where it cannot.
@@ -75,7 +84,7 @@ auto Task<Derived, Messages...>::Ask(Message&& message, std::chrono::duration<Re
         TSEvent event;
         event.type = EventType<Kind>() + 1;
         event.wrappedData = std::make_shared<detail::Request<Kind, Answer>>(
-            std::forward<Message>(message), answer.MakeDuty());
+            std::forward<Message>(message), answer.MakeDuty(m_life));
         const Result<void> sent = PutRequest(&event, order == Order::FIRST, &entry);
         event.wrappedData.reset(); // from here on whoever loses the request tells the asker
         return sent ? answer.Wait(deadline) : Result<Answer>(tl::make_unexpected(sent.error()));
@@ -84,9 +93,29 @@ auto Task<Derived, Messages...>::Ask(Message&& message, std::chrono::duration<Re
 
 template <typename Derived, typename... Messages>
 template <typename Message>
-void Task<Derived, Messages...>::Ask(Message&& /*message*/)
+detail::Nothing Task<Derived, Messages...>::Ask(Message&& /*message*/)
 {
     static_assert(std::is_void_v<Message>, "an ask needs a deadline: Ask(message, 500ms)");
+    return {};
+}
+
+template <typename Derived, typename... Messages>
+template <typename Message, typename Number, detail::IfNumber<Number>>
+detail::Nothing Task<Derived, Messages...>::Ask(Message&& /*message*/, Number /*timeout*/,
+                                                Order /*order*/)
+{
+    static_assert(detail::IS_DEADLINE<Number>, "a deadline has a unit: Ask(message, 500ms)");
+    return {};
+}
+
+template <typename Derived, typename... Messages>
+template <typename Message, typename Number, typename Function, detail::IfNumber<Number>>
+detail::Nothing Task<Derived, Messages...>::AskAsync(Message&& /*message*/, Number /*timeout*/,
+                                                     Function /*callback*/)
+{
+    static_assert(detail::IS_DEADLINE<Number>,
+                  "a deadline has a unit: AskAsync(message, 500ms, callback)");
+    return {};
 }
 
 template <typename Derived, typename... Messages>
@@ -106,7 +135,7 @@ Result<void> Task<Derived, Messages...>::AskFor(Given&& message, Expiry&& expiry
     const std::uint64_t number = ++asker->m_lastPending;
     auto sink = std::make_unique<detail::AsyncSink<Answer>>(asker->m_life, number);
     auto request = std::make_shared<detail::Request<Message, Answer>>(
-        std::forward<Given>(message), detail::Duty<Answer>(nullptr));
+        std::forward<Given>(message), detail::Duty<Answer>(nullptr, m_life));
     expiry(asker, number, &pending->deadline);
     asker->m_pending.emplace(number, std::move(pending));
     request->duty.Take(sink.release());
@@ -146,7 +175,7 @@ auto Task<Derived, Messages...>::AskAsync(Message&& message,
         CanTake<Kind>();
         return detail::Nothing();
     } else {
-        const auto delay = std::chrono::ceil<std::chrono::milliseconds>(timeout);
+        const auto delay = detail::Bounded<std::chrono::milliseconds>(timeout);
         const auto expiry = [delay](TaskBase* asker, std::uint64_t number, Timer* deadline) {
             *deadline = asker->After(delay, [asker, number] {
                 detail::AsyncSink<Value<Kind>>::Finish(*asker, number,
@@ -155,50 +184,6 @@ auto Task<Derived, Messages...>::AskAsync(Message&& message,
         };
         return AskFor<Kind>(std::forward<Message>(message), expiry, callback);
     }
-}
-
-template <typename Derived, typename... Messages>
-template <typename Function>
-Result<void> Task<Derived, Messages...>::Run(Function function)
-{
-    static_assert(std::is_invocable_v<Function&, Derived&> || std::is_invocable_v<Function&>,
-                  "the lambda of Run takes nothing or a reference to the task's class");
-    const auto run = [](TaskBase& task, Function& each) {
-        task.CallOrEnd("a lambda of Run()", nullptr,
-                       [&] { detail::CallOn(each, static_cast<Derived&>(task)); });
-    };
-    TSEvent event;
-    event.type = detail::EVENT_WORK;
-    event.wrappedData =
-        std::make_shared<detail::Errand<Derived, Function>>(run, std::move(function));
-    return PutRequest(&event, false, nullptr);
-}
-
-template <typename Derived, typename... Messages>
-template <typename Function, typename Rep, typename Period>
-auto Task<Derived, Messages...>::Run(Function function, std::chrono::duration<Rep, Period> timeout)
-    -> Result<detail::ValueOfRun<Derived, Function>>
-{
-    using Answer = detail::ValueOfRun<Derived, Function>;
-    if (Current() == this) {
-        return tl::make_unexpected(Error::OWN_TASK);
-    }
-    const auto deadline = detail::DeadlineAfter(timeout);
-    detail::Awaited<Answer> answer;
-    if (!answer.IsPossible()) {
-        return tl::make_unexpected(Error::NO_MEMORY);
-    }
-    const auto run = [](TaskBase& task, Function& each) -> Answer {
-        return detail::CallOn(each, static_cast<Derived&>(task));
-    };
-    detail::CallEntry entry;
-    TSEvent event;
-    event.type = detail::EVENT_WORK;
-    event.wrappedData = std::make_shared<detail::RunRequest<Answer, Function>>(
-        run, std::move(function), answer.MakeDuty());
-    const Result<void> sent = PutRequest(&event, false, &entry);
-    event.wrappedData.reset();
-    return sent ? answer.Wait(deadline) : Result<Answer>(tl::make_unexpected(sent.error()));
 }
 
 template <typename Derived, typename... Messages>
@@ -229,7 +214,9 @@ template <typename Derived, typename... Messages>
 template <typename Message>
 bool Task<Derived, Messages...>::HandleAsked(Task& task, const TSEvent& event)
 {
-    if constexpr (detail::Handling<Derived, Message>::value) {
+    if constexpr (!detail::Handling<Derived, Message>::value) {
+        return false; // HandlePosted() does not compile
+    } else if constexpr (detail::CanAnswer<Value<Message>>()) {
         using Attachment = detail::Request<Message, Value<Message>>;
         Attachment* const request = detail::AttachmentOf<Attachment>(event);
         if (request == nullptr) {
@@ -244,7 +231,7 @@ bool Task<Derived, Messages...>::HandleAsked(Task& task, const TSEvent& event)
         }
         return true;
     } else {
-        return false; // HandlePosted() does not compile
+        return false; // CanAnswer() does not compile
     }
 }
 

@@ -21,7 +21,8 @@ namespace zor {
 struct Firing
 {
     unsigned int index; ///< from 0
-    unsigned int count; ///< how many were asked for; ITimer::INFINITE_FIRE for no end
+    unsigned int count; ///< how many were asked for; ITimer::INFINITE_FIRE for no end. Of an alarm
+                        ///< that another thread resets meanwhile it may be the new number already
 };
 
 namespace detail {
@@ -127,7 +128,7 @@ class AlarmControl : public TickingControl, public std::enable_shared_from_this<
         if (m_cancelled.load()) {
             return false;
         }
-        auto alarm = std::make_unique<LambdaAlarm>(shared_from_this(), std::move(callback));
+        auto alarm = std::make_unique<LambdaAlarm>(shared_from_this(), std::move(callback), count);
         if (!alarm->Create(task, interval, count)) {
             return false;
         }
@@ -158,9 +159,18 @@ class AlarmControl : public TickingControl, public std::enable_shared_from_this<
     class LambdaAlarm : public TCAlarm
     {
      public:
-        LambdaAlarm(std::shared_ptr<AlarmControl> control, std::unique_ptr<TickCallback> callback)
-            : m_control(std::move(control)), m_callback(std::move(callback))
+        LambdaAlarm(std::shared_ptr<AlarmControl> control, std::unique_ptr<TickCallback> callback,
+                    unsigned long count)
+            : m_control(std::move(control)),
+              m_callback(std::move(callback)),
+              m_count(static_cast<unsigned int>(count))
         {}
+
+        void SetTo(unsigned long interval, unsigned long count)
+        {
+            m_count.store(static_cast<unsigned int>(count));
+            TCAlarm::Reset(interval, count);
+        }
 
         ~LambdaAlarm() override
         {
@@ -174,13 +184,15 @@ class AlarmControl : public TickingControl, public std::enable_shared_from_this<
             if (m_control->IsCancelled()) {
                 return false;
             }
-            m_callback->Call({event->param2, event->param1});
+            m_callback->Call({event->param2, m_count.load()});
             return true;
         }
 
      private:
         const std::shared_ptr<AlarmControl> m_control;
         const std::unique_ptr<TickCallback> m_callback;
+        std::atomic<unsigned int>
+            m_count; ///< the events keep the number that the alarm ran out with
     };
 
     /// Where an alarm ends, done or not.

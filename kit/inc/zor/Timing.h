@@ -72,9 +72,11 @@ class Handle
 /// MakeTimer() of the task. It is a TCTimer underneath: no thread of its own, no drift.
 ///
 /// Destroying or cancelling it ends it. On the task's own thread, the lambda itself included,
-/// nothing is called after that. On any other thread at most one call, which was under way by then,
-/// is still running when the destructor returns, and none begins. The lambda and what it captured
-/// are destroyed on the task's thread; if that has ended, by whoever destroys the task.
+/// nothing is called after that. On any other thread at most one call is under way when the
+/// destructor returns: the task has taken its firing off the queue by then and may still be on the
+/// way into the lambda. No other follows. The lambda and what it captured are destroyed on the
+/// task's thread; if that has ended, by whoever destroys the task. So what it must not outlive, it
+/// had better own.
 ///
 /// A task ends its timers itself when its loop has ended, after t_Destroy(); the handle is one of
 /// nothing more to do then, and may be destroyed after the task. A handle is used by one thread at
@@ -114,8 +116,8 @@ class Alarm : public detail::Handle<detail::AlarmControl>
     /// TCAlarm::Reset(); false if the alarm has ended.
     bool Reset(std::chrono::milliseconds interval, unsigned long count = TCAlarm::ENDLESS)
     {
-        return With([&](TCAlarm& alarm) {
-            alarm.Reset(static_cast<unsigned long>(interval.count()), count);
+        return With([&](auto& alarm) {
+            alarm.SetTo(static_cast<unsigned long>(interval.count()), count);
             return true;
         });
     }

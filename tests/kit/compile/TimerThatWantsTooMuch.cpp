@@ -1,4 +1,4 @@
-// expected: the lambda of a timer takes nothing or a const zor::Firing&
+// expected: the lambda of a timer or alarm takes nothing or a const zor::Firing&
 #include "Tuner.h"
 
 void Use(Tuner& tuner)
