@@ -143,9 +143,9 @@ bool Actor::After(const TSEvent* /*event*/, const void* actor)
 // is known to hang:
 //
 // - Nobody is inside the slot, so no pause and no clear-queue can overtake the exit event from now
-//   on. A clear-queue that nobody waited for any more may still be queued: it would delete the exit
-//   event, and Destroy() would wait for ever. So either it is worked off before (Flush()), or the
-//   exit event overtakes it.
+//   on. A clear-queue that nobody waited for any more may still be queued or just be handled: it
+//   would delete the exit event, and Destroy() would wait for ever. So either it is worked off
+//   before (Flush()), or the exit event overtakes it while the task is paused or sends it itself.
 // - No synchronous sender waits, so none can be forgotten in the queues that the exit takes down.
 std::unique_ptr<TCTask> Actor::End(unsigned sender, Random* random)
 {
@@ -154,14 +154,14 @@ std::unique_ptr<TCTask> Actor::End(unsigned sender, Random* random)
         switch (manner) {
             case 0:
                 Flush(sender);
-                SendExit(false);
+                SendExit();
                 break;
             case 1:
                 PauseForEnd(sender, random);
-                SendExit(true);
+                HaveExitSent();
                 break;
             default:
-                SendExit(true);
+                HaveExitSent();
                 break;
         }
     }
@@ -219,14 +219,41 @@ void Actor::PauseForEnd(unsigned sender, Random* random)
     }
 }
 
-void Actor::SendExit(bool priority)
+/// @return false if the queue is full
+bool Actor::TrySendExit(bool priority)
 {
     TSEvent exit;
     exit.receiver = m_task.get();
     exit.type = TCTask::EVENT_EXIT;
-    while (!TCTask::Send(&exit, false, priority)) { // the queue is full
-        Resume();
+    return TCTask::Send(&exit, false, priority);
+}
+
+void Actor::SendExit()
+{
+    while (!TrySendExit(false)) { // the queue is full
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+/// Sends the exit event while the task handles nothing else.
+///
+///   here:  ask [synchronously, again if a clear-queue deletes that]
+///   task:  ... clear-queue ... | sends the exit event | takes it
+void Actor::HaveExitSent()
+{
+    if (m_task->IsPaused()) { // nobody but this thread resumes it any more
+        if (TrySendExit(true)) {
+            return;
+        }
+        Resume();
+    }
+    TSEvent end;
+    end.receiver = m_task.get();
+    end.type = END_EVENT;
+    while (!m_exitSent) {
+        if (!TCTask::Send(&end, true, true)) { // the queue is full
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
     }
 }
 

@@ -25,6 +25,7 @@ class Actor
 {
  public:
     static constexpr unsigned short STATE_EVENT = 100;
+    static constexpr unsigned short END_EVENT = 101;
     static constexpr unsigned HANDLERS = 3;
     static constexpr unsigned ALARMS = 2;
     static constexpr unsigned TIMERS = 2;
@@ -89,6 +90,7 @@ class Actor
 
     bool OnStart();
     void OnUser(const TSEvent& event);
+    void OnEnd();
     void OnExit();
     void OnLoopEnd();
     void OnPause();
@@ -113,7 +115,9 @@ class Actor
 
     void Flush(unsigned sender);
     void PauseForEnd(unsigned sender, Random* random);
-    void SendExit(bool priority);
+    void SendExit();
+    bool TrySendExit(bool priority);
+    void HaveExitSent();
     void CheckEnd();
     void EndReceivers();
     void Complain(const std::string& what);
@@ -143,6 +147,7 @@ class Actor
     const std::unique_ptr<KitTimers> m_kitTimers;
     std::atomic<pthread_t> m_thread{0};   ///< set by itself
     std::atomic<bool> m_loopEnded{false}; ///< set by the task's thread
+    std::atomic<bool> m_exitSent{false};  ///< by OnEnd()
     std::atomic<bool> m_inPause{false};   ///< set by the task's thread
     std::atomic<std::uint64_t> m_resumesBegun{0};
     std::atomic<std::uint64_t> m_resumesEnded{0};
@@ -182,6 +187,10 @@ class StormTask : public Base, public Hooks
     {
         if (event->type == Actor::STATE_EVENT) {
             ++actor->GetWorld()->counts.stateEvents;
+            return true;
+        }
+        if (event->type == Actor::END_EVENT) {
+            actor->OnEnd();
             return true;
         }
         return Base::t_OnEvent(event);

@@ -86,6 +86,12 @@ void Actor::NoteFiring(const char* whose, Firings* firings, const TSEvent& event
     }
 }
 
+/// The exit event is wanted. It is taken next: it overtakes all that is queued.
+void Actor::OnEnd()
+{
+    m_exitSent = m_exitSent || TrySendExit(true);
+}
+
 /// From here on nothing is handled. What is left in further queues goes when this event has been
 /// handled, the rest with the task.
 void Actor::OnExit()
