@@ -54,8 +54,8 @@ class ZOR_CORE_API ITimer
         /// timer's constructor throws; may be empty. This is the place to free userData. It runs on
         /// the task's thread between two events (an idle task for which a full queue or a lack of
         /// memory kept the message out does so with its next turn), or, if the task's loop has
-        /// ended before, on the thread that destroys the task. Whoever deletes the task's own events
-        /// from its queue runs it as well. On the caller's thread it runs if the constructor
+        /// ended before, on the thread that destroys the task. Whoever deletes the task's own
+        /// events from its queue runs it as well. On the caller's thread it runs if the constructor
         /// throws, or the destructor finds that the scheduler does not know the timer.
         std::function<void(void*)> userDataRelease;
     };
