@@ -15,6 +15,15 @@ namespace {
 
 constexpr unsigned int MONOTONIC_BIT = 2;
 
+/// When a wait ends for no reason: after some steps, in which others believe that it lasts.
+std::int64_t SoonerThan(std::int64_t deadline)
+{
+    constexpr std::int64_t LONGEST_NSEC = 1000;
+
+    const auto chance = static_cast<std::int64_t>(g_report->hash % LONGEST_NSEC);
+    return g_now + chance < deadline ? g_now + chance : deadline;
+}
+
 /// Waits as long as nobody signals; afterwards the mutex is held again.
 int WaitFor(pthread_cond_t* condition, pthread_mutex_t* mutex, std::int64_t deadline,
             const void* caller)
@@ -28,12 +37,10 @@ int WaitFor(pthread_cond_t* condition, pthread_mutex_t* mutex, std::int64_t dead
     if (depth > 1) {
         Note("waits for a condition with a mutex locked more than once");
     }
-    Woken woken = Woken::BY_OTHER;
-    if (!DecideSpurious()) {
-        woken = Block(self, Operation::WAIT, condition, deadline);
-    }
+    const std::int64_t until = DecideSpurious() ? SoonerThan(deadline) : deadline;
+    const Woken woken = Block(self, Operation::WAIT, condition, until);
     Lock(self, mutex, NEVER);
-    return woken == Woken::BY_DEADLINE ? ETIMEDOUT : 0;
+    return woken == Woken::BY_DEADLINE && until == deadline ? ETIMEDOUT : 0;
 }
 
 int WaitUntil(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
@@ -42,9 +49,26 @@ int WaitUntil(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock
     return IsValid(*until) ? WaitFor(condition, mutex, Deadline(clock, *until), caller) : EINVAL;
 }
 
-/// The standard lets any of the waiters be woken.
+/// Whether the deadline of a waiter has come, and it has not run since.
+bool HasTimedOutWaiter(const pthread_cond_t* condition)
+{
+    for (std::uint32_t i = 0; i < ThreadCount(); ++i) {
+        const Thread& thread = *ThreadAt(i);
+        if (thread.state == ThreadState::RUNNABLE && thread.woken == Woken::BY_DEADLINE &&
+            thread.operation == Operation::WAIT && thread.object == condition) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// The standard lets any of the waiters be woken, and a signal be used up by one whose wait times
+/// out at the same moment.
 void WakeOne(const pthread_cond_t* condition)
 {
+    if (HasTimedOutWaiter(condition) && DecideSpurious()) {
+        return;
+    }
     std::uint32_t count = 0;
     for (std::uint32_t i = 0; i < ThreadCount(); ++i) {
         const Thread& thread = *ThreadAt(i);
