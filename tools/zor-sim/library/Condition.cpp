@@ -13,7 +13,43 @@ namespace zorsim {
 
 namespace {
 
-constexpr unsigned int MONOTONIC_BIT = 2;
+using Bytes = unsigned char[sizeof(pthread_cond_t)];
+
+/// Which byte of a condition says what clock it has differs between releases of libc, and the one
+/// that runs need not be the one that this was compiled for: a condition of each kind tells.
+struct ClockByte
+{
+    bool isKnown;
+    std::size_t at;
+    unsigned char monotonic;
+};
+
+ClockByte FindClockByte()
+{
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    pthread_cond_t usual = {};
+    pthread_cond_t other = {};
+    ZOR_SIM_REAL(pthread_cond_init)(&usual, nullptr);
+    ZOR_SIM_REAL(pthread_cond_init)(&other, &attributes);
+    const auto& usualBytes = reinterpret_cast<const Bytes&>(usual);
+    const auto& otherBytes = reinterpret_cast<const Bytes&>(other);
+    std::size_t at = 0;
+    while (at + 1 < sizeof(Bytes) && usualBytes[at] == otherBytes[at]) {
+        ++at;
+    }
+    return {true, at, static_cast<unsigned char>(usualBytes[at] ^ otherBytes[at])};
+}
+
+bool IsMonotonic(const pthread_cond_t* condition)
+{
+    static ClockByte s_byte; // of who has the turn
+    if (!s_byte.isKnown) {
+        s_byte = FindClockByte();
+    }
+    return (reinterpret_cast<const Bytes&>(*condition)[s_byte.at] & s_byte.monotonic) != 0;
+}
 
 /// When a wait ends for no reason: after some steps, in which others believe that it lasts.
 std::int64_t SoonerThan(std::int64_t deadline)
@@ -126,9 +162,8 @@ ZOR_SIM_EXPORT int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mut
     if (Self() == nullptr) {
         return ZOR_SIM_REAL(pthread_cond_timedwait)(condition, mutex, until);
     }
-    const bool isMonotonic = (condition->__data.__wrefs & MONOTONIC_BIT) != 0;
-    return WaitUntil(condition, mutex, isMonotonic ? CLOCK_MONOTONIC : CLOCK_REALTIME, until,
-                     ZOR_SIM_CALLER);
+    return WaitUntil(condition, mutex, IsMonotonic(condition) ? CLOCK_MONOTONIC : CLOCK_REALTIME,
+                     until, ZOR_SIM_CALLER);
 }
 
 ZOR_SIM_EXPORT int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
