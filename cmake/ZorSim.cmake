@@ -1,4 +1,5 @@
-# What a project needs to test its programs under the simulator.
+# What a project needs to test its programs under the simulator. Outside of zor-core's own build,
+# find_package(zor-core) includes it; ZOR_SIM_TOOL and ZOR_SIM_POINTS are where the tools are.
 
 # zor_add_sim_test(TARGET [SEEDS n] [NAME name] [ARGUMENTS...] [OPTIONS...])
 #
@@ -32,7 +33,7 @@ function(zor_sim_memory_points target)
   if(TARGET zor-sim-points)
     target_link_libraries(${target} PRIVATE zor-sim-points)
   else()
-    find_library(ZOR_SIM_POINTS zor-sim-points PATH_SUFFIXES zor-core REQUIRED)
+    find_library(ZOR_SIM_POINTS zor-sim-points REQUIRED)
     target_link_libraries(${target} PRIVATE ${ZOR_SIM_POINTS})
   endif()
 endfunction()

@@ -49,9 +49,9 @@ TEST_P(TutorialStepTest, PrintsWhatTheTutorialSays)
 
 INSTANTIATE_TEST_SUITE_P(Tutorial, TutorialStepTest,
                          ::testing::Values("step1_empty", "step2_task", "step3_messages",
-                                           "step4_timer", "step5_pause", "kit_step2_task",
-                                           "kit_step3_messages", "kit_step4_timer",
-                                           "kit_step5_pause"),
+                                           "step4_timer", "step5_pause", "step8_kept",
+                                           "kit_step2_task", "kit_step3_messages",
+                                           "kit_step4_timer", "kit_step5_pause"),
                          [](const auto& info) { return std::string(info.param); });
 
 /// A test program: not a daemon, but run like one.

@@ -36,6 +36,7 @@ build_with_find_package "$root/usr" "$SCRATCH/cmake"
 run_daemon "$root/usr/lib" "$SCRATCH/cmake/consumer" "counted 7"
 run_daemon "$root/usr/lib" "$SCRATCH/cmake/kit-consumer" "counted 7"
 test_with_find_package "$root/usr" "$SCRATCH/tests"
+simulate_with_find_package "$root/usr" "$SCRATCH/tests"
 LD_LIBRARY_PATH=$root/usr/lib "$root/usr/bin/zor-record" --version | grep -q '1\.0\.0' ||
     fail "the installed zor-record does not tell its version"
 

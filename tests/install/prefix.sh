@@ -15,6 +15,7 @@ build_with_find_package "$prefix" "$SCRATCH/cmake"
 run_daemon "$(library_dir "$prefix")" "$SCRATCH/cmake/consumer" "counted 7"
 run_daemon "$(library_dir "$prefix")" "$SCRATCH/cmake/kit-consumer" "counted 7"
 test_with_find_package "$prefix" "$SCRATCH/tests"
+simulate_with_find_package "$prefix" "$SCRATCH/tests"
 build_with_pkg_config "$prefix" "$SCRATCH/with-pkg-config"
 run_daemon "$(library_dir "$prefix")" "$SCRATCH/with-pkg-config" "counted 7"
 

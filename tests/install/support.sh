@@ -53,6 +53,19 @@ test_with_find_package() {
     grep -q link_zor_testing_instead_of_gtest_main <<<"$log" || fail "the linker says: $log"
 }
 
+# simulate_with_find_package PREFIX DIRECTORY: in a build by test_with_find_package, the installed simulator
+# finds a race, and nothing where there is none.
+simulate_with_find_package() {
+    local log
+    grep -q "ZOR_SIM_TOOL:FILEPATH=$1/" "$2/CMakeCache.txt" || fail "another zor-sim was found"
+    cmake --build "$2" --target race no-race
+    ctest --test-dir "$2" -R '^no-race-sim$' --no-tests=error --output-on-failure >&2 ||
+        fail "zor-sim finds something in a program without a race"
+    ! log=$(ctest --test-dir "$2" -R '^race\.Sim$' --no-tests=error --output-on-failure) ||
+        fail "zor-sim does not find the race: $log"
+    grep -q 'failed: ended with status 1' <<<"$log" || fail "of a program with a race zor-sim says: $log"
+}
+
 # build_with_pkg_config PREFIX PROGRAM
 build_with_pkg_config() {
     local flags

@@ -126,6 +126,12 @@ TEST(SimTimeTest, AnHourBesideAChildIsVirtual)
     EXPECT_EQ(ran.status, NOTHING_FOUND) << ran.text;
 }
 
+TEST(SimTimeTest, AChildMayTakeItsTime)
+{
+    const Ran ran = RunSim("--seed 1", "SlowChild");
+    EXPECT_EQ(ran.status, NOTHING_FOUND) << ran.text;
+}
+
 TEST(SimSpinTest, AThreadThatNeverCallsAnythingIsReported)
 {
     const Ran ran = RunSim("--seeds 1..50 --strategy sticky --spin 2", "Spin");

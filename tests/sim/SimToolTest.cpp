@@ -110,6 +110,14 @@ TEST_F(SimFileTest, ATraceNamesThreadsOperationsObjectsPlacesAndTimes)
     EXPECT_THAT(trace, ContainsRegex("0\\.0000[0-9]+ s"));
 }
 
+TEST_F(SimFileTest, ATraceShowsWhatTheProgramSaysOfItself)
+{
+    const Ran ran = RunSim("--seed 1 --trace " + m_path, "Points");
+    const std::string trace = Contents();
+    EXPECT_THAT(trace, ContainsRegex("main#[12] +passes \"between\"  .*Points.cpp"));
+    EXPECT_THAT(trace, ContainsRegex("main#[12] +passes \"has stored [12]\""));
+}
+
 TEST_F(SimFileTest, ATraceForTheViewerIsJson)
 {
     const Ran ran = RunSim("--seed 1 --trace-json " + m_path, "LostUpdate");

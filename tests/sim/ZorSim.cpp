@@ -5,12 +5,8 @@
 #include <array>
 #include <cstdio>
 
-Ran RunSim(const std::string& options, const std::string& program)
+Ran RunShell(const std::string& command)
 {
-    std::string command = SIM_TOOL " " + options;
-    if (!program.empty()) {
-        command += " -- " SIM_PROGRAMS "/sim-" + program;
-    }
     Ran ran;
     std::FILE* const pipe = popen((command + " 2>&1").c_str(), "re");
     if (pipe == nullptr) {
@@ -23,6 +19,12 @@ Ran RunSim(const std::string& options, const std::string& program)
     const int status = pclose(pipe);
     ran.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return ran;
+}
+
+Ran RunSim(const std::string& options, const std::string& program)
+{
+    return RunShell(SIM_TOOL " " + options +
+                    (program.empty() ? "" : " -- " SIM_PROGRAMS "/sim-" + program));
 }
 
 std::string LineAfter(const std::string& text, const std::string& begin)

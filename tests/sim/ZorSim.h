@@ -2,12 +2,15 @@
 
 #include <string>
 
-/// What a run of the tool left.
+/// What a run left.
 struct Ran
 {
     int status = -1;
     std::string text; ///< of both outputs
 };
+
+/// Runs a line of the shell.
+Ran RunShell(const std::string& command);
 
 /// Runs the tool: options, and the test's program (by name, with arguments) if it is not empty.
 Ran RunSim(const std::string& options, const std::string& program);

@@ -16,6 +16,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -211,6 +212,23 @@ double ProcessorTimeOf(pid_t process)
     return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
+/// Whether one of the process's threads runs, or would if it had a processor.
+bool WantsToRun(pid_t process)
+{
+    std::error_code ignored;
+    const std::string tasks = "/proc/" + std::to_string(process) + "/task";
+    for (const auto& task : std::filesystem::directory_iterator(tasks, ignored)) {
+        std::ifstream file(task.path() / "stat");
+        std::string text;
+        std::getline(file, text);
+        const std::size_t end = text.rfind(')');
+        if (end != std::string::npos && text.compare(end, 3, ") R") == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
 /// Watches a program until it ends or has to be ended.
 class Watch
 {
@@ -259,7 +277,8 @@ class Watch
         if (spent >= m_options.spinSec) {
             return Outcome::SPIN;
         }
-        return spent < real * LEAST_SHARE ? Outcome::STUCK : Outcome::PASSED;
+        return spent < real * LEAST_SHARE && !WantsToRun(m_process) ? Outcome::STUCK
+                                                                    : Outcome::PASSED;
     }
 
     const RunOptions& m_options;

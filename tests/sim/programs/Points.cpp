@@ -14,6 +14,7 @@ int main()
         const int before = number;
         zorsim::Point("between");
         number = before + 1;
+        zorsim::Point("has stored", number);
     };
     std::thread other(add);
     add();

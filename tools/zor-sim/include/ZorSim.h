@@ -6,6 +6,8 @@
 /// nothing. A program needs this header alone and is linked with nothing for it. All may be called
 /// by any thread at any time.
 
+#include <cstdio>
+
 extern "C" {
 __attribute__((weak)) void zor_sim_point(const char* name);
 __attribute__((weak)) unsigned int zor_sim_choose(unsigned int count);
@@ -27,6 +29,17 @@ inline void Point(const char* name)
 {
     if (zor_sim_point != nullptr) {
         zor_sim_point(name);
+    }
+}
+
+/// The same with a number behind the name, such as the type of an event, which the simulator does
+/// not know by itself: `Point("handles", event->type)`.
+inline void Point(const char* name, unsigned long number)
+{
+    if (zor_sim_point != nullptr) {
+        char text[32];
+        std::snprintf(text, sizeof(text), "%s %lu", name, number);
+        zor_sim_point(text);
     }
 }
 

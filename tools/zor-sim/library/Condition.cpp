@@ -13,7 +13,52 @@ namespace zorsim {
 
 namespace {
 
-constexpr unsigned int MONOTONIC_BIT = 2;
+using Bytes = unsigned char[sizeof(pthread_cond_t)];
+
+/// Which byte of a condition says what clock it has differs between releases of libc, and the one
+/// that runs need not be the one that this was compiled for: a condition of each kind tells.
+struct ClockByte
+{
+    bool isKnown;
+    std::size_t at;
+    unsigned char monotonic;
+};
+
+ClockByte FindClockByte()
+{
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    pthread_cond_t usual = {};
+    pthread_cond_t other = {};
+    ZOR_SIM_REAL(pthread_cond_init)(&usual, nullptr);
+    ZOR_SIM_REAL(pthread_cond_init)(&other, &attributes);
+    const auto& usualBytes = reinterpret_cast<const Bytes&>(usual);
+    const auto& otherBytes = reinterpret_cast<const Bytes&>(other);
+    std::size_t at = 0;
+    while (at + 1 < sizeof(Bytes) && usualBytes[at] == otherBytes[at]) {
+        ++at;
+    }
+    return {true, at, static_cast<unsigned char>(usualBytes[at] ^ otherBytes[at])};
+}
+
+bool IsMonotonic(const pthread_cond_t* condition)
+{
+    static ClockByte s_byte; // of who has the turn
+    if (!s_byte.isKnown) {
+        s_byte = FindClockByte();
+    }
+    return (reinterpret_cast<const Bytes&>(*condition)[s_byte.at] & s_byte.monotonic) != 0;
+}
+
+/// When a wait ends for no reason: after some steps, in which others believe that it lasts.
+std::int64_t SoonerThan(std::int64_t deadline)
+{
+    constexpr std::int64_t LONGEST_NSEC = 1000;
+
+    const auto chance = static_cast<std::int64_t>(g_report->hash % LONGEST_NSEC);
+    return g_now + chance < deadline ? g_now + chance : deadline;
+}
 
 /// Waits as long as nobody signals; afterwards the mutex is held again.
 int WaitFor(pthread_cond_t* condition, pthread_mutex_t* mutex, std::int64_t deadline,
@@ -28,12 +73,10 @@ int WaitFor(pthread_cond_t* condition, pthread_mutex_t* mutex, std::int64_t dead
     if (depth > 1) {
         Note("waits for a condition with a mutex locked more than once");
     }
-    Woken woken = Woken::BY_OTHER;
-    if (!DecideSpurious()) {
-        woken = Block(self, Operation::WAIT, condition, deadline);
-    }
+    const std::int64_t until = DecideSpurious() ? SoonerThan(deadline) : deadline;
+    const Woken woken = Block(self, Operation::WAIT, condition, until);
     Lock(self, mutex, NEVER);
-    return woken == Woken::BY_DEADLINE ? ETIMEDOUT : 0;
+    return woken == Woken::BY_DEADLINE && until == deadline ? ETIMEDOUT : 0;
 }
 
 int WaitUntil(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
@@ -42,9 +85,26 @@ int WaitUntil(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock
     return IsValid(*until) ? WaitFor(condition, mutex, Deadline(clock, *until), caller) : EINVAL;
 }
 
-/// The standard lets any of the waiters be woken.
+/// Whether the deadline of a waiter has come, and it has not run since.
+bool HasTimedOutWaiter(const pthread_cond_t* condition)
+{
+    for (std::uint32_t i = 0; i < ThreadCount(); ++i) {
+        const Thread& thread = *ThreadAt(i);
+        if (thread.state == ThreadState::RUNNABLE && thread.woken == Woken::BY_DEADLINE &&
+            thread.operation == Operation::WAIT && thread.object == condition) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// The standard lets any of the waiters be woken, and a signal be used up by one whose wait times
+/// out at the same moment.
 void WakeOne(const pthread_cond_t* condition)
 {
+    if (HasTimedOutWaiter(condition) && DecideSpurious()) {
+        return;
+    }
     std::uint32_t count = 0;
     for (std::uint32_t i = 0; i < ThreadCount(); ++i) {
         const Thread& thread = *ThreadAt(i);
@@ -102,9 +162,8 @@ ZOR_SIM_EXPORT int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mut
     if (Self() == nullptr) {
         return ZOR_SIM_REAL(pthread_cond_timedwait)(condition, mutex, until);
     }
-    const bool isMonotonic = (condition->__data.__wrefs & MONOTONIC_BIT) != 0;
-    return WaitUntil(condition, mutex, isMonotonic ? CLOCK_MONOTONIC : CLOCK_REALTIME, until,
-                     ZOR_SIM_CALLER);
+    return WaitUntil(condition, mutex, IsMonotonic(condition) ? CLOCK_MONOTONIC : CLOCK_REALTIME,
+                     until, ZOR_SIM_CALLER);
 }
 
 ZOR_SIM_EXPORT int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,

@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 
 #include "Deadline.h"
@@ -26,6 +27,7 @@ namespace {
 constexpr int STAND_MSEC = 2000;
 constexpr int OUTSIDE_MSEC = 5000;
 constexpr int SLICE_MSEC = 2;
+constexpr int USEC = 1000;
 
 constexpr std::uint32_t MAX_TIMERS = 256;
 
@@ -61,6 +63,26 @@ bool IsChildEnded()
            info.si_pid != 0;
 }
 
+/// What a slice counts of such a time, in microseconds: on a machine where many threads want each
+/// processor somebody who is waited for gets as much less done.
+int WorthOfSlice()
+{
+    char text[64] = {};
+    const long file = ZOR_SIM_REAL(syscall)(SYS_openat, AT_FDCWD, "/proc/loadavg", O_RDONLY);
+    if (file >= 0) {
+        ZOR_SIM_REAL(read)(static_cast<int>(file), text, sizeof(text) - 1);
+        ZOR_SIM_REAL(close)(static_cast<int>(file));
+    }
+    const char* const slash = strchr(text, '/'); // "0.20 0.18 0.12 1/80 11206"
+    const char* running = slash;
+    while (slash != nullptr && running > text && running[-1] != ' ') {
+        --running;
+    }
+    const int wanting = running != nullptr ? atoi(running) : 1;
+    const auto processors = static_cast<int>(ZOR_SIM_REAL(sysconf)(_SC_NPROCESSORS_ONLN));
+    return SLICE_MSEC * USEC / (wanting > processors && processors > 0 ? wanting / processors : 1);
+}
+
 bool IsReady(Thread* thread, int msec)
 {
     if (thread->operation == Operation::CHILD || thread->operation == Operation::SIGNAL_WAIT) {
@@ -77,8 +99,8 @@ bool IsReadyOutside(Thread* thread, bool mayStand)
     const int before = errno;
     bool isReady = IsReady(thread, 0);
     g_report->outside = 1;
-    for (int spent = 0; !isReady && mayStand && spent < STAND_MSEC && HasChildren();
-         spent += SLICE_MSEC) {
+    for (int spent = 0; !isReady && mayStand && spent < STAND_MSEC * USEC && HasChildren();
+         spent += WorthOfSlice()) {
         isReady = IsReady(thread, SLICE_MSEC);
     }
     g_report->outside = 0;
@@ -99,7 +121,8 @@ void AwaitOutside()
 {
     Note("input from outside of the process");
     g_report->outside = 1;
-    for (int spent = 0; spent < OUTSIDE_MSEC; spent += SLICE_MSEC) {
+    // Whatever a child does will come to an end, or the run will, by its limit.
+    for (int spent = 0; spent < OUTSIDE_MSEC * USEC; spent += HasChildren() ? 0 : WorthOfSlice()) {
         for (std::uint32_t i = 0; i < ThreadCount(); ++i) {
             Thread* const thread = ThreadAt(i);
             if (thread->state == ThreadState::WAITING && thread->waitsOutside &&
