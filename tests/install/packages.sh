@@ -4,10 +4,25 @@
 
 rm -rf "$SCRATCH"
 mkdir -p "$SCRATCH"
-cd "$BUILD_DIR"
-cpack -G DEB -B "$SCRATCH/packages" >"$SCRATCH/cpack.log" 2>&1 ||
-    fail "cpack: $(cat "$SCRATCH/cpack.log")"
-packages=("$SCRATCH"/packages/*.deb)
+# Outside of the build: cpack would follow a link in it that leads back to it without an end.
+sources=$(mktemp -d)
+trap 'rm -rf "$sources"' EXIT
+mkdir "$sources/build"
+ln -s "$BUILD_DIR" "$sources/build/release"
+# The page's commands, but that apt only says what it would do: it finds what the packages depend on.
+page_block "run: packages" >"$SCRATCH/packages.sh"
+(
+    cd "$sources"
+    export HOME=$SCRATCH
+    # shellcheck disable=SC2317 # the page's commands call it
+    sudo() {
+        [ "$1 $2" = "apt install" ] || fail "the page has another command for root: $*"
+        apt-get --simulate --no-install-recommends install "${@:3}"
+    }
+    # shellcheck disable=SC1091 # it has just been written
+    . "$SCRATCH/packages.sh"
+) >"$SCRATCH/cpack.log" 2>&1 || fail "the page's commands: $(cat "$SCRATCH/cpack.log")"
+packages=("$SCRATCH"/zor-packages/*.deb)
 names=$(for package in "${packages[@]}"; do dpkg-deb -f "$package" Package; done | sort | xargs)
 [ "$names" = "libzor-core-dev libzor-core1 zor-core-tools" ] || fail "the packages are: $names"
 
@@ -15,7 +30,7 @@ allow_root=()
 [ "$(id -u)" -ne 0 ] || allow_root=(--allow-root)
 lintian "${allow_root[@]}" --fail-on error "${packages[@]}" || fail "lintian found errors (above)"
 
-depends=$(dpkg-deb -f "$SCRATCH"/packages/zor-core-tools_*.deb Depends)
+depends=$(dpkg-deb -f "$SCRATCH"/zor-packages/zor-core-tools_*.deb Depends)
 [[ $depends == *"libzor-core1 (>= 1.0.0)"* ]] || fail "zor-core-tools depends on: $depends"
 
 # A root with an empty package database; the packages' own dependencies are on the real machine.

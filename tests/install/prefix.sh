@@ -18,6 +18,14 @@ test_with_find_package "$prefix" "$SCRATCH/tests"
 build_with_pkg_config "$prefix" "$SCRATCH/with-pkg-config"
 run_daemon "$(library_dir "$prefix")" "$SCRATCH/with-pkg-config" "counted 7"
 
+# The headers say so where they cannot be used.
+flags=$(flags_of "$prefix" --cflags)
+# shellcheck disable=SC2086  # several flags
+! refusal=$(g++ -std=c++17 -U__LP64__ -fsyntax-only $flags -include Task.h -x c++ /dev/null 2>&1) ||
+    fail "Task.h compiles where long and pointers have not 64 bits"
+grep -q "zor-core is for Linux where long and pointers have 64 bits (LP64)" <<<"$refusal" ||
+    fail "Task.h says where it cannot be used: $refusal"
+
 # The platform of the development machine is a component of its own.
 cmake --install "$BUILD_DIR" --prefix "$SCRATCH/platform" --component platform >/dev/null
 found=$(cd "$SCRATCH/platform/lib" && find . -name '*.so*' | sort)
