@@ -44,6 +44,14 @@ it as a trace, zor-inspect shows what a running, hung or dead daemon is doing.
 infobox shows a daemon's messages on a terminal, and zor-tsmon is an example
 daemon that monitors a transport stream.")
 
+# The words of LICENSE in the form of Debian's copyright file: every line behind a blank, empty ones a dot.
+file(READ ${PROJECT_SOURCE_DIR}/LICENSE ZOR_LICENSE)
+string(STRIP "${ZOR_LICENSE}" ZOR_LICENSE)
+string(REPLACE "\n\n" "\n.\n" ZOR_LICENSE " ${ZOR_LICENSE}")
+string(REPLACE "\n" "\n " ZOR_LICENSE "${ZOR_LICENSE}")
+configure_file(${PROJECT_SOURCE_DIR}/cmake/package/copyright.in ${PROJECT_BINARY_DIR}/package/copyright @ONLY)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/LICENSE)
+
 # Every package has its own folder of documents; Debian wants the change log compressed.
 find_program(GZIP_PROGRAM gzip REQUIRED)
 foreach(package
@@ -59,7 +67,7 @@ foreach(package
   execute_process(COMMAND ${GZIP_PROGRAM} -9nf ${zor_documents}/changelog.Debian
                   COMMAND_ERROR_IS_FATAL ANY)
   install(FILES ${zor_documents}/changelog.Debian.gz
-                ${PROJECT_SOURCE_DIR}/cmake/package/copyright
+                ${PROJECT_BINARY_DIR}/package/copyright
           DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${ZOR_PACKAGE_NAME}
           COMPONENT ${zor_component})
 endforeach()

@@ -54,6 +54,13 @@ test_with_find_package "$root/usr" "$SCRATCH/tests"
 LD_LIBRARY_PATH=$root/usr/lib "$root/usr/bin/zor-record" --version | grep -q '1\.0\.0' ||
     fail "the installed zor-record does not tell its version"
 
+# Every package says who has the rights, in the words of LICENSE.
+words() { sed -e 's/^ \.$//' "$@" | xargs -d '\n' printf '%s ' | tr -s ' '; }
+for package in libzor-core1 libzor-core-dev zor-core-tools; do
+    [[ $(words "$root/usr/share/doc/$package/copyright") == *"$(words "$SOURCE_DIR/LICENSE")"* ]] ||
+        fail "$package does not have the words of LICENSE"
+done
+
 dpkg_in_root --purge zor-core-tools libzor-core-dev libzor-core1
 [ "$(files)" = "$before" ] || fail "this is left after removal: $(files)"
 [ ! -e "$root/usr" ] || fail "folders are left after removal: $(find "$root/usr")"
