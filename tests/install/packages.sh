@@ -28,7 +28,8 @@ names=$(for package in "${packages[@]}"; do dpkg-deb -f "$package" Package; done
 
 allow_root=()
 [ "$(id -u)" -ne 0 ] || allow_root=(--allow-root)
-lintian "${allow_root[@]}" --fail-on error "${packages[@]}" || fail "lintian found errors (above)"
+lintian "${allow_root[@]}" --fail-on error,warning "${packages[@]}" ||
+    fail "lintian found something (above)"
 
 depends=$(dpkg-deb -f "$SCRATCH"/zor-packages/zor-core-tools_*.deb Depends)
 [[ $depends == *"libzor-core1 (>= 1.0.0)"* ]] || fail "zor-core-tools depends on: $depends"
@@ -53,6 +54,27 @@ run_daemon "$root/usr/lib" "$SCRATCH/cmake/kit-consumer" "counted 7"
 test_with_find_package "$root/usr" "$SCRATCH/tests"
 LD_LIBRARY_PATH=$root/usr/lib "$root/usr/bin/zor-record" --version | grep -q '1\.0\.0' ||
     fail "the installed zor-record does not tell its version"
+
+# gdb finds its script by the real path of the library, which is that below /usr.
+library=$(cd "$root" && find . -name 'libzor-core.so.1.*' ! -path './usr/share/*')
+[ "$(wc -l <<<"$library")" -eq 1 ] || fail "the library is: $library"
+script=$root/usr/share/gdb/auto-load${library#.}-gdb.py
+[ -e "$script" ] || fail "gdb does not find: $(cd "$root" && find . -name '*-gdb.py')"
+! gdb -nx -batch -ex "python exec(open('$script').read(), {'__file__': '$script'})" 2>&1 | grep . ||
+    fail "the script for gdb (above)"
+
+# The example unit means what systemd takes it for, and keeps the daemon from what it does not need.
+unit=$root/usr/share/doc/zor-core-tools/examples/zor-tsmon.service
+program=$(sed -n 's/^ExecStart=\([^ ]*\).*/\1/p' "$unit")
+[ -x "$root$program" ] || fail "the unit starts $program, which is not installed"
+if command -v systemd-analyze >/dev/null; then
+    sed "s,=$program,=/bin/true," "$unit" >"$SCRATCH/zor-tsmon.service" # it wants a program that is there
+    log=$(systemd-analyze verify --man=no "$SCRATCH/zor-tsmon.service" 2>&1) && [ -z "$log" ] || fail "the unit: $log"
+    log=$(systemd-analyze security --offline=true --threshold=20 --no-pager "$SCRATCH/zor-tsmon.service" 2>&1) ||
+        fail "the unit leaves the daemon too exposed: $log"
+else
+    printf 'SKIPPED: the unit is not looked at, because systemd is not there\n'
+fi
 
 # Every package says who has the rights, in the words of LICENSE.
 words() { sed -e 's/^ \.$//' "$@" | xargs -d '\n' printf '%s ' | tr -s ' '; }
