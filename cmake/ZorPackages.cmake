@@ -32,17 +32,27 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}-1), libexpected-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "libgtest-dev (>= 1.12)")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
-    "Headers of the runtime, typed messages over it, headers of its platform, the files that CMake and
-pkg-config need to find them, and a library for applications' tests.")
+    "Headers of the runtime, typed messages over it, headers of its platform, the
+files that CMake and pkg-config need to find them, and a library for
+applications' tests.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zor-core-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
-    "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (>= ${PROJECT_VERSION}), gdb, python3")
+    "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (>= ${PROJECT_VERSION}), gdb, mount, python3")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
     "Tools for engineers: zor-record prints what a daemon has recorded and exports
-it as a trace, zor-inspect shows what a running, hung or dead daemon is doing.
-infobox shows a daemon's messages on a terminal, and zor-tsmon is an example
-daemon that monitors a transport stream.")
+it as a trace, zor-inspect shows what a running, hung or dead daemon is doing,
+zor-sim runs programs by seed and in virtual time, and zor-apart gives each
+daemon a /tmp of its own. infobox shows a daemon's messages on a terminal, and
+zor-tsmon is an example daemon that monitors a transport stream.")
+
+# The words of LICENSE in the form of Debian's copyright file: every line behind a blank, empty ones a dot.
+file(READ ${PROJECT_SOURCE_DIR}/LICENSE ZOR_LICENSE)
+string(STRIP "${ZOR_LICENSE}" ZOR_LICENSE)
+string(REPLACE "\n\n" "\n.\n" ZOR_LICENSE " ${ZOR_LICENSE}")
+string(REPLACE "\n" "\n " ZOR_LICENSE "${ZOR_LICENSE}")
+configure_file(${PROJECT_SOURCE_DIR}/cmake/package/copyright.in ${PROJECT_BINARY_DIR}/package/copyright @ONLY)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/LICENSE)
 
 # Every package has its own folder of documents; Debian wants the change log compressed.
 find_program(GZIP_PROGRAM gzip REQUIRED)
@@ -59,8 +69,11 @@ foreach(package
   execute_process(COMMAND ${GZIP_PROGRAM} -9nf ${zor_documents}/changelog.Debian
                   COMMAND_ERROR_IS_FATAL ANY)
   install(FILES ${zor_documents}/changelog.Debian.gz
-                ${PROJECT_SOURCE_DIR}/cmake/package/copyright
+                ${PROJECT_BINARY_DIR}/package/copyright
           DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${ZOR_PACKAGE_NAME}
+          COMPONENT ${zor_component})
+  install(FILES ${PROJECT_SOURCE_DIR}/cmake/package/${ZOR_PACKAGE_NAME}.lintian-overrides
+          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides RENAME ${ZOR_PACKAGE_NAME}
           COMPONENT ${zor_component})
 endforeach()
 

@@ -39,6 +39,18 @@ std::string RuntimeSources()
     return text;
 }
 
+/// The sources of the tests that have a fixture for each component, one behind the other.
+std::string TestSources()
+{
+    std::string text;
+    for (const char* directory : {"tests/unit", "tests/process", "tests/faults"}) {
+        for (const std::string& name : zortest::SourceFiles(directory, ".cpp")) {
+            text += zortest::SourceText(std::string(directory) + '/' + name);
+        }
+    }
+    return text;
+}
+
 TEST(DocumentTest, TutorialShowsEachStepToTheLetter)
 {
     const std::vector<Block> blocks =
@@ -110,6 +122,14 @@ TEST(DocumentTest, ReadmeShowsTheSmallestDaemonToTheLetter)
     EXPECT_EQ(code->text, zortest::SourceText("examples/hello/hello.cpp"));
 }
 
+TEST(DocumentTest, ReadmeQuotesWhatOtherSystemsAreTold)
+{
+    const std::vector<std::string> told =
+        FindAll(zortest::SourceText("inc/ZorExport.h"), "#error[^\"]*\"([^\"]*)\"");
+    ASSERT_THAT(told, SizeIs(1U));
+    EXPECT_THAT(zortest::SourceText("README.md"), HasSubstr("\n> " + told[0] + '\n'));
+}
+
 TEST(DocumentTest, EveryLinkLeadsSomewhere)
 {
     for (const std::string& document : Documents()) {
@@ -152,6 +172,33 @@ TEST(DocumentTest, QuotedLogLinesAreTheRuntimes)
     ASSERT_THAT(quoted, SizeIs(Ge(5U)));
     for (const std::string& text : quoted) {
         EXPECT_THAT(sources, HasSubstr(text));
+    }
+}
+
+/// What must not be repaired is in the source that the page names, and there is a test that holds
+/// it.
+TEST(DocumentTest, FixedBehaviourIsWhereThePageSaysAndHeldByTests)
+{
+    const std::string tests = TestSources();
+    const std::vector<std::string> rows =
+        FindAll(zortest::SourceText("docs/fixed.md"), "\n(\\| [^\n]*`(src|inc)/[^\n]*)");
+    ASSERT_THAT(rows, SizeIs(Ge(35U)));
+    for (const std::string& row : rows) {
+        std::string sources;
+        for (const std::string& name : FindAll(row, "`((src|inc)/[A-Za-z]+\\.(cpp|h))`")) {
+            sources += zortest::SourceText(name);
+        }
+        for (const std::string& text : FindAll(row, "`\"([^`]*)\"`")) {
+            EXPECT_THAT(sources, HasSubstr(text)) << row;
+        }
+        const std::vector<std::string> holders = FindAll(row, "`([A-Za-z]+Test\\.[A-Za-z0-9]+)`");
+        EXPECT_THAT(holders, SizeIs(Ge(1U))) << row;
+        for (const std::string& holder : holders) {
+            const std::size_t dot = holder.find('.');
+            EXPECT_THAT(
+                tests, HasSubstr('(' + holder.substr(0, dot) + ", " + holder.substr(dot + 1) + ')'))
+                << row;
+        }
     }
 }
 

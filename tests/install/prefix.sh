@@ -19,6 +19,29 @@ simulate_with_find_package "$prefix" "$SCRATCH/tests"
 build_with_pkg_config "$prefix" "$SCRATCH/with-pkg-config"
 run_daemon "$(library_dir "$prefix")" "$SCRATCH/with-pkg-config" "counted 7"
 
+# The pretty-printers lie beside the library, wherever that is; gdb wants to be told to trust them.
+library=$(realpath "$(library_dir "$prefix")/libzor-core.so.1")
+printers=$(gdb -nx -batch -iex "set debuginfod enabled off" -iex "add-auto-load-safe-path $prefix" \
+    -ex "info pretty-printer .* zor-core" "$library" 2>&1)
+grep -qx '    TCTask' <<<"$printers" || fail "gdb has no pretty-printers: $printers"
+
+# Every program has a manual page, and so does the library.
+for program in "$prefix"/bin/*; do
+    [ -e "$prefix/share/man/man1/$(basename "$program").1.gz" ] || fail "$program has no manual page"
+done
+zcat "$prefix"/share/man/man1/zor-tsmon.1.gz | grep -q 'monitors the services of a transport stream' ||
+    fail "the manual page of zor-tsmon has no summary"
+zcat "$prefix/share/man/man7/zor-core.7.gz" | cmp - "$SOURCE_DIR/docs/man/zor-core.7" ||
+    fail "the manual page of the library is another one"
+
+# The headers say so where they cannot be used.
+flags=$(flags_of "$prefix" --cflags)
+# shellcheck disable=SC2086  # several flags
+! refusal=$(g++ -std=c++17 -U__LP64__ -fsyntax-only $flags -include Task.h -x c++ /dev/null 2>&1) ||
+    fail "Task.h compiles where long and pointers have not 64 bits"
+grep -q "zor-core is for Linux where long and pointers have 64 bits (LP64)" <<<"$refusal" ||
+    fail "Task.h says where it cannot be used: $refusal"
+
 # The platform of the development machine is a component of its own.
 cmake --install "$BUILD_DIR" --prefix "$SCRATCH/platform" --component platform >/dev/null
 found=$(cd "$SCRATCH/platform/lib" && find . -name '*.so*' | sort)

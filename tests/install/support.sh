@@ -66,11 +66,16 @@ simulate_with_find_package() {
     grep -q 'failed: ended with status 1' <<<"$log" || fail "of a program with a race zor-sim says: $log"
 }
 
+# flags_of PREFIX OPTION...: what pkg-config tells of the library below PREFIX.
+flags_of() {
+    PKG_CONFIG_PATH=$(dirname "$(find "$1" -name zor-core.pc)") pkg-config "${@:2}" zor-core ||
+        fail "pkg-config does not find zor-core"
+}
+
 # build_with_pkg_config PREFIX PROGRAM
 build_with_pkg_config() {
     local flags
-    flags=$(PKG_CONFIG_PATH=$(dirname "$(find "$1" -name zor-core.pc)") \
-        pkg-config --cflags --libs zor-core) || fail "pkg-config does not find zor-core"
+    flags=$(flags_of "$1" --cflags --libs)
     # shellcheck disable=SC2086  # several flags
     g++ -std=c++17 -Wall -Wextra -Wpedantic -Werror "$SOURCE_DIR/tests/install/consumer/Daemon.cpp" \
         -o "$2" $flags
@@ -78,3 +83,24 @@ build_with_pkg_config() {
 
 # library_dir PREFIX: where the library is below PREFIX.
 library_dir() { dirname "$(find "$1" -name libzor-core.so.1)"; }
+
+# page_block NOTE: the block of docs/using.md below the comment NOTE, without the indentation of its fence.
+page_block() {
+    awk -v note="<!-- $1 -->" '
+        inside && $1 == "```" { inside = 0; next }
+        inside { print substr($0, indent + 1) }
+        /^ *```/ && before == note { inside = 1; found += 1; indent = index($0, "`") - 1 }
+        { before = $0; sub(/^ */, "", before) }
+        END { exit found != 1 || inside }
+    ' "$SOURCE_DIR/docs/using.md" || fail "docs/using.md has not one block '$1'"
+}
+
+# page_sources BUILD_FILE DIRECTORY: writes the page's project with that CMakeLists.txt.
+page_sources() {
+    local file
+    mkdir -p "$2"
+    page_block "$1" >"$2/CMakeLists.txt"
+    for file in Greeter.h Main.cpp GreeterTest.cpp; do
+        page_block "greeter/$file" >"$2/$file"
+    done
+}

@@ -1,0 +1,84 @@
+#!/usr/bin/env bash
+# zor-apart gives a command a /tmp of its own, and is not in its way otherwise. The environment gives BIN,
+# the build's programs, and SCRATCH, a folder that the test may fill.
+set -euo pipefail
+# shellcheck disable=SC2016  # what stands in single quotes is expanded inside
+
+fail() {
+    printf 'FAILED: %s\n' "$*" >&2
+    exit 1
+}
+# expect_status N COMMAND...: its output is in $output.
+expect_status() {
+    local status=0
+    output=$("${@:2}" 2>&1) || status=$?
+    [ "$status" -eq "$1" ] || fail "'${*:2}' ended with status $status, not $1: $output"
+}
+apart=$BIN/zor-apart
+
+expect_status 0 "$apart" --help
+[[ $output == *"Usage: zor-apart [OPTIONS] COMMAND"* ]] || fail "the help is: $output"
+expect_status 0 "$apart" --version
+[ "$output" = "zor-apart 1.0.0" ] || fail "the version is: $output"
+expect_status 125 "$apart"
+expect_status 125 "$apart" --nonesuch true
+expect_status 125 "$apart" --tmp
+expect_status 125 "$apart" --tmp "$SCRATCH/nonesuch" true
+
+if ! unshare --mount true 2>/dev/null && ! unshare --user --map-root-user --mount true 2>/dev/null; then
+    expect_status 125 "$apart" true
+    [[ $output == *"the kernel refuses them"* ]] || fail "it says where it is refused: $output"
+    printf 'SKIPPED: nobody may make a namespace here\n'
+    exit 77
+fi
+rm -rf "$SCRATCH"
+mkdir -p "$SCRATCH/first"
+
+# The command's own: arguments, status, signals.
+expect_status 0 "$apart" printf '%s|' 'a b' '' "c'd" '$HOME'
+[ "$output" = "a b||c'd|\$HOME|" ] || fail "the arguments were: $output"
+expect_status 7 "$apart" -- bash -c 'exit 7'
+expect_status 143 "$apart" bash -c 'kill -TERM $$'
+expect_status 127 "$apart" nonesuch-command
+expect_status 126 "$apart" "$SCRATCH"
+"$apart" bash -c 'echo $$' >"$SCRATCH/pid" &
+wait $!
+[ "$(cat "$SCRATCH/pid")" = $! ] || fail "the command is not the process that was started"
+
+# A /tmp of its own, the user as before.
+mark=$(mktemp /tmp/zor-apart.XXXXXX)
+trap 'rm -f "$mark"' EXIT
+expect_status 0 "$apart" bash -c 'ls -A /tmp; stat -c %a /tmp; touch /tmp/zor-apart-own; ls /tmp; id -u; id -g'
+[ "$output" = "$(printf '%s\n' 1777 zor-apart-own "$(id -u)" "$(id -g)")" ] || fail "inside is: $output"
+[ ! -e /tmp/zor-apart-own ] || fail "what was made inside is outside"
+[ -e "$mark" ] || fail "what was outside is gone"
+
+# Three daemons with a pid file each; the second start in one of their folders steps aside.
+export ZOR_DLOG=none
+for _ in 1 2; do
+    expect_status 0 "$apart" "$BIN/hello"
+    [ "$output" = "hello 42" ] || fail "a daemon printed: $output"
+done
+expect_status 0 "$apart" --tmp "$SCRATCH/first" "$BIN/hello"
+[ "$output" = "hello 42" ] || fail "the daemon with a folder printed: $output"
+[[ $(cat "$SCRATCH/first/.zor-daemon.pid") =~ ^[0-9]+$ ]] || fail "its pid file is not in the folder"
+expect_status 0 "$apart" --tmp "$SCRATCH/first" "$BIN/hello"
+[ "$output" = "" ] || fail "the second daemon with that folder did not step aside: $output"
+
+# Where the kernel refuses, in a namespace that allows no further ones: a clear word and the status.
+if unshare --user --map-root-user true 2>/dev/null; then
+    expect_status 125 unshare --user --map-root-user bash -c \
+        'echo 0 >/proc/sys/user/max_user_namespaces
+        exec setpriv --bounding-set=-all --inh-caps=-all "$@"' bash "$apart" touch "$SCRATCH/started"
+    [[ $output == *"the kernel refuses them"*"max_user_namespaces"* ]] || fail "it says: $output"
+    [ ! -e "$SCRATCH/started" ] || fail "the command was started all the same"
+fi
+
+# Not for root alone.
+if [ "$(id -u)" -eq 0 ] && setpriv --reuid=65534 --regid=65534 --clear-groups \
+    unshare --user --map-root-user --mount true 2>/dev/null; then
+    expect_status 0 setpriv --reuid=65534 --regid=65534 --clear-groups sh -s -- \
+        sh -c 'echo $(id -u) $(id -g) $(ls -A /tmp | wc -l)' <"$apart"
+    [ "$output" = "65534 65534 0" ] || fail "a user without rights sees: $output"
+fi
+rm -rf "$SCRATCH"
