@@ -58,6 +58,7 @@ void DisplayTask::DrawProgress()
     progress.bitRate = FiguresOfAll(statistics->lastSecond).bitRate;
     progress.continuityErrors = FiguresOfAll(statistics->total).continuityErrors;
     progress.isInputLost = m_shown.reader.IsInputLost();
+    progress.isPacketless = m_shown.reader.IsPacketless();
     m_progress.Draw(progress);
 }
 
@@ -76,6 +77,7 @@ void DisplayTask::PrintTableAgain()
     outcome.table = *std::move(table);
     outcome.statistics = std::move(statistics->total);
     outcome.inputLosses = m_shown.reader.InputLosses();
+    outcome.packetlessInputs = m_shown.reader.PacketlessInputs();
     if (m_options.realtime) {
         outcome.lastSecond = std::move(statistics->lastSecond);
     }

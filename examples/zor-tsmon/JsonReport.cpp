@@ -2,7 +2,9 @@
 
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <vector>
 
+#include "Complaints.h"
 #include "ServiceId.h"
 #include "ZorServiceDebug.h"
 
@@ -26,6 +28,7 @@ void AddFigures(Json& object, const Figures& figures)
     object["packets"] = figures.packets;
     object["bitRate"] = OrNull(figures.bitRate);
     object["continuityErrors"] = figures.continuityErrors;
+    object["scrambledPackets"] = figures.scrambledPackets;
 }
 
 Json StreamObject(const ElementaryStream& stream, const StreamStatistics& statistics)
@@ -60,6 +63,16 @@ Json ServiceObject(const Service& service, const Outcome& outcome)
     return object;
 }
 
+/// Why it failed; null if it did not.
+Json FailureText(const std::vector<std::string>& complaints)
+{
+    std::string text;
+    for (const std::string& complaint : complaints) {
+        text += (text.empty() ? "" : "; ") + complaint;
+    }
+    return complaints.empty() ? Json() : Json(text);
+}
+
 Json DamageObject(const StreamCounts& counts)
 {
     Json object;
@@ -78,16 +91,21 @@ void PrintJson(const std::string& path, const Outcome& outcome, std::ostream& ou
     const double seconds = std::chrono::duration<double>(outcome.statistics.time).count();
     Json document;
     document["file"] = path;
-    document["failure"] = outcome.failure.empty() ? Json() : Json(outcome.failure);
+    const std::vector<std::string> complaints = ComplaintsOf(outcome);
+    document["ok"] = complaints.empty();
+    document["failure"] = FailureText(complaints);
     document["stopped"] = outcome.stopped;
     document["transportStreamId"] = OrNull(outcome.table.TransportStreamId());
     document["bytes"] = outcome.counts.bytes;
     document["packets"] = outcome.counts.packets;
+    const std::size_t packetSize = outcome.counts.packetSize;
+    document["packetSize"] = packetSize == 0 ? Json() : Json(packetSize);
     document["damagedPackets"] = DamageObject(outcome.counts);
     document["seconds"] = all.bitRate ? Json(seconds) : Json();
     document["bitRate"] = OrNull(all.bitRate);
     document["continuityErrors"] = all.continuityErrors;
     document["inputLosses"] = outcome.inputLosses;
+    document["inputsWithoutPackets"] = outcome.packetlessInputs;
     document["services"] = Json::array();
     for (const Service& service : outcome.table.Services()) {
         document["services"].push_back(ServiceObject(service, outcome));

@@ -30,6 +30,19 @@ tsmon::ProgressLine& MakeProgressLine()
     return *line;
 }
 
+tsmon::Outcome Unread(const char* reason)
+{
+    tsmon::Outcome outcome;
+    outcome.failure = std::string("cannot be read: ") + reason;
+    return outcome;
+}
+
+int Report(const tsmon::Options& options, const tsmon::Outcome& outcome)
+{
+    const tsmon::ReportStyle style = {options.format, tsmon::WidthOf(STDOUT_FILENO)};
+    return tsmon::Report(options.InputName(), outcome, style, std::cout, std::cerr);
+}
+
 } // namespace
 
 int Main()
@@ -41,13 +54,9 @@ int Main()
         return std::cout.flush() ? commandLine.exitCode : tsmon::FailedOutput(std::cerr);
     }
     if (!g_signalsBlocked) {
-        std::cerr << "zor-tsmon: signals cannot be taken\n";
-        return EXIT_FAILURE;
+        return Report(*commandLine.options, Unread("signals cannot be taken"));
     }
-    const tsmon::Options& options = *commandLine.options;
     tsmon::Signals signals;
-    const tsmon::Outcome outcome =
-        tsmon::MonitorFile(options, signals, std::cout, MakeProgressLine());
-    const tsmon::ReportStyle style = {options.format, tsmon::WidthOf(STDOUT_FILENO)};
-    return tsmon::Report(options.InputName(), outcome, style, std::cout, std::cerr);
+    return Report(*commandLine.options,
+                  tsmon::MonitorFile(*commandLine.options, signals, std::cout, MakeProgressLine()));
 }

@@ -94,6 +94,7 @@ class Monitor
         outcome.table = m_services.Table();
         outcome.statistics = m_parser.Statistics();
         outcome.inputLosses = m_reader.InputLosses();
+        outcome.packetlessInputs = m_reader.PacketlessInputs();
         outcome.stopped = m_reader.IsStopped();
         outcome.lacksClock = m_reader.LacksClock();
         return outcome;

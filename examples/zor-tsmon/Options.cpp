@@ -10,14 +10,16 @@ namespace tsmon {
 namespace {
 
 constexpr const char* DESCRIPTION =
-    "Reads an MPEG transport stream file (packets of 188 bytes) to its end, finds the services "
-    "that\n"
-    "its PAT, PMTs and SDT announce, and prints them as a table: service id, name, provider, PMT "
-    "PID\n"
-    "and elementary streams, with packets, bit rates and continuity errors. PIDs are hexadecimal.\n"
-    "Bit rates are averages by the stream's own clock (its PCR), 1 kbit being 1000 bits. A\n"
-    "service's figures are those of its PMT, its PCR and its elementary streams. The log goes to\n"
-    "standard error, and on a terminal so does a line that shows the progress.\n";
+    "Reads an MPEG transport stream file to its end, finds the services that its PAT, PMTs and "
+    "SDT\n"
+    "announce, and prints them as a table: service id, name, provider, PMT PID and elementary\n"
+    "streams, with packets, bit rates and continuity errors. PIDs are hexadecimal. Bit rates are\n"
+    "averages by the stream's own clock (its PCR), 1 kbit being 1000 bits. A service's figures "
+    "are\n"
+    "those of its PMT, its PCR and its elementary streams. Packets are of 188 bytes, or of 192 "
+    "with\n"
+    "a time stamp or 204 with error correction, which are left out. The log goes to standard\n"
+    "error, and on a terminal so does a line that shows the progress.\n";
 
 constexpr const char* FOOTER =
     "\n"
@@ -27,7 +29,10 @@ constexpr const char* FOOTER =
     "  1  anything else: bad options; a file that cannot be read, is empty, is no transport "
     "stream\n"
     "     or announces no services; a damaged file, of which what could be read is printed; no\n"
-    "     descriptors left; or standard output that is closed, full or read by nobody any more\n"
+    "     descriptors left; or standard output that is closed, full or read by nobody any more.\n"
+    "     A file without a packet in its first 4 MiB is read no further; of a pipe's the log says\n"
+    "     so. With --format json the document says why, as 'failure', unless it is an option or\n"
+    "     standard output\n"
     "\n"
     "Signals:\n"
     "  SIGINT, SIGTERM  read no more; what has been read is handled and printed\n"
@@ -119,7 +124,8 @@ void AddShowingOptions(CLI::App& app, Options& options)
                options.format = name == "json" ? Format::JSON : Format::TEXT;
            },
            "What to print: a table, or one JSON document at the end\n"
-           "(bit rates in bits per second, times in seconds)")
+           "(bit rates in bits per second, times in seconds), with\n"
+           "'ok' and the 'failure' if there was one")
         ->check(KnownFormat())
         ->option_text("text|json (default: text)");
     app.add_option_function<int>(
@@ -151,7 +157,8 @@ CommandLine ReadCommandLine(int argc, const char* const* argv)
            "--input-timeout",
            [&options](int seconds) { options.inputTimeout = std::chrono::seconds(seconds); },
            "Log a loss of input when a pipe has brought no packet for\n"
-           "N seconds, 1 to 86400, and log when packets come again")
+           "N seconds, 1 to 86400, or that it has brought data without\n"
+           "packets; and log when packets come again")
         ->check(Seconds(1, 86400))
         ->type_name("number of seconds")
         ->option_text("N (default: " + std::to_string(DEFAULT_INPUT_TIMEOUT.count()) + ")");

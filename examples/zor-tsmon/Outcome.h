@@ -18,7 +18,8 @@ struct Outcome
     ServiceTable table;          ///< what was found in it
     StreamStatistics statistics; ///< what was counted in it
     std::optional<StreamStatistics> lastSecond; ///< where the present rates are to be shown too
-    std::uint64_t inputLosses = 0;              ///< how often no packets came for too long
+    std::uint64_t inputLosses = 0;              ///< how often nothing came for too long
+    std::uint64_t packetlessInputs = 0;         ///< how often much came that held no packets
     bool stopped = false;                       ///< a signal ended the reading before the end
     bool lacksClock = false;                    ///< it was to be read at its own clock and has none
 };

@@ -6,6 +6,7 @@ namespace {
 
 constexpr std::uint8_t TRANSPORT_ERROR = 0x80;
 constexpr std::uint8_t UNIT_START = 0x40;
+constexpr std::uint8_t SCRAMBLING = 0xC0;
 constexpr std::uint8_t ADAPTATION_FIELD = 0x20;
 constexpr std::uint8_t PAYLOAD = 0x10;
 constexpr std::uint8_t COUNTER = 0x0F;
@@ -40,6 +41,11 @@ std::uint8_t ContinuityCounterOf(const std::uint8_t* packet)
 bool HasPayload(const std::uint8_t* packet)
 {
     return (packet[3] & PAYLOAD) != 0;
+}
+
+bool IsScrambled(const std::uint8_t* packet)
+{
+    return HasPayload(packet) && (packet[3] & SCRAMBLING) != 0;
 }
 
 bool AnnouncesDiscontinuity(const std::uint8_t* packet)

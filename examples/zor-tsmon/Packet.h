@@ -28,6 +28,9 @@ std::uint8_t ContinuityCounterOf(const std::uint8_t* packet);
 /// Whether the packet says that it has a payload.
 bool HasPayload(const std::uint8_t* packet);
 
+/// Whether its payload is scrambled, so that only its header can be read.
+bool IsScrambled(const std::uint8_t* packet);
+
 /// Whether the packet announces that counters and clock may jump here.
 bool AnnouncesDiscontinuity(const std::uint8_t* packet);
 

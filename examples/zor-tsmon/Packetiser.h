@@ -9,6 +9,17 @@
 
 namespace tsmon {
 
+/// How a stream's packets lie in it.
+struct PacketLayout
+{
+    std::size_t size = PACKET_SIZE; ///< bytes from packet to packet
+    std::size_t lead = 0;           ///< bytes of them that stand before the packet
+};
+
+/// Bytes in which packets are recognised if the stream has any: until there are so many, too few
+/// may have come to tell.
+constexpr std::size_t BYTES_TO_RECOGNISE = 2048;
+
 /// What a stream was made of.
 struct StreamCounts
 {
@@ -17,11 +28,17 @@ struct StreamCounts
     std::uint64_t lostSync = 0;        ///< packets' worth of bytes in which no packets were found
     std::uint64_t transportErrors = 0; ///< packets marked as broken by their sender; not handed on
     std::uint64_t truncated = 0;       ///< 1 if the stream ends inside a packet
+    std::size_t packetSize = 0; ///< bytes from packet to packet, at last; 0 if none was found
 
     std::uint64_t Damaged() const { return lostSync + transportErrors + truncated; }
 };
 
 /// Cuts a stream of bytes into transport packets.
+///
+/// Packets stand alone (188 bytes), behind a time stamp of 4 bytes (192, as discs and some
+/// recorders have them) or before 16 bytes of error correction (204, as some receivers hand them
+/// on). Which of these it is shows in the distance of the sync bytes; what stands between packets
+/// is left out. It may change where packets are searched anew: where two streams were joined.
 ///
 /// A packet is recognised by the sync byte at its start and by those of its neighbours, so the
 /// stream may begin with foreign bytes, and may have bytes changed, missing or added anywhere:
@@ -68,20 +85,26 @@ class Packetiser
     bool ExpectPacket(PacketBlock& block);
     bool FindPacketInStep(PacketBlock& block);
     bool FindPacketAnywhere(PacketBlock& block);
+    void GuessLayout();
+    void OnSynchronised();
     void StartSearching();
     void EndSearching(PacketBlock& block);
 
     bool IsPacketInStep(std::size_t index) const;
     bool IsPacketAnywhere(std::size_t index) const;
+    bool IsPacketOfOtherLayout(std::size_t index);
     bool IsSync(std::size_t index) const;
-    Evidence LookAhead(std::size_t index) const;
+    Evidence LookAhead(std::size_t index, std::size_t neighbours) const;
     std::size_t Available(std::size_t index) const;
+    std::int64_t SignedSize() const;
+    std::uint64_t InPackets(std::int64_t bytes) const;
 
     void Hold(std::size_t index);
     void ReleaseHeld(PacketBlock& block);
     void DropConsumed();
 
     State m_state = State::EXPECTING;
+    PacketLayout m_layout; ///< of the packets found, or supposed; positions are its beginnings
     bool m_synchronised = false; ///< a packet has been found at some time
     bool m_final = false;        ///< no more bytes will come
     std::vector<std::uint8_t>

@@ -49,6 +49,9 @@ std::string Figures(const Progress& progress)
         text += std::string(GAP) + rate;
     }
     text += GAP + Count(progress.continuityErrors, "continuity error");
+    if (progress.isPacketless) {
+        return "no packets" + (GAP + text);
+    }
     return progress.isInputLost ? "no input" + (GAP + text) : text;
 }
 

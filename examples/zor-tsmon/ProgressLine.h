@@ -18,6 +18,7 @@ struct Progress
     std::optional<double> bitRate; ///< bits per second, at present
     std::uint64_t continuityErrors = 0;
     bool isInputLost = false;
+    bool isPacketless = false; ///< there is input, but no packets are in it
 };
 
 /// One line of text of at most @p width columns. What is too long is cut: the name first.

@@ -12,6 +12,9 @@ namespace {
 /// How long it waits before it tries again: short against the distance of clock references.
 constexpr std::chrono::milliseconds IDLE(5);
 
+/// Bytes without a packet in which there would be thousands. A damaged recording has smaller gaps.
+constexpr std::uint64_t PACKETLESS_BYTES = UINT64_C(4) * 1024 * 1024;
+
 unsigned long long AsLogged(std::uint64_t number)
 {
     return number;
@@ -83,6 +86,7 @@ bool ReaderTask::DoStep()
     }
     if (!m_stepper && m_failure.empty()) {
         m_stepper.emplace(m_path, m_realtime);
+        m_isFile = SizeOf(m_path).has_value();
     }
     const auto now = std::chrono::steady_clock::now();
     switch (m_failure.empty() ? m_stepper->Advance(now) : Stepper::Step::END) {
@@ -147,19 +151,56 @@ void ReaderTask::On(const NoMore& /*stop*/)
 void ReaderTask::OnRead()
 {
     LogDamage();
+    LogPacketSize();
     const StreamCounts& counts = m_stepper->Counts();
     const bool hasBytes = m_bytesRead.exchange(counts.bytes) != counts.bytes;
     const std::uint64_t packets = counts.packets + counts.transportErrors;
     const bool hasPackets = std::exchange(m_packetsRead, packets) != packets;
-    if (!hasBytes || !hasPackets) {
-        return; // neither bytes without packets nor packets that were held back end the wait
+    if (hasBytes && hasPackets) {
+        OnPackets();
+    } else if (hasBytes) {
+        OnBytesWithoutPackets();
     }
+    // Packets without bytes were held back: they do not end the wait.
+}
+
+void ReaderTask::OnPackets()
+{
     if (m_isInputLost) {
         const std::chrono::duration<double> silence =
             std::chrono::steady_clock::now() - m_waitingSince;
         ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_WARN, "input is back after %.1f s", silence.count());
+    } else if (m_isPacketless) {
+        ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_WARN, "packets are back after %llu bytes without",
+                       AsLogged(BytesSincePacket()));
     }
+    m_bytesAtPacket = m_bytesRead;
     EndWaitForInput();
+}
+
+/// A pipe may come to packets yet, and a file that had some may be damaged.
+void ReaderTask::OnBytesWithoutPackets()
+{
+    if (m_isPacketless) {
+        return;
+    }
+    if (BytesSincePacket() >= PACKETLESS_BYTES) {
+        if (m_isFile && m_packetsRead == 0) {
+            throw InputError("is not a transport stream: no 188-byte packets in its first " +
+                             std::to_string(m_bytesRead) + " bytes");
+        }
+        ReportPacketless();
+    } else if (m_isInputLost && BytesSincePacket() >= BYTES_TO_RECOGNISE) {
+        ReportPacketless(); // not what was waited for
+    }
+}
+
+void ReaderTask::ReportPacketless()
+{
+    m_isPacketless = true;
+    ++m_packetlessInputs;
+    ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_WARN, "data, but no packets: none in %llu bytes",
+                   AsLogged(BytesSincePacket()));
 }
 
 void ReaderTask::AwaitInput()
@@ -174,14 +215,30 @@ void ReaderTask::EndWaitForInput()
 {
     m_inputTimer.Cancel(); // takes back a firing that is queued already
     m_isInputLost = false;
+    m_isPacketless = false;
 }
 
 void ReaderTask::OnInputTimeout()
 {
+    if (BytesSincePacket() >= BYTES_TO_RECOGNISE) {
+        if (!m_isPacketless) {
+            ReportPacketless();
+        }
+        return;
+    }
     m_isInputLost = true;
     ++m_inputLosses;
     ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_WARN, "input lost: no packet for %.1f s",
                    std::chrono::duration<double>(m_inputTimeout).count());
+}
+
+void ReaderTask::LogPacketSize()
+{
+    const std::size_t size = m_stepper->Counts().packetSize;
+    if (size != 0 && size != m_loggedPacketSize) {
+        ZOR_LOG_TAGGED(LOG_TAG, false, DLOG_INFO, "packets of %zu bytes", size);
+        m_loggedPacketSize = size;
+    }
 }
 
 void ReaderTask::LogDamage()

@@ -24,8 +24,10 @@ struct NoMore
 /// stop, pause and ping come in between any two. Where it has to wait (for room in a queue, for the
 /// stream's clock or for input) it sends itself nothing, and goes on when it is idle.
 ///
-/// A timer runs while it waits for input, and reports a loss of input when it fires: once, until
-/// packets have come again. A pause halts the timer too.
+/// A timer runs while it waits for input. When it fires it reports a loss of input, or that there
+/// is data but no packets are in it; each once, until packets have come again. A pause halts the
+/// timer too. Much data without a packet is reported however fast it comes, and a regular file that
+/// begins with it is given up.
 class ReaderTask : public zor::Task<ReaderTask, GoOn, NoMore>
 {
  public:
@@ -57,6 +59,10 @@ class ReaderTask : public zor::Task<ReaderTask, GoOn, NoMore>
     std::uint64_t InputLosses() const { return m_inputLosses; }
     bool IsInputLost() const { return m_isInputLost; }
 
+    /// How often there was data but no packet in it, and whether it is so now. Any thread may call.
+    std::uint64_t PacketlessInputs() const { return m_packetlessInputs; }
+    bool IsPacketless() const { return m_isPacketless; }
+
     // What follows may be read while the task is paused, and once it has ended.
 
     const std::string& Failure() const { return m_failure; }
@@ -79,8 +85,13 @@ class ReaderTask : public zor::Task<ReaderTask, GoOn, NoMore>
     bool SendUnsent();
     TSEvent ToParser(EMessage type, EParserQueue queue);
     void LogDamage();
+    void LogPacketSize();
 
     void OnRead();
+    void OnPackets();
+    void OnBytesWithoutPackets();
+    void ReportPacketless();
+    std::uint64_t BytesSincePacket() const { return m_bytesRead - m_bytesAtPacket; }
     void AwaitInput();
     void EndWaitForInput();
     void OnInputTimeout();
@@ -93,15 +104,20 @@ class ReaderTask : public zor::Task<ReaderTask, GoOn, NoMore>
     std::atomic<std::uint64_t> m_bytesRead{0}; ///< written by the task's thread, as are the next
     std::atomic<std::uint64_t> m_inputLosses{0};
     std::atomic<bool> m_isInputLost{false};
+    std::atomic<std::uint64_t> m_packetlessInputs{0};
+    std::atomic<bool> m_isPacketless{false};
 
     // The task's thread's only while it runs.
     zor::Timer m_inputTimer; ///< of nothing unless input is waited for
     std::chrono::steady_clock::time_point m_waitingSince;
-    std::uint64_t m_packetsRead = 0;  ///< sound or not
-    std::optional<Stepper> m_stepper; ///< from the first step on, if the file could be opened
-    std::optional<TSEvent> m_unsent;  ///< made for the parser, not yet in its queue
-    bool m_hasEnded = false;          ///< the end is with the parser
+    std::uint64_t m_packetsRead = 0;   ///< sound or not
+    std::uint64_t m_bytesAtPacket = 0; ///< how many had been read with the last packet
+    bool m_isFile = false;             ///< a regular one, which has an end
+    std::optional<Stepper> m_stepper;  ///< from the first step on, if the file could be opened
+    std::optional<TSEvent> m_unsent;   ///< made for the parser, not yet in its queue
+    bool m_hasEnded = false;           ///< the end is with the parser
     std::uint64_t m_loggedDamage = 0;
+    std::size_t m_loggedPacketSize = PACKET_SIZE;
     std::string m_failure;
 };
 

@@ -275,7 +275,7 @@ ServiceFinder::~ServiceFinder() = default;
 void ServiceFinder::Push(const std::uint8_t* packet)
 {
     const std::uint16_t pid = PidOf(packet);
-    if (pid != NULL_PID && HasSoundPayload(packet)) {
+    if (pid != NULL_PID && !IsScrambled(packet) && HasSoundPayload(packet)) {
         m_decoders->Push(pid, packet);
     }
 }

@@ -26,7 +26,7 @@ class ServiceFinder
     ServiceFinder& operator=(const ServiceFinder&) = delete;
 
     /// Takes the next packet of the stream, PACKET_SIZE bytes that begin with the sync byte. A
-    /// packet whose payload does not lie inside it is passed over.
+    /// packet whose payload is scrambled or does not lie inside it is passed over.
     void Push(const std::uint8_t* packet);
 
  private:

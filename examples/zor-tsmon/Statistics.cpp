@@ -19,11 +19,13 @@ class Sum
         m_sum.packets += pid.packets;
         m_sum.timedPackets += pid.timedPackets;
         m_sum.continuityErrors += pid.continuityErrors;
+        m_sum.scrambledPackets += pid.scrambledPackets;
     }
 
     Figures Over(const StreamStatistics& statistics) const
     {
-        Figures figures = {m_sum.packets, m_sum.continuityErrors, std::nullopt};
+        Figures figures = {m_sum.packets, m_sum.continuityErrors, std::nullopt,
+                           m_sum.scrambledPackets};
         const double seconds = std::chrono::duration<double>(statistics.time).count();
         if (seconds > 0) {
             figures.bitRate = static_cast<double>(m_sum.timedPackets) * BITS_PER_PACKET / seconds;
@@ -60,6 +62,7 @@ void StreamStatistics::Add(const StreamStatistics& part)
         each.packets += added.packets;
         each.timedPackets += added.timedPackets;
         each.continuityErrors += added.continuityErrors;
+        each.scrambledPackets += added.scrambledPackets;
     }
 }
 
@@ -72,6 +75,7 @@ StreamStatistics StreamStatistics::Since(const StreamStatistics& earlier) const
         each.packets -= before.packets;
         each.timedPackets -= before.timedPackets;
         each.continuityErrors -= before.continuityErrors;
+        each.scrambledPackets -= before.scrambledPackets;
     }
     return result;
 }

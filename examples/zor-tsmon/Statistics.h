@@ -16,6 +16,7 @@ struct PidStatistics
     std::uint64_t packets = 0;
     std::uint64_t timedPackets = 0;     ///< those that came while the stream's clock was known
     std::uint64_t continuityErrors = 0; ///< gaps in its packets' counters
+    std::uint64_t scrambledPackets = 0;
 };
 
 /// What has been counted of a stream, or of a part of it.
@@ -45,6 +46,7 @@ struct Figures
     std::uint64_t packets = 0;
     std::uint64_t continuityErrors = 0;
     std::optional<double> bitRate; ///< bits per second of the stream's clock, if it has one
+    std::uint64_t scrambledPackets = 0;
 };
 
 /// Of the whole stream, null packets included.

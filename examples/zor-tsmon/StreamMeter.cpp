@@ -11,6 +11,7 @@ void StreamMeter::Push(const std::uint8_t* packet)
     const std::uint16_t pid = PidOf(packet);
     PidStatistics& statistics = m_counted.pids[pid];
     ++statistics.packets;
+    statistics.scrambledPackets += IsScrambled(packet) ? 1 : 0;
     if (pid != NULL_PID && !IsContinuous(packet, pid)) {
         ++statistics.continuityErrors;
     }

@@ -46,11 +46,12 @@ std::string Kilobits(const std::optional<double>& bitRate)
     return bitRate ? Format("%.1f", *bitRate / 1000) : UNKNOWN;
 }
 
-std::string StreamText(const ElementaryStream& stream)
+std::string StreamText(const ElementaryStream& stream, const Figures& figures)
 {
+    const std::string scrambled = figures.scrambledPackets > 0 ? ", scrambled" : "";
     const std::string language = stream.language.empty() ? "" : ", " + stream.language;
     return stream.description + " (" + Format("0x%02x", static_cast<unsigned int>(stream.type)) +
-           ")" + language;
+           ")" + language + scrambled;
 }
 
 /// Why there are no elementary streams to show; null if there are.
@@ -86,9 +87,12 @@ void PrintSummary(const Outcome& outcome, std::size_t services, std::size_t widt
                   std::ostream& out)
 {
     const auto id = outcome.table.TransportStreamId();
+    const std::size_t packetSize = outcome.counts.packetSize;
+    const bool isPlain = packetSize == 0 || packetSize == PACKET_SIZE;
     std::vector<std::string> read = {
         "Transport stream " + (id ? std::to_string(*id) : "without a PAT") + ": " +
-        Count(services, "service") + " in " + Count(outcome.counts.packets, "packet")};
+        Count(services, "service") + " in " + Count(outcome.counts.packets, "packet") +
+        (isPlain ? "" : " of " + std::to_string(packetSize) + " bytes")};
     if (outcome.counts.Damaged() > 0) {
         read.push_back(std::to_string(outcome.counts.Damaged()) + " damaged");
     }
@@ -106,6 +110,9 @@ void PrintSummary(const Outcome& outcome, std::size_t services, std::size_t widt
     counted.push_back(Count(all.continuityErrors, "continuity error"));
     if (outcome.inputLosses > 0) {
         counted.push_back("input lost " + Count(outcome.inputLosses, "time"));
+    }
+    if (outcome.packetlessInputs > 0) {
+        counted.push_back("data without packets " + Count(outcome.packetlessInputs, "time"));
     }
     PrintItems(counted, width, out);
 }
@@ -143,7 +150,8 @@ class ServiceRows
             return;
         }
         for (const ElementaryStream& stream : service.map->streams) {
-            AddRow("", StreamText(stream), "", HexPid(stream.pid), stream.pid);
+            const Figures figures = FiguresOf(m_outcome.statistics, stream.pid);
+            AddRow("", StreamText(stream, figures), "", HexPid(stream.pid), stream.pid);
         }
     }
 

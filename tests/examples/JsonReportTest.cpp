@@ -25,6 +25,7 @@ class JsonReportTest : public testing::Test
         m_outcome.counts.transportErrors = 3;
         m_outcome.counts.truncated = 1;
         m_outcome.inputLosses = 4;
+        m_outcome.packetlessInputs = 5;
         m_outcome.statistics.time = std::chrono::milliseconds(2500);
         m_outcome.statistics.pids[0x100] = {20, 10, 1};
         m_outcome.statistics.pids[0x101] = {180, 100, 2};
@@ -54,7 +55,10 @@ TEST_F(JsonReportTest, DocumentTellsOfTheFile)
 {
     const json document = Document();
     EXPECT_EQ(document["file"], "a.ts");
-    EXPECT_EQ(document["failure"], nullptr);
+    EXPECT_EQ(document["ok"], false);
+    EXPECT_EQ(document["failure"],
+              "is damaged: 6 damaged packets (2 lost or out of sync, 3 with the transport error "
+              "indicator set, 1 cut off at the end), 200 packets read");
     EXPECT_EQ(document["stopped"], false);
     EXPECT_EQ(document["transportStreamId"], 7);
     EXPECT_EQ(document["bytes"], 1000);
@@ -63,6 +67,7 @@ TEST_F(JsonReportTest, DocumentTellsOfTheFile)
     EXPECT_DOUBLE_EQ(document["bitRate"], 110 * BITS / 2.5);
     EXPECT_EQ(document["continuityErrors"], 3);
     EXPECT_EQ(document["inputLosses"], 4);
+    EXPECT_EQ(document["inputsWithoutPackets"], 5);
     const json damaged = {{"total", 6}, {"lostSync", 2}, {"transportErrors", 3}, {"truncated", 1}};
     EXPECT_EQ(document["damagedPackets"], damaged);
 }
@@ -118,6 +123,46 @@ TEST_F(JsonReportTest, QuotesAndControlsAreEscaped)
 {
     Name("a \"b\"\\\n\t\x01");
     EXPECT_EQ(Document()["services"][0]["name"], "a \"b\"\\\n\t\x01");
+}
+
+TEST_F(JsonReportTest, WhatIsSoundHasNoFailure)
+{
+    m_outcome.counts = {1000, 200};
+    const json document = Document();
+    EXPECT_EQ(document["ok"], true);
+    EXPECT_EQ(document["failure"], nullptr);
+}
+
+TEST_F(JsonReportTest, EveryReasonOfAFailureIsTold)
+{
+    m_outcome.counts = {};
+    EXPECT_EQ(Document()["failure"], "is empty");
+    m_outcome.counts.bytes = 1000;
+    EXPECT_EQ(Document()["failure"],
+              "is not a transport stream: no 188-byte packets in 1000 bytes");
+    m_outcome.counts.packets = 4;
+    m_outcome.counts.truncated = 1;
+    m_outcome.table = {};
+    const json document = Document();
+    EXPECT_EQ(document["ok"], false);
+    EXPECT_EQ(document["failure"],
+              "is damaged: 1 damaged packet (1 cut off at the end), 4 packets read; announces no "
+              "services: neither its PAT nor its SDT has any");
+}
+
+TEST_F(JsonReportTest, SizeOfPacketsIsToldOnceItIsKnown)
+{
+    EXPECT_EQ(Document()["packetSize"], nullptr);
+    m_outcome.counts.packetSize = 204;
+    EXPECT_EQ(Document()["packetSize"], 204);
+}
+
+TEST_F(JsonReportTest, ScrambledPacketsAreCounted)
+{
+    m_outcome.statistics.pids[0x101].scrambledPackets = 30;
+    const json service = Document()["services"][0];
+    EXPECT_EQ(service["scrambledPackets"], 30);
+    EXPECT_EQ(service["streams"][0]["scrambledPackets"], 30);
 }
 
 TEST_F(JsonReportTest, FailureAndStopAreTold)

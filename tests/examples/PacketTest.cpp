@@ -31,6 +31,14 @@ TEST(PacketTest, TransportErrorIsTheFirstBit)
     EXPECT_FALSE(tsmon::HasTransportError(PacketWithHeader(0x7F, 0, 0).data()));
 }
 
+TEST(PacketTest, OnlyAPayloadIsScrambled)
+{
+    EXPECT_TRUE(tsmon::IsScrambled(PacketWithHeader(0, 0, 0x90).data()));
+    EXPECT_TRUE(tsmon::IsScrambled(PacketWithHeader(0, 0, 0xD0).data()));
+    EXPECT_FALSE(tsmon::IsScrambled(PacketWithHeader(0, 0, 0x10).data()));
+    EXPECT_FALSE(tsmon::IsScrambled(PacketWithHeader(0, 0, 0xE0).data()));
+}
+
 TEST(PacketTest, PayloadNeedsItsFlag)
 {
     EXPECT_TRUE(tsmon::HasSoundPayload(PacketWithHeader(0, 0, 0x10).data()));

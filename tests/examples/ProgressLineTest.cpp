@@ -57,6 +57,14 @@ TEST(ProgressTest, FileThatGrowsIsNeverMoreThanWhole)
     EXPECT_THAT(RenderProgress(progress, 100), HasSubstr("  100%  "));
 }
 
+TEST(ProgressTest, InputWithoutPacketsIsShown)
+{
+    Progress progress = Half();
+    progress.isPacketless = true;
+    progress.isInputLost = true;
+    EXPECT_THAT(RenderProgress(progress, 100), StartsWith("recording.ts  no packets  50%"));
+}
+
 TEST(ProgressTest, LossOfInputIsShown)
 {
     Progress progress = Half();

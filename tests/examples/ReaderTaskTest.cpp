@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <thread>
 
 #include "Pipe.h"
@@ -254,6 +255,31 @@ TEST_F(SilentInputTest, BytesWithoutPacketsDoNotEndTheLoss)
     EXPECT_EQ(m_reader->InputLosses(), 1U);
 }
 
+TEST_F(SilentInputTest, DataWithoutPacketsAfterALossIsReportedOnce)
+{
+    ASSERT_TRUE(AwaitLosses(1));
+    for (int time = 1; time <= 3; ++time) {
+        m_pipe.Write(Bytes(5000, 0xAA));
+        ASSERT_TRUE(Eventually([&] { return m_reader->BytesRead() == 5000U * time; }));
+    }
+    EXPECT_TRUE(TCTask::Ping(&*m_reader, 60 * 1000)) << "what was read has been handled";
+    EXPECT_TRUE(m_reader->IsPacketless());
+    EXPECT_EQ(m_reader->PacketlessInputs(), 1U);
+    EXPECT_EQ(m_reader->InputLosses(), 1U);
+}
+
+TEST_F(SilentInputTest, PacketsEndTheTimeWithoutAndTheNextIsAnother)
+{
+    ASSERT_TRUE(AwaitLosses(1));
+    m_pipe.Write(Bytes(5000, 0xAA));
+    ASSERT_TRUE(Eventually([&] { return m_reader->IsPacketless(); }));
+    m_pipe.Write(PlainPackets(30));
+    ASSERT_TRUE(Eventually([&] { return !m_reader->IsPacketless(); }));
+    ASSERT_TRUE(AwaitLosses(2));
+    m_pipe.Write(Bytes(5000, 0xAA));
+    EXPECT_TRUE(Eventually([&] { return m_reader->PacketlessInputs() == 2; }));
+}
+
 TEST_F(SilentInputTest, EndOfTheInputEndsTheLoss)
 {
     ASSERT_TRUE(AwaitLosses(1));
@@ -269,6 +295,43 @@ TEST_F(SilentInputTest, StopEndsTheWaitThoughInputIsLost)
     ASSERT_TRUE(AwaitLosses(1));
     m_reader->StopReading();
     EXPECT_TRUE(m_parser.AwaitEnd());
+}
+
+TEST_F(ReaderTaskTest, SilenceAfterDataWithoutPacketsIsNoLossOfInput)
+{
+    m_parser.OpenGate();
+    const std::string path = m_directory.Path("pipe");
+    const made::Pipe pipe(path);
+    pipe.Write(Bytes(5000, 0xAA));
+    StartOn(path, false, std::chrono::milliseconds(20));
+    ASSERT_TRUE(Eventually([&] { return m_reader->IsPacketless(); }));
+    EXPECT_EQ(m_reader->InputLosses(), 0U);
+    EXPECT_FALSE(m_reader->IsInputLost());
+}
+
+TEST_F(ReaderTaskTest, FileThatBeginsWithMegabytesOfSomethingElseIsGivenUp)
+{
+    m_parser.OpenGate();
+    const std::string path = m_directory.Write("zeros", {});
+    std::filesystem::resize_file(path, UINT64_C(3) << 30);
+    StartOn(path, false);
+    EXPECT_TRUE(m_parser.AwaitEnd());
+    End();
+    EXPECT_LT(m_reader->Counts().bytes, 5U << 20);
+    EXPECT_EQ(m_reader->Failure(), "is not a transport stream: no 188-byte packets in its first " +
+                                       std::to_string(m_reader->Counts().bytes) + " bytes");
+}
+
+TEST_F(ReaderTaskTest, FileWithPacketsIsReadOnThroughMegabytesOfSomethingElse)
+{
+    m_parser.OpenGate();
+    Start(PlainPackets(100) + Bytes(6U << 20, 0) + PlainPackets(100));
+    EXPECT_TRUE(m_parser.AwaitEnd());
+    End();
+    EXPECT_EQ(m_reader->Failure(), "");
+    EXPECT_GE(m_reader->Counts().packets, 199U);
+    EXPECT_EQ(m_reader->PacketlessInputs(), 1U);
+    EXPECT_FALSE(m_reader->IsPacketless());
 }
 
 TEST_F(ReaderTaskTest, WaitForTheClockIsNoLossOfInput)

@@ -81,6 +81,15 @@ void ExpectStreams(const tsmon::ProgramMap& map, const std::vector<Expected>& ex
     }
 }
 
+TEST_F(ServiceFinderTest, ScrambledPacketsArePassedOver)
+{
+    Bytes scrambled = TableBuilder().Pat(7, {{1, 0x100}});
+    scrambled[3] |= 0x80;
+    Push(scrambled);
+    EXPECT_THAT(m_sink.associations, IsEmpty());
+    EXPECT_THAT(m_sink.complaints, IsEmpty());
+}
+
 TEST_F(ServiceFinderTest, SampleHasItsThreeServices)
 {
     Push(made::ReadFile(TSMON_SAMPLE));

@@ -16,6 +16,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <random>
 
 #include "Packet.h"
 
@@ -125,6 +126,25 @@ Bytes PacketsOf(const Bytes& bytes, std::size_t begin, std::size_t count)
 {
     const auto first = bytes.begin() + static_cast<std::ptrdiff_t>(begin * PACKET_SIZE);
     return Bytes(first, first + static_cast<std::ptrdiff_t>(count * PACKET_SIZE));
+}
+
+Bytes Repacked(const Bytes& stream, std::size_t size)
+{
+    const std::size_t lead = size == 192 ? 4 : 0;
+    std::mt19937 random(static_cast<unsigned int>(size));
+    const auto arbitrary = [&random](std::size_t count) {
+        Bytes bytes(count);
+        std::generate(bytes.begin(), bytes.end(),
+                      [&random] { return static_cast<std::uint8_t>(random() & 0xFF); });
+        return bytes;
+    };
+    Bytes result;
+    for (std::size_t index = 0; index < stream.size() / PACKET_SIZE; ++index) {
+        result += arbitrary(lead);
+        result += PacketsOf(stream, index, 1);
+        result += arbitrary(size - PACKET_SIZE - lead);
+    }
+    return result;
 }
 
 Bytes TableBuilder::Packetise(std::uint16_t pid, const Bytes& section)

@@ -27,6 +27,10 @@ Bytes PcrPacket(std::uint16_t pid, std::uint64_t ticks, bool jump = false);
 /// Bytes number @p begin to @p begin + @p count of @p bytes, in packets.
 Bytes PacketsOf(const Bytes& bytes, std::size_t begin, std::size_t count);
 
+/// The packets of @p stream, each in 188, 192 (behind a time stamp) or 204 bytes (before error
+/// correction). What is added is arbitrary, sync bytes among it.
+Bytes Repacked(const Bytes& stream, std::size_t size);
+
 struct Stream
 {
     std::uint16_t pid;

@@ -67,6 +67,17 @@ class StreamMeterTest : public testing::Test
     tsmon::StreamMeter m_meter;
 };
 
+TEST_F(StreamMeterTest, ScrambledPacketsAreCountedAmongAll)
+{
+    Bytes scrambled = Numbered(1);
+    scrambled[3] |= 0x80;
+    Push(Numbered(0) + scrambled + Numbered(2));
+    const StreamStatistics taken = m_meter.Take();
+    EXPECT_EQ(taken.pids.at(PID).packets, 3U);
+    EXPECT_EQ(taken.pids.at(PID).scrambledPackets, 1U);
+    EXPECT_EQ(taken.pids.at(PID).continuityErrors, 0U);
+}
+
 TEST_F(StreamMeterTest, RateIsWhatCameBetweenTwoReferences)
 {
     Push(PcrPacket(CLOCK, 5 * SECOND) + ElementaryPackets(PID, 999) + PcrPacket(CLOCK, 7 * SECOND));

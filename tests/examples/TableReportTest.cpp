@@ -59,6 +59,30 @@ class TableReportTest : public testing::Test
     Outcome m_outcome;
 };
 
+TEST_F(TableReportTest, SizeOfPacketsIsShownWhereItIsUnusual)
+{
+    for (const std::size_t size : {0, 188}) {
+        m_outcome.counts.packetSize = size;
+        EXPECT_THAT(Text(200), HasSubstr("in 1234567 packets, "));
+    }
+    m_outcome.counts.packetSize = 192;
+    EXPECT_THAT(Text(200), HasSubstr("in 1234567 packets of 192 bytes, "));
+}
+
+TEST_F(TableReportTest, ScrambledStreamsAreMarked)
+{
+    EXPECT_THAT(Text(200), Not(HasSubstr("scrambled")));
+    m_outcome.statistics.pids[0x101].scrambledPackets = 1;
+    EXPECT_THAT(Text(200), HasSubstr("H.264 video (0x1b), scrambled "));
+    EXPECT_THAT(Text(200), Not(HasSubstr("deu, scrambled")));
+}
+
+TEST_F(TableReportTest, DataWithoutPacketsIsCounted)
+{
+    m_outcome.packetlessInputs = 2;
+    EXPECT_THAT(Text(200), HasSubstr("input lost 12 times, data without packets 2 times\n"));
+}
+
 TEST_F(TableReportTest, NoLineIsWiderThanTheTerminal)
 {
     for (std::size_t width = 1; width <= 200; ++width) {

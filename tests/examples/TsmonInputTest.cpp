@@ -71,6 +71,55 @@ TEST_F(TsmonInputTest, LossOfInputAndItsReturnAreReported)
     EXPECT_THAT(ended.output, HasSubstr("H.264 video (0x1b)"));
 }
 
+TEST_F(TsmonInputTest, DataWithoutPacketsIsNotCalledALossOfInput)
+{
+    Pipe pipe(m_path);
+    pipe.Write(Bytes(20000, 0x11));
+    Daemon daemon({"--input-timeout", "1", m_path}, "stderr:W");
+    ASSERT_TRUE(daemon.AwaitError("data, but no packets: none in 20000 bytes"));
+    pipe.Write(SmallStream());
+    ASSERT_TRUE(daemon.AwaitError("packets are back"));
+    pipe.Close();
+    const Ended ended = daemon.End();
+    EXPECT_EQ(CountIn(ended.error, "input lost"), 0U);
+    EXPECT_EQ(CountIn(ended.error, "data, but no packets"), 1U);
+    EXPECT_THAT(ended.output, HasSubstr("data without packets 1 time\n"));
+    EXPECT_THAT(ended.output, HasSubstr("H.264 video (0x1b)"));
+}
+
+TEST_F(TsmonInputTest, JsonTellsWhyEmptyRandomAndDamagedFilesFail)
+{
+    Bytes cut = SmallStream();
+    cut.pop_back();
+    const std::pair<Bytes, const char*> files[] = {
+        {{}, "is empty"},
+        {Bytes(5000, 0x11), "is not a transport stream: no 188-byte packets in 5000 bytes"},
+        {cut, "is damaged: 1 damaged packet (1 cut off at the end), 32 packets read"}};
+    for (const auto& [contents, reason] : files) {
+        const Ended ended = RunDaemon({"--format", "json", m_directory.Write("a.ts", contents)});
+        EXPECT_EQ(ended.exitCode, 1);
+        const auto document = nlohmann::json::parse(ended.output);
+        EXPECT_EQ(document["ok"], false);
+        EXPECT_EQ(document["failure"], reason);
+        EXPECT_THAT(ended.error, HasSubstr(reason));
+    }
+}
+
+TEST_F(TsmonInputTest, PacketsOfOtherSizesAreReadAndTheirSizeIsShown)
+{
+    for (const std::size_t size : {192, 204}) {
+        const std::string path = m_directory.Write("a.ts", made::Repacked(SmallStream(), size));
+        const Ended table = RunDaemon({path});
+        EXPECT_EQ(table.exitCode, 0) << table.error;
+        EXPECT_THAT(table.output,
+                    HasSubstr("1 service in 33 packets of " + std::to_string(size) + " bytes\n"));
+        const auto document = nlohmann::json::parse(RunDaemon({"--format", "json", path}).output);
+        EXPECT_EQ(document["packetSize"], size);
+        EXPECT_EQ(document["ok"], true);
+        EXPECT_EQ(document["failure"], nullptr);
+    }
+}
+
 TEST_F(TsmonInputTest, TableIsRepeatedWhileItIsRead)
 {
     const std::string out = m_directory.Path("out");
