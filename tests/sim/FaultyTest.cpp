@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <ostream>
 #include <string>
 
 #include "ZorSim.h"
@@ -23,6 +24,11 @@ struct Faulty
     const char* outcome;
     const char* trace; ///< stands in the trace of the shortest run
 };
+
+void PrintTo(const Faulty& faulty, std::ostream* out)
+{
+    *out << faulty.options;
+}
 
 const std::string COMMON = "--endless 30 --remove /tmp/.zor-daemon.pid ";
 

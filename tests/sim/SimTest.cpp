@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 
 #include "ZorSim.h"
@@ -21,6 +22,11 @@ struct Fault
     const char* options;
     const char* outcome;
 };
+
+void PrintTo(const Fault& fault, std::ostream* out)
+{
+    *out << fault.options;
+}
 
 std::string NameOf(const testing::TestParamInfo<Fault>& info)
 {

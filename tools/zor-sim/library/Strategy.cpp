@@ -15,6 +15,9 @@ constexpr std::uint32_t MAX_CHANGE_POINTS = 16;
 /// A thread that nothing else stops goes on for so many decisions at most, or a thread that polls
 /// would run for ever.
 constexpr std::uint32_t LONGEST_STRETCH = 5000;
+/// And where several poll by turns, the one that has the lowest priority of all goes first after so
+/// many decisions: it may be what they wait for.
+constexpr std::uint64_t LONGEST_WAIT = 20000;
 
 std::uint64_t g_random;
 std::uint64_t g_programRandom;
@@ -117,10 +120,14 @@ Thread* ByPriority(Thread* self, Thread* const* runnable, std::uint32_t count, s
         }
     }
     Thread* highest = runnable[0];
+    Thread* lowest = runnable[0];
     for (std::uint32_t i = 1; i < count; ++i) {
-        if (runnable[i]->priority > highest->priority) {
-            highest = runnable[i];
-        }
+        highest = runnable[i]->priority > highest->priority ? runnable[i] : highest;
+        lowest = runnable[i]->priority < lowest->priority ? runnable[i] : lowest;
+    }
+    if (number % LONGEST_WAIT == 0) {
+        lowest->priority = highest->priority + 1;
+        return lowest;
     }
     return highest;
 }
