@@ -33,6 +33,13 @@ std::string NameOf(const testing::TestParamInfo<Fault>& info)
     return std::string(info.param.program) + std::to_string(info.index);
 }
 
+Ran ExpectNothingFound(const std::string& options, const std::string& program)
+{
+    Ran ran = RunSim(options, program);
+    EXPECT_EQ(ran.status, NOTHING_FOUND) << ran.text;
+    return ran;
+}
+
 class SimFaultTest : public testing::TestWithParam<Fault>
 {};
 
@@ -73,27 +80,23 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(SimFaultlessTest, NothingIsFoundInTheMendedPrograms)
 {
-    const Ran ran = RunSim("--seeds 1..200 --stall 5 --spurious 0.1", "Faultless");
-    EXPECT_EQ(ran.status, NOTHING_FOUND) << ran.text;
+    ExpectNothingFound("--seeds 1..200 --stall 5 --spurious 0.1", "Faultless");
 }
 
 TEST(SimFaultlessTest, NothingIsFoundInCorrectUseOfEverythingThatIsSimulated)
 {
-    const Ran ran = RunSim("--seeds 1..60", "Correct");
-    EXPECT_EQ(ran.status, NOTHING_FOUND) << ran.text;
+    const Ran ran = ExpectNothingFound("--seeds 1..60", "Correct");
     EXPECT_THAT(ran.text, Not(HasSubstr("does not simulate")));
 }
 
 TEST(SimFaultlessTest, AWaitOfATimeThatIsLongEnoughDoesNotTimeOutWithoutStalls)
 {
-    const Ran ran = RunSim("--seeds 1..100", "TimeOut");
-    EXPECT_EQ(ran.status, NOTHING_FOUND) << ran.text;
+    ExpectNothingFound("--seeds 1..100", "TimeOut");
 }
 
 TEST(SimFaultlessTest, AWaitWithoutALoopIsRightAsLongAsNoneEndsForNoReason)
 {
-    const Ran ran = RunSim("--seeds 1..100", "SpuriousWakeUp");
-    EXPECT_EQ(ran.status, NOTHING_FOUND) << ran.text;
+    ExpectNothingFound("--seeds 1..100", "SpuriousWakeUp");
 }
 
 TEST(SimReplayTest, SameSeedIsTheSameRunWhateverTheAddresses)
@@ -115,27 +118,23 @@ TEST(SimReplayTest, OtherSeedsAreOtherRuns)
 
 TEST(SimTimeTest, ThirtyDaysOfAWakeUpAMinuteAreOver)
 {
-    const Ran ran = RunSim("--seed 1", "ThirtyDays");
-    EXPECT_EQ(ran.status, NOTHING_FOUND) << ran.text;
+    const Ran ran = ExpectNothingFound("--seed 1", "ThirtyDays");
     EXPECT_THAT(ran.text, HasSubstr("30 days, 720 hours counted"));
 }
 
 TEST(SimTimeTest, AnHourOfSystemCallsByNumberIsVirtualWhateverTheProgramDefines)
 {
-    const Ran ran = RunSim("--seeds 1..10 --limit 60", "SystemCalls");
-    EXPECT_EQ(ran.status, NOTHING_FOUND) << ran.text;
+    ExpectNothingFound("--seeds 1..10 --limit 60", "SystemCalls");
 }
 
 TEST(SimTimeTest, AnHourBesideAChildIsVirtual)
 {
-    const Ran ran = RunSim("--seeds 1..10", "Children");
-    EXPECT_EQ(ran.status, NOTHING_FOUND) << ran.text;
+    ExpectNothingFound("--seeds 1..10", "Children");
 }
 
 TEST(SimTimeTest, AChildMayTakeItsTime)
 {
-    const Ran ran = RunSim("--seed 1", "SlowChild");
-    EXPECT_EQ(ran.status, NOTHING_FOUND) << ran.text;
+    ExpectNothingFound("--seed 1", "SlowChild");
 }
 
 TEST(SimSpinTest, AThreadThatNeverCallsAnythingIsReported)
