@@ -2,8 +2,8 @@
 # What every change should stand but takes too long for each one: run it over night, and before a release.
 #   scripts/nightly.sh [HOURS]
 # In HOURS (default 1) for each: the storm in an ordinary build and under both sanitizers. Then all tests 50
-# times under each sanitizer, the unit tests under the simulator, and README's commands in minimal systems
-# of both Debian releases. Goes on after a failure; ends with status 0 if nothing failed.
+# times under each sanitizer, the packages built twice, the unit tests under the simulator, and README's
+# commands in minimal systems of both Debian releases. Goes on after a failure; ends with status 0 if nothing failed.
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 case ${1:-} in
@@ -32,6 +32,7 @@ done
 for preset in asan tsan; do
     part "50 times all tests in $preset" scripts/test.sh "$preset" --repeat until-fail:50
 done
+part "packages built twice" scripts/reproducible.sh
 part "simulated unit tests" scripts/sim.sh 100
 for release in bookworm trixie; do
     part "README's commands on $release" scripts/bare.sh "$release"

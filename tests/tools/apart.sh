@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # zor-apart gives a command a /tmp of its own, and is not in its way otherwise. The environment gives BIN,
 # the build's programs, and SCRATCH, a folder that the test may fill.
-set -euo pipefail
 # shellcheck disable=SC2016  # what stands in single quotes is expanded inside
+set -euo pipefail
 
 fail() {
     printf 'FAILED: %s\n' "$*" >&2
@@ -64,6 +64,26 @@ expect_status 0 "$apart" --tmp "$SCRATCH/first" "$BIN/hello"
 [[ $(cat "$SCRATCH/first/.zor-daemon.pid") =~ ^[0-9]+$ ]] || fail "its pid file is not in the folder"
 expect_status 0 "$apart" --tmp "$SCRATCH/first" "$BIN/hello"
 [ "$output" = "" ] || fail "the second daemon with that folder did not step aside: $output"
+
+# It can be looked into from outside, by the pid in its folder.
+rm "$SCRATCH/first/.zor-daemon.pid"
+mkfifo "$SCRATCH/input"
+"$apart" --tmp "$SCRATCH/first" "$BIN/zor-tsmon" - <"$SCRATCH/input" >/dev/null 2>"$SCRATCH/daemon.log" &
+daemon=$!
+exec 8>"$SCRATCH/input" # the daemon waits for packets until it is closed
+for ((tries = 0; tries < 600; ++tries)); do
+    [ ! -s "$SCRATCH/first/.zor-daemon.pid" ] || break
+    sleep 0.1
+done
+[ "$(cat "$SCRATCH/first/.zor-daemon.pid")" = "$daemon" ] || fail "the daemon: $(cat "$SCRATCH/daemon.log")"
+for ((tries = 0; tries < 60; ++tries)); do # until its tasks are there
+    expect_status 0 "$BIN/zor-inspect" --sysroot / "$daemon"
+    [[ $output != *TsReader* ]] || break
+done
+[[ $output == *TsReader* ]] || fail "from outside the daemon is: $output"
+kill "$daemon"
+exec 8>&-
+wait "$daemon" || fail "the daemon ended with status $?"
 
 # Where the kernel refuses, in a namespace that allows no further ones: a clear word and the status.
 if unshare --user --map-root-user true 2>/dev/null; then
