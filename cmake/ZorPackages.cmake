@@ -10,12 +10,11 @@ set(CPACK_COMPONENTS_ALL runtime development platform platform-development tools
 set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 
-# The same from every build of these sources: times, and permissions whatever the umask.
+# The same from every build of these sources: the times, and the folders' permissions.
 configure_file(${PROJECT_SOURCE_DIR}/cmake/package/cpack-config.cmake.in
                ${PROJECT_BINARY_DIR}/package/cpack-config.cmake @ONLY)
 set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_BINARY_DIR}/package/cpack-config.cmake)
-set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
-    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/package/folder-permissions.cmake)
 
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
