@@ -140,7 +140,9 @@ bool Packetiser::FindPacketAnywhere(PacketBlock& block)
 
 void Packetiser::EndSearching(PacketBlock& block)
 {
-    if (m_offset % SignedSize() == 0) {
+    if (IsHeldAgain()) {
+        m_holding = false; // it is the first of the packets that have been found
+    } else if (m_offset >= 0 && m_offset % SignedSize() == 0) {
         ReleaseHeld(block);
         m_counts.lostSync += static_cast<std::uint64_t>(m_offset / SignedSize());
     } else {
@@ -193,6 +195,15 @@ bool Packetiser::IsPacketOfOtherLayout(std::size_t index)
     return false;
 }
 
+/// Whether the packets that were found, of another layout, begin with the held one: time stamps may
+/// end with it.
+bool Packetiser::IsHeldAgain() const
+{
+    const std::int64_t unit = m_offset + static_cast<std::int64_t>(m_heldLayout.size);
+    return m_holding && unit + static_cast<std::int64_t>(m_layout.lead) ==
+                            static_cast<std::int64_t>(m_heldLayout.lead);
+}
+
 bool Packetiser::IsSync(std::size_t index) const
 {
     const std::size_t sync = index + m_layout.lead;
@@ -232,6 +243,7 @@ void Packetiser::Hold(std::size_t index)
 {
     const auto packet = m_buffer.begin() + static_cast<std::ptrdiff_t>(index + m_layout.lead);
     std::copy_n(packet, PACKET_SIZE, m_held.begin());
+    m_heldLayout = m_layout;
     m_holding = true;
 }
 

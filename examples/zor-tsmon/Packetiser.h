@@ -93,6 +93,7 @@ class Packetiser
     bool IsPacketInStep(std::size_t index) const;
     bool IsPacketAnywhere(std::size_t index) const;
     bool IsPacketOfOtherLayout(std::size_t index);
+    bool IsHeldAgain() const;
     bool IsSync(std::size_t index) const;
     Evidence LookAhead(std::size_t index, std::size_t neighbours) const;
     std::size_t Available(std::size_t index) const;
@@ -113,6 +114,7 @@ class Packetiser
     std::int64_t m_offset = 0;  ///< searching: from where a packet was expected to m_position
 
     std::array<std::uint8_t, PACKET_SIZE> m_held{}; ///< the packet whose successor is awaited
+    PacketLayout m_heldLayout;                      ///< in which it was found
     bool m_holding = false;
 
     StreamCounts m_counts;
