@@ -34,7 +34,8 @@ function(zor_man_page program summary)
     DEPENDS ${PROJECT_SOURCE_DIR}/cmake/man/man-page.sh ${program} ${arg_DEPENDS}
     VERBATIM)
   set_property(GLOBAL APPEND PROPERTY ZOR_MAN_PAGES ${page})
-  install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+  # Optional: whoever builds a few programs only can install these.
+  install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools OPTIONAL)
 endfunction()
 
 zor_man_page(infobox "shows a daemon's message in a box on the terminal")
