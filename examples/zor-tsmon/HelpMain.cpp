@@ -1,7 +1,14 @@
 // Prints the help of zor-tsmon for its manual page, without being a daemon: no pid file is made.
 #include <cstdio>
 
+#include "Main.h"
 #include "Options.h"
+
+/// What the runtime imports, which the options come with. Nobody calls it.
+int Main()
+{
+    return 1;
+}
 
 int main()
 {
