@@ -2,13 +2,14 @@
 # What every change should stand but takes too long for each one: run it over night, and before a release.
 #   scripts/nightly.sh [HOURS]
 # In HOURS (default 1) for each: the storm in an ordinary build and under both sanitizers. Then all tests 50
-# times under each sanitizer, the packages built twice, the unit tests under the simulator, and README's
-# commands in minimal systems of both Debian releases. Goes on after a failure; ends with status 0 if nothing failed.
+# times under each sanitizer, each fuzzer for ten minutes, the packages built twice, the unit tests under the
+# simulator, and README's commands in minimal systems of both Debian releases. Goes on after a failure; ends
+# with status 0 if nothing failed.
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 case ${1:-} in
 -h | --help)
-    sed -n '2,6s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
+    sed -n '2,7s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
     exit 0
     ;;
 esac
@@ -32,6 +33,7 @@ done
 for preset in asan tsan; do
     part "50 times all tests in $preset" scripts/test.sh "$preset" --repeat until-fail:50
 done
+part "fuzzers" scripts/fuzz.sh 600
 part "packages built twice" scripts/reproducible.sh
 part "simulated unit tests" scripts/sim.sh 100
 for release in bookworm trixie; do
