@@ -1,41 +1,24 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <random>
 
+#include "CutStream.h"
 #include "Packetiser.h"
 #include "StreamBuilder.h"
 
 namespace {
 
 using made::Bytes;
+using made::Cut;
+using made::CutStream;
 using made::PacketsOf;
 using made::PlainPackets;
 using made::Repacked;
 using tsmon::PACKET_SIZE;
-using tsmon::StreamCounts;
 using made::operator+;
 
 constexpr std::size_t COUNT = 24;
 constexpr std::uint8_t NO_SYNC = 0x00;
-
-struct Result
-{
-    Bytes packets;
-    StreamCounts counts;
-};
-
-Result Cut(const Bytes& stream, std::size_t chunk = 1000)
-{
-    tsmon::Packetiser packetiser;
-    tsmon::PacketBlock block;
-    for (std::size_t begin = 0; begin < stream.size(); begin += chunk) {
-        packetiser.Push(stream.data() + begin, std::min(chunk, stream.size() - begin), block);
-    }
-    packetiser.Finish(block);
-    const std::uint8_t* first = block.Packet(0);
-    return {Bytes(first, first + block.Count() * PACKET_SIZE), packetiser.Counts()};
-}
 
 Bytes PacketsWithout(const Bytes& stream, std::size_t index)
 {
@@ -64,7 +47,7 @@ class PacketLayoutTest : public testing::TestWithParam<std::size_t>
 TEST_P(PacketLayoutTest, PacketsAreFoundHoweverTheStreamArrives)
 {
     for (const std::size_t chunk : {1, 7, 187, 188, 192, 203, 204, 1000, 100000}) {
-        const Result result = Cut(m_stream, chunk);
+        const CutStream result = Cut(m_stream, chunk);
         EXPECT_EQ(result.packets, m_sound) << chunk;
         EXPECT_EQ(result.counts.packets, COUNT) << chunk;
         EXPECT_EQ(result.counts.bytes, m_stream.size()) << chunk;
@@ -76,7 +59,7 @@ TEST_P(PacketLayoutTest, PacketsAreFoundHoweverTheStreamArrives)
 TEST_P(PacketLayoutTest, TwoPacketsAreEnough)
 {
     for (std::size_t count = 2; count < 14; ++count) {
-        const Result result = Cut(Repacked(PlainPackets(count), Size()));
+        const CutStream result = Cut(Repacked(PlainPackets(count), Size()));
         EXPECT_EQ(result.packets, PlainPackets(count)) << count;
         EXPECT_EQ(result.counts.packetSize, Size()) << count;
         EXPECT_EQ(result.counts.Damaged(), 0U) << count;
@@ -88,7 +71,7 @@ TEST_P(PacketLayoutTest, LostSyncByteCostsItsPacketOnly)
     for (std::size_t damaged = 0; damaged < COUNT; ++damaged) {
         Bytes stream = m_stream;
         stream[damaged * Size() + Lead()] = NO_SYNC;
-        const Result result = Cut(stream);
+        const CutStream result = Cut(stream);
         EXPECT_EQ(result.packets, PacketsWithout(m_sound, damaged)) << damaged;
         EXPECT_EQ(result.counts.lostSync, 1U) << damaged;
         EXPECT_EQ(result.counts.packetSize, Size()) << damaged;
@@ -98,7 +81,7 @@ TEST_P(PacketLayoutTest, LostSyncByteCostsItsPacketOnly)
 TEST_P(PacketLayoutTest, StreamMayBeginAnywhereInAPacket)
 {
     for (std::size_t missing = Lead() + 1; missing < Size(); ++missing) {
-        const Result result = Cut(Without(m_stream, 0, missing));
+        const CutStream result = Cut(Without(m_stream, 0, missing));
         EXPECT_EQ(result.packets, PacketsOf(m_sound, 1, COUNT - 1)) << missing;
         EXPECT_EQ(result.counts.lostSync, 1U) << missing;
         EXPECT_EQ(result.counts.packetSize, Size()) << missing;
@@ -108,7 +91,7 @@ TEST_P(PacketLayoutTest, StreamMayBeginAnywhereInAPacket)
 TEST_P(PacketLayoutTest, StreamThatEndsInsideAPacketHasOneTruncatedPacket)
 {
     for (std::size_t missing = 1; missing < Size(); ++missing) {
-        const Result result = Cut(Without(m_stream, m_stream.size() - missing, missing));
+        const CutStream result = Cut(Without(m_stream, m_stream.size() - missing, missing));
         EXPECT_EQ(result.packets, PacketsOf(m_sound, 0, COUNT - 1)) << missing;
         EXPECT_EQ(result.counts.truncated, 1U) << missing;
         EXPECT_EQ(result.counts.Damaged(), 1U) << missing;
@@ -118,7 +101,7 @@ TEST_P(PacketLayoutTest, StreamThatEndsInsideAPacketHasOneTruncatedPacket)
 TEST_P(PacketLayoutTest, BytesMissingFromAPacketCostThatPacketOnly)
 {
     for (std::size_t count = 1; count < PACKET_SIZE; ++count) {
-        const Result result = Cut(Without(m_stream, 10 * Size() + Lead() + 1, count));
+        const CutStream result = Cut(Without(m_stream, 10 * Size() + Lead() + 1, count));
         EXPECT_EQ(result.packets, PacketsWithout(m_sound, 10)) << count;
         EXPECT_EQ(result.counts.Damaged(), 1U) << count;
     }
@@ -127,7 +110,7 @@ TEST_P(PacketLayoutTest, BytesMissingFromAPacketCostThatPacketOnly)
 TEST_P(PacketLayoutTest, LongGapOfForeignBytesIsSkipped)
 {
     const Bytes stream = m_stream + Bytes(5000, NO_SYNC) + m_stream;
-    const Result result = Cut(stream);
+    const CutStream result = Cut(stream);
     const std::size_t lost = (5000 + Size() - 1) / Size();
     EXPECT_GE(result.counts.packets, 2 * COUNT - 1);
     EXPECT_NEAR(static_cast<double>(result.counts.lostSync), static_cast<double>(lost), 1);
@@ -137,7 +120,7 @@ TEST_P(PacketLayoutTest, LongGapOfForeignBytesIsSkipped)
 TEST_P(PacketLayoutTest, StreamOfAnotherSizeMayFollowAndCostsAPacketAtMost)
 {
     for (const std::size_t next : {188, 192, 204}) {
-        const Result result = Cut(m_stream + Repacked(m_sound, next));
+        const CutStream result = Cut(m_stream + Repacked(m_sound, next));
         const bool isOneTakenForOld = Size() + next == 188 + 204;
         EXPECT_EQ(result.counts.packets, 2 * COUNT - (isOneTakenForOld ? 1 : 0)) << next;
         EXPECT_EQ(result.counts.Damaged(), isOneTakenForOld ? 1U : 0U) << next;
@@ -154,7 +137,7 @@ TEST_P(PacketLayoutTest, SyncBytesAmongPayloadsDoNotHideTheSize)
         const bool isChanged = index % PACKET_SIZE >= 4 && random() % 4 == 0;
         sound[index] = isChanged ? tsmon::SYNC_BYTE : sound[index];
     }
-    const Result result = Cut(Repacked(sound, Size()));
+    const CutStream result = Cut(Repacked(sound, Size()));
     EXPECT_EQ(result.packets, sound);
     EXPECT_EQ(result.counts.packetSize, Size());
 }
@@ -174,8 +157,8 @@ TEST_P(PacketLayoutTest, RandomDamageGivesTheSameHoweverTheStreamArrives)
                               NO_SYNC);
             }
         }
-        const Result whole = Cut(stream, stream.size());
-        const Result pieces = Cut(stream, 1 + random() % 400);
+        const CutStream whole = Cut(stream, stream.size());
+        const CutStream pieces = Cut(stream, 1 + random() % 400);
         EXPECT_EQ(pieces.packets, whole.packets) << "seed " << seed;
         EXPECT_EQ(pieces.counts.Damaged(), whole.counts.Damaged()) << "seed " << seed;
         EXPECT_EQ(whole.counts.packetSize, Size()) << "seed " << seed;

@@ -6,37 +6,21 @@
 #include <random>
 #include <string>
 
+#include "CutStream.h"
 #include "StreamBuilder.h"
 
 namespace {
 
 using made::Bytes;
+using made::Cut;
+using made::CutStream;
 using made::PacketsOf;
 using made::PlainPackets;
 using tsmon::PACKET_SIZE;
-using tsmon::StreamCounts;
 using made::operator+;
 
 constexpr std::size_t COUNT = 24;
 constexpr std::uint8_t NO_SYNC = 0x00;
-
-struct Result
-{
-    Bytes packets;
-    StreamCounts counts;
-};
-
-Result Cut(const Bytes& stream, std::size_t chunk = 1000)
-{
-    tsmon::Packetiser packetiser;
-    tsmon::PacketBlock block;
-    for (std::size_t begin = 0; begin < stream.size(); begin += chunk) {
-        packetiser.Push(stream.data() + begin, std::min(chunk, stream.size() - begin), block);
-    }
-    packetiser.Finish(block);
-    const std::uint8_t* first = block.Packet(0);
-    return {Bytes(first, first + block.Count() * PACKET_SIZE), packetiser.Counts()};
-}
 
 /// All packets but @p count from number @p begin.
 Bytes PacketsWithout(const Bytes& stream, std::size_t begin, std::size_t count)
@@ -71,7 +55,7 @@ TEST(PacketiserTest, SoundStreamIsCutIntoItsPacketsHoweverItArrives)
 {
     const Bytes stream = PlainPackets(COUNT);
     for (const std::size_t chunk : {1, 7, 187, 188, 189, 1000, 100000}) {
-        const Result result = Cut(stream, chunk);
+        const CutStream result = Cut(stream, chunk);
         EXPECT_EQ(result.packets, stream) << chunk;
         EXPECT_EQ(result.counts.packets, COUNT) << chunk;
         EXPECT_EQ(result.counts.bytes, stream.size()) << chunk;
@@ -83,7 +67,7 @@ TEST(PacketiserTest, ShortStreamsAreRecognised)
 {
     for (std::size_t count = 1; count <= 12; ++count) {
         const Bytes stream = PlainPackets(count);
-        const Result result = Cut(stream);
+        const CutStream result = Cut(stream);
         EXPECT_EQ(result.packets, stream) << count;
         EXPECT_EQ(result.counts.Damaged(), 0U) << count;
     }
@@ -91,7 +75,7 @@ TEST(PacketiserTest, ShortStreamsAreRecognised)
 
 TEST(PacketiserTest, NothingComesOfNothing)
 {
-    const Result result = Cut({});
+    const CutStream result = Cut({});
     EXPECT_TRUE(result.packets.empty());
     EXPECT_EQ(result.counts.bytes, 0U);
     EXPECT_EQ(result.counts.Damaged(), 0U);
@@ -122,7 +106,7 @@ TEST(PacketiserTest, LostSyncByteCostsItsPacketOnly)
     for (std::size_t damaged = 0; damaged < COUNT; ++damaged) {
         Bytes stream = sound;
         stream[damaged * PACKET_SIZE] ^= 0xFF;
-        const Result result = Cut(stream);
+        const CutStream result = Cut(stream);
         EXPECT_EQ(result.packets, PacketsWithout(sound, damaged, 1)) << damaged;
         EXPECT_EQ(result.counts.lostSync, 1U) << damaged;
         EXPECT_EQ(result.counts.Damaged(), 1U) << damaged;
@@ -136,7 +120,7 @@ TEST(PacketiserTest, TwoLostSyncBytesInARowCostTheirPacketsOnly)
         Bytes stream = sound;
         stream[damaged * PACKET_SIZE] = NO_SYNC;
         stream[(damaged + 1) * PACKET_SIZE] = NO_SYNC;
-        const Result result = Cut(stream);
+        const CutStream result = Cut(stream);
         EXPECT_EQ(result.packets, PacketsWithout(sound, damaged, 2)) << damaged;
         EXPECT_EQ(result.counts.Damaged(), 2U) << damaged;
     }
@@ -148,7 +132,7 @@ TEST(PacketiserTest, EveryThirdSyncByteMayBeLost)
     for (std::size_t packet = 2; packet < 30; packet += 3) {
         stream[packet * PACKET_SIZE] = NO_SYNC;
     }
-    const Result result = Cut(stream);
+    const CutStream result = Cut(stream);
     EXPECT_EQ(result.counts.packets, 20U);
     EXPECT_EQ(result.counts.lostSync, 10U);
 }
@@ -161,7 +145,7 @@ TEST(PacketiserTest, LostSyncByteBetweenPayloadsOfSyncBytesCostsItsPacketOnly)
     }
     Bytes stream = sound;
     stream[9 * PACKET_SIZE] = NO_SYNC;
-    const Result result = Cut(stream);
+    const CutStream result = Cut(stream);
     EXPECT_EQ(result.packets, PacketsWithout(sound, 9, 1));
     EXPECT_EQ(result.counts.Damaged(), 1U);
 }
@@ -170,7 +154,7 @@ TEST(PacketiserTest, ByteAddedAtAnyOffsetCostsItsPacketOnly)
 {
     const Bytes sound = PlainPackets(COUNT);
     for (std::size_t offset = 1; offset <= PACKET_SIZE; ++offset) {
-        const Result result = Cut(WithInserted(sound, 10 * PACKET_SIZE + offset, 1));
+        const CutStream result = Cut(WithInserted(sound, 10 * PACKET_SIZE + offset, 1));
         EXPECT_EQ(result.packets, PacketsWithout(sound, 10, 1)) << offset;
         EXPECT_EQ(result.counts.Damaged(), 1U) << offset;
     }
@@ -180,7 +164,7 @@ TEST(PacketiserTest, ByteMissingAtAnyOffsetCostsItsPacketOnly)
 {
     const Bytes sound = PlainPackets(COUNT);
     for (std::size_t offset = 1; offset < PACKET_SIZE; ++offset) {
-        const Result result = Cut(WithRemoved(sound, 10 * PACKET_SIZE + offset, 1));
+        const CutStream result = Cut(WithRemoved(sound, 10 * PACKET_SIZE + offset, 1));
         EXPECT_EQ(result.packets, PacketsWithout(sound, 10, 1)) << offset;
         EXPECT_EQ(result.counts.Damaged(), 1U) << offset;
     }
@@ -190,7 +174,7 @@ TEST(PacketiserTest, ByteMissingAtAnyOffsetCostsItsPacketOnly)
 TEST(PacketiserTest, MissingSyncByteCostsThePacketBeforeToo)
 {
     const Bytes sound = PlainPackets(COUNT);
-    const Result result = Cut(WithRemoved(sound, 10 * PACKET_SIZE, 1));
+    const CutStream result = Cut(WithRemoved(sound, 10 * PACKET_SIZE, 1));
     EXPECT_EQ(result.packets, PacketsWithout(sound, 9, 2));
     EXPECT_EQ(result.counts.Damaged(), 2U);
 }
@@ -199,7 +183,7 @@ TEST(PacketiserTest, AnyNumberOfBytesMayBeMissingFromAPacket)
 {
     const Bytes sound = PlainPackets(COUNT);
     for (std::size_t count = 1; count < PACKET_SIZE; ++count) {
-        const Result result = Cut(WithRemoved(sound, 10 * PACKET_SIZE + 1, count));
+        const CutStream result = Cut(WithRemoved(sound, 10 * PACKET_SIZE + 1, count));
         EXPECT_EQ(result.packets, PacketsWithout(sound, 10, 1)) << count;
         EXPECT_EQ(result.counts.Damaged(), 1U) << count;
     }
@@ -211,7 +195,7 @@ TEST(PacketiserTest, DamageInAnyPacketIsCountedAndTheRestIsRead)
     for (std::size_t damaged = 0; damaged + 1 < COUNT; ++damaged) {
         for (const bool added : {false, true}) {
             const std::size_t position = damaged * PACKET_SIZE + 100;
-            const Result result =
+            const CutStream result =
                 Cut(added ? WithInserted(sound, position, 5) : WithRemoved(sound, position, 5));
             EXPECT_EQ(result.counts.packets + result.counts.Damaged(), COUNT) << damaged;
             EXPECT_GE(result.counts.Damaged(), 1U) << damaged;
@@ -226,7 +210,7 @@ TEST(PacketiserTest, BurstOfLostPacketsIsCountedInPackets)
     for (std::size_t burst = 1; burst <= 20; ++burst) {
         Bytes stream = sound;
         std::fill_n(stream.begin() + 10 * PACKET_SIZE, burst * PACKET_SIZE, NO_SYNC);
-        const Result result = Cut(stream);
+        const CutStream result = Cut(stream);
         EXPECT_EQ(result.packets, PacketsWithout(sound, 10, burst)) << burst;
         EXPECT_EQ(result.counts.lostSync, burst) << burst;
     }
@@ -236,7 +220,7 @@ TEST(PacketiserTest, ForeignBytesBeforeTheFirstPacketAreSkippedAndCounted)
 {
     const Bytes sound = PlainPackets(COUNT);
     for (std::size_t foreign = 1; foreign <= 3 * PACKET_SIZE; ++foreign) {
-        const Result result = Cut(Bytes(foreign, NO_SYNC) + sound);
+        const CutStream result = Cut(Bytes(foreign, NO_SYNC) + sound);
         const std::uint64_t lost =
             std::max<std::size_t>(1, (foreign + PACKET_SIZE / 2) / PACKET_SIZE);
         EXPECT_EQ(result.packets, sound) << foreign;
@@ -262,7 +246,7 @@ TEST(PacketiserTest, StreamThatEndsInsideAPacketHasOneTruncatedPacket)
 {
     const Bytes sound = PlainPackets(COUNT);
     for (std::size_t missing = 1; missing < PACKET_SIZE; ++missing) {
-        const Result result = Cut(WithRemoved(sound, sound.size() - missing, missing));
+        const CutStream result = Cut(WithRemoved(sound, sound.size() - missing, missing));
         EXPECT_EQ(result.packets, PacketsOf(sound, 0, COUNT - 1)) << missing;
         EXPECT_EQ(result.counts.truncated, 1U) << missing;
         EXPECT_EQ(result.counts.Damaged(), 1U) << missing;
@@ -272,7 +256,7 @@ TEST(PacketiserTest, StreamThatEndsInsideAPacketHasOneTruncatedPacket)
 TEST(PacketiserTest, ForeignBytesBehindTheLastPacketAreCounted)
 {
     const Bytes sound = PlainPackets(COUNT);
-    const Result result = Cut(sound + Bytes(2 * PACKET_SIZE + 1, NO_SYNC));
+    const CutStream result = Cut(sound + Bytes(2 * PACKET_SIZE + 1, NO_SYNC));
     EXPECT_EQ(result.packets, sound);
     EXPECT_EQ(result.counts.Damaged(), 3U);
 }
@@ -282,7 +266,7 @@ TEST(PacketiserTest, PacketsMarkedAsBrokenAreCountedAndNotHandedOn)
     const Bytes sound = PlainPackets(COUNT);
     Bytes stream = sound;
     stream[7 * PACKET_SIZE + 1] |= 0x80;
-    const Result result = Cut(stream);
+    const CutStream result = Cut(stream);
     EXPECT_EQ(result.packets, PacketsWithout(sound, 7, 1));
     EXPECT_EQ(result.counts.transportErrors, 1U);
     EXPECT_EQ(result.counts.Damaged(), 1U);
@@ -315,8 +299,8 @@ TEST(PacketiserTest, RandomDamageGivesTheSameHoweverTheStreamArrives)
             stream = random() % 2 == 0 ? WithInserted(stream, position, size)
                                        : WithRemoved(stream, position, size);
         }
-        const Result whole = Cut(stream, stream.size());
-        const Result pieces = Cut(stream, 1 + random() % 400);
+        const CutStream whole = Cut(stream, stream.size());
+        const CutStream pieces = Cut(stream, 1 + random() % 400);
         EXPECT_EQ(pieces.packets, whole.packets) << "seed " << seed;
         EXPECT_EQ(pieces.counts.Damaged(), whole.counts.Damaged()) << "seed " << seed;
         EXPECT_GT(whole.counts.packets, 30U) << "seed " << seed;
