@@ -14,13 +14,14 @@
 #include "QueueModel.h"
 #include "QueueProbe.h"
 #include "QueueSender.h"
+#include "Sanitized.h"
 #include "TCDebugPrint.h"
 
 namespace {
 
 using namespace zortest;
 
-constexpr int OPERATIONS = 100000;
+constexpr int OPERATIONS = 100000 / SLOWER;
 constexpr int OPERATIONS_OF_A_PHASE = 1000;
 constexpr int RECEIVERS = 3;
 constexpr int TYPES = 3;

@@ -11,25 +11,12 @@
 #include <vector>
 
 #include "QueueEvents.h"
+#include "Sanitized.h"
 #include "Wait.h"
-
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-#define ZOR_TEST_IS_SLOW
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-#define ZOR_TEST_IS_SLOW
-#endif
-#endif
 
 namespace {
 
 using namespace zortest;
-
-#ifdef ZOR_TEST_IS_SLOW
-constexpr std::uint32_t SLOWER = 10;
-#else
-constexpr std::uint32_t SLOWER = 1;
-#endif
 
 constexpr int PRODUCERS = 4;
 constexpr std::uint32_t EVENTS = 1000000 / SLOWER;

@@ -7,25 +7,14 @@
 #include <thread>
 #include <vector>
 
+#include "Sanitized.h"
 #include "TaskSupport.h"
-
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-#define ZOR_TEST_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-#define ZOR_TEST_SANITIZED 1
-#endif
-#endif
 
 namespace {
 
 using namespace zortest;
 
-#ifdef ZOR_TEST_SANITIZED
-constexpr std::uint32_t EVENTS = 100000;
-#else
-constexpr std::uint32_t EVENTS = 1000000;
-#endif
+constexpr std::uint32_t EVENTS = 1000000 / SLOWER;
 
 constexpr std::uint32_t PRODUCERS = 4;
 constexpr std::uint32_t EVENTS_OF_ONE = EVENTS / PRODUCERS;

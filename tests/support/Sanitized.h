@@ -1,0 +1,23 @@
+#ifndef ZOR_TESTS_SANITIZED_H
+#define ZOR_TESTS_SANITIZED_H
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+#define ZOR_TEST_IS_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
+#define ZOR_TEST_IS_SANITIZED 1
+#endif
+#endif
+
+namespace zortest {
+
+/// Divides the number of repetitions of a long test: instrumented, each costs ten times as much.
+#ifdef ZOR_TEST_IS_SANITIZED
+constexpr int SLOWER = 10;
+#else
+constexpr int SLOWER = 1;
+#endif
+
+} // namespace zortest
+
+#endif
