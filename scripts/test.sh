@@ -29,4 +29,5 @@ install_packages
 build "$preset" "${programs[@]}"
 clear_pid_file
 cd "$ROOT"
-ctest --preset "$preset" --parallel "$(nproc)" "${only[@]}" "$@"
+# Most tests wait more than they work.
+ctest --preset "$preset" --parallel "$((2 * $(nproc)))" "${only[@]}" "$@"

@@ -481,6 +481,8 @@ class SyncCallTest : public SyncTest
         for (std::thread& sender : m_senders) {
             sender.join();
         }
+        // What was sent before is handled when the exit event has been taken.
+        EXPECT_TRUE(Eventually([this] { return static_cast<TCQueue&>(m_task).Size() == 0; }));
         m_handler.Destroy();
         m_task.Destroy();
     }

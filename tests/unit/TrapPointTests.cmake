@@ -12,7 +12,6 @@ zor_add_test(TrapPointBehaviourTest
           ${trap_platform}/AllocationCount.cpp)
 target_include_directories(TrapPointBehaviourTest PRIVATE ${trap_platform})
 if(ZOR_PLATFORM STREQUAL "host")
-  gtest_discover_tests(TrapPointBehaviourTest TEST_PREFIX Recorded. DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT 300
-               ENVIRONMENT "ZOR_RECORD=${CMAKE_CURRENT_BINARY_DIR}/%p.zor;ZOR_RECORD_SIZE=64K")
+  zor_register_tests(TrapPointBehaviourTest PREFIX Recorded.
+    PROPERTIES ENVIRONMENT "ZOR_RECORD=${CMAKE_CURRENT_BINARY_DIR}/%p.zor;ZOR_RECORD_SIZE=64K")
 endif()
