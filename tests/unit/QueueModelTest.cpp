@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <map>
@@ -340,18 +342,21 @@ void ExpectQueueToFollowItsModel(unsigned int seed)
 
     QueueAndModel both(seed);
     std::mt19937 random(seed);
-    auto phase = Phase::FILL;
+    std::array<Phase, 3> phases = {Phase::FILL, Phase::BALANCE, Phase::EMPTY};
     for (int i = 0; i < OPERATIONS; ++i) {
+        const std::size_t number = i / OPERATIONS_OF_A_PHASE;
         if (i % OPERATIONS_OF_A_PHASE == 0) {
-            phase = static_cast<Phase>(random() % 3);
+            if (number % phases.size() == 0) {
+                std::shuffle(phases.begin(), phases.end(), random);
+            }
             ASSERT_NO_FATAL_FAILURE(both.ExpectSameAnswers());
         }
-        both.Step(phase);
+        both.Step(phases.at(number % phases.size()));
         both.ExpectSameContents();
         ASSERT_FALSE(::testing::Test::HasFailure()) << "in operation " << i;
     }
-    EXPECT_GT(both.Refusals(), 100u); // or the queue was hardly ever full
-    EXPECT_GT(both.SynchronousPuts(), 100u);
+    EXPECT_GT(both.Refusals(), OPERATIONS / 1000u); // or the queue was hardly ever full
+    EXPECT_GT(both.SynchronousPuts(), OPERATIONS / 1000u);
     both.ExpectSameRest();
 }
 
