@@ -48,7 +48,8 @@ std::vector<std::string> Lines()
 {
     std::vector<std::string> texts;
     for (const LogLine& line : LogLinesWith("Id[")) {
-        if (line.text.find("Timer fire!") == std::string::npos) {
+        if (line.text.find("Timer fire!") == std::string::npos &&
+            line.text.find("Can't keep up!") == std::string::npos) {
             texts.push_back(line.text.substr(line.text.find("Id[")));
         }
     }
