@@ -262,6 +262,15 @@ class QueueMixedThreadTest : public ::testing::Test
         event->wrappedData.reset();
     }
 
+    /// Begins when an event has been deleted, which takers that are quick would leave none for.
+    void TakeUntilStopped(const std::function<void()>& turn)
+    {
+        while (m_deleted == 0) {
+            std::this_thread::yield();
+        }
+        RunUntilStopped(turn);
+    }
+
     void RunUntilStopped(const std::function<void()>& turn)
     {
         while (!m_stop) {
@@ -284,7 +293,7 @@ TEST_F(QueueMixedThreadTest, EveryEventIsTakenOrDeletedOnceHoweverManyThreadsDoI
     std::vector<std::thread> takers;
     takers.emplace_back([this] {
         TSEvent event;
-        RunUntilStopped([&] {
+        TakeUntilStopped([&] {
             if (m_queue.GetSync(&event, 5, false)) {
                 Handle(&event);
             }
@@ -292,7 +301,7 @@ TEST_F(QueueMixedThreadTest, EveryEventIsTakenOrDeletedOnceHoweverManyThreadsDoI
     });
     takers.emplace_back([this] {
         TSEvent event;
-        RunUntilStopped([&] {
+        TakeUntilStopped([&] {
             if (m_queue.Get(&event, &m_receivers[0], 1) || m_queue.Get(&event, &m_receivers[1])) {
                 Handle(&event);
             }
