@@ -200,6 +200,13 @@ void TCRecordFile::WriteHeader()
     *m_header = header;
 }
 
+void TCRecordFile::NoteEnd()
+{
+    if (Session() == m_header->session) {
+        __atomic_store_n(&m_header->endMonotonicNsec, NowNsec(CLOCK_MONOTONIC), __ATOMIC_RELAXED);
+    }
+}
+
 unsigned int TCRecordFile::Session() const
 {
     return m_session.load(std::memory_order_relaxed);

@@ -50,8 +50,12 @@ struct TSFileHeader
     std::uint64_t locationCount; ///< ids given out
     std::uint64_t locationsUsed; ///< bytes reserved
     std::uint64_t ringUsed;      ///< bytes ever reserved: the offset of the next record
+
+    /// When the process that made the file ended, on the clock that stamps the records; 0 until
+    /// then, and for ever if it was killed. What was under way lasted until then.
+    std::uint64_t endMonotonicNsec;
 };
-static_assert(sizeof(TSFileHeader) == 112);
+static_assert(sizeof(TSFileHeader) == 120);
 
 /// Begins a description; the texts of function, file and result type follow without terminators,
 /// then for each argument a TSArgument and the text of its type.

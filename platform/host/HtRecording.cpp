@@ -56,6 +56,14 @@ struct TSStart
         pthread_atfork(nullptr, nullptr, [] { g_file->AfterForkInChild(); });
         TIStorageManagerState::enabled.store(true, std::memory_order_relaxed);
     }
+
+    /// Other threads may still record; what they were doing ends now too.
+    ~TSStart()
+    {
+        if (g_file != nullptr) {
+            g_file->NoteEnd();
+        }
+    }
 };
 
 const TSStart g_start;

@@ -2,10 +2,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <sstream>
+#include <vector>
 
+#include "Calls.h"
+#include "Path.h"
 #include "Reader.h"
 #include "Summary.h"
+#include "TaskNames.h"
 #include "TextPrint.h"
+#include "Top.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
@@ -13,7 +18,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const zorrecord::Recording recording = zorrecord::Read(data, size);
         std::ostringstream text;
         zorrecord::PrintSummary(recording, text);
-        zorrecord::PrintRecords(recording, text);
+        const std::vector<zorrecord::Call> calls = zorrecord::CallsOf(recording);
+        zorrecord::PrintRecords(recording, zorrecord::TaskNames(calls), false, text);
+        zorrecord::PrintTop(recording, false, text);
+        if (zorrecord::LongestCall(recording, calls, {}) != zorrecord::Call::NONE) {
+            zorrecord::PrintPath(recording, {}, false, text);
+        }
     } catch (const zorrecord::FormatError&) {
         // refused, with a reason
     }

@@ -12,11 +12,14 @@
 #include "Calls.h"
 #include "Flows.h"
 #include "HtRecordFormat.h"
+#include "Path.h"
 #include "ProgramRun.h"
 #include "Reader.h"
 #include "Summary.h"
+#include "TaskNames.h"
 #include "TextPrint.h"
 #include "Tool.h"
+#include "Top.h"
 #include "TraceExport.h"
 
 namespace {
@@ -205,7 +208,7 @@ TEST_F(RecordCutTest, RecordsOfALostLocationAreStillRead)
     EXPECT_EQ(recording.records.size(), 8U);
     EXPECT_EQ(recording.LocationOf(recording.records[0]), nullptr);
     std::ostringstream text;
-    zorrecord::PrintRecords(recording, text);
+    zorrecord::PrintRecords(recording, zorrecord::TaskNames({}), false, text);
     EXPECT_NE(text.str().find("location 1 "), std::string::npos);
 }
 
@@ -228,8 +231,14 @@ TEST_F(RecordCutTest, NoDamageIsTooMuch)
         const Recording recording = ReadBytes(bytes, bytes.size());
         EXPECT_LE(recording.records.size(), original.records.size());
         std::ostringstream out;
-        zorrecord::PrintRecords(recording, out);
-        zorrecord::ExportTrace(recording, out);
+        const zorrecord::TaskNames names(zorrecord::CallsOf(recording));
+        zorrecord::PrintRecords(recording, names, true, out);
+        zorrecord::ExportTrace(recording, names, out);
+        zorrecord::PrintTop(recording, true, out);
+        if (zorrecord::LongestCall(recording, zorrecord::CallsOf(recording), {}) !=
+            zorrecord::Call::NONE) {
+            zorrecord::PrintPath(recording, {}, true, out);
+        }
         zorrecord::PrintSummary(recording, out);
         EXPECT_FALSE(out.str().empty());
     }

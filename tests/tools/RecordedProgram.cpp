@@ -145,6 +145,46 @@ void RunQueues()
     TCSyncDet::Destroy();
 }
 
+/// Never ends: what a hang holds on to must stay where it is.
+struct Hang
+{
+    Hang() // before the handlers
+    {
+        TCSyncDet::Create();
+        TCTaskList::m_mutex.Create();
+        scan.Create("scan", 1000, STACK_SIZE, 0);
+        store.Create("store", 1000, STACK_SIZE, 0);
+        entered.Create(0);
+        never.Create(0);
+    }
+
+    TCTask scan;
+    TCTask store;
+    Handler last{"last", &store, [this](const TSEvent* event) {
+                     if (event->type == 900) {
+                         entered.Give();
+                         never.Take();
+                     }
+                     return true;
+                 }};
+    Handler first{"first", &scan, [this](const TSEvent*) { return Send(&last, 901, true); }};
+    TCSemaphore entered;
+    TCSemaphore never;
+};
+
+/// A task waits for another one, which waits for ever: returns when they do.
+void RunHang()
+{
+    auto* const hang = new Hang;
+    Send(&hang->first, 800, true); // done, so that the tasks are known
+    Send(&hang->last, 900, false);
+    hang->entered.Take();
+    Send(&hang->first, 801, false);
+    while (static_cast<TCQueue&>(hang->store).Size() == 0) { // until the second send is in it
+        std::this_thread::yield();
+    }
+}
+
 bool Call(std::uint32_t caller, std::uint32_t number)
 {
     static TSCodeLocation location("bool Call(TSEvent*, bool, bool)", "RecordedProgram.cpp", 1);
@@ -237,6 +277,15 @@ int main(int argc, char** argv)
         RunForever();
     } else if (what == "fork") {
         RunFork();
+    } else if (what == "hang") {
+        RunHang();
+        puts("hangs");
+        pause();
+    } else if (what == "leave") {
+        RunHang();
+        puts("leaves");
+        fflush(stdout);
+        exit(0);
     } else if (what == "throw") {
         RunThrow();
     } else {

@@ -125,13 +125,14 @@ TEST_F(ToolTest, PrintWritesALineARecord)
         R"([0-9]+\.[0-9]{9} zor-recorded-pr\([0-9]+\) > static bool TCTask::Send\(TSEvent\*, bool, )"
         R"(bool\) \[src/Task\.cpp:168\] event=\{address=0x[0-9a-f]+ sync=0x0 receiver=)" +
         receiver +
-        R"( sender=0x0 type=100 param1=1 param2=22 param3=0x21 param4=0x2c param5=0x37 param6=66 )"
+        R"(\(alpha\) sender=0x0 type=100 param1=1 param2=22 param3=0x21 param4=0x2c param5=0x37 param6=66 )"
         R"(flag=true appName="" appFlag=0 wrappedData=0x[0-9a-f]+\} sync=false priority=false)";
     EXPECT_THAT(lines[0], MatchesRegex(send));
     const std::string handling =
         R"([0-9]+\.[0-9]{9} alpha\([0-9]+\) > bool TCHandler::OnEvent\(const TSEvent\*\) )"
         R"(\[inc/Task\.h:102\] event=\{address=0x[0-9a-f]+ sync=0x[0-9a-f]+ receiver=)" +
-        receiver + R"( sender=0x[0-9a-f]+ type=200 .* appName="tuner" appFlag=7 wrappedData=0x0\})";
+        receiver +
+        R"(\(alpha\) sender=0x[0-9a-f]+ type=200 .* appName="tuner" appFlag=7 wrappedData=0x0\})";
     const std::string after =
         R"([0-9]+\.[0-9]{9} beta\([0-9]+\) < bool TCHandler::OnEvent\(const TSEvent\*\) )"
         R"(\[inc/Task\.h:102\] result=false cpu_ns=[0-9]+)";

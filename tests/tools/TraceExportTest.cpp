@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Calls.h"
 #include "ProgramRun.h"
 #include "Reader.h"
 
@@ -32,7 +33,8 @@ class TraceExportTest : public testing::Test
     static json Export(const zorrecord::Recording& recording)
     {
         std::ostringstream out;
-        zorrecord::ExportTrace(recording, out);
+        const zorrecord::TaskNames names(zorrecord::CallsOf(recording));
+        zorrecord::ExportTrace(recording, names, out);
         return json::parse(out.str());
     }
 

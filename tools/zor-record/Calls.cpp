@@ -47,6 +47,7 @@ Call Begin(const Recording& recording, const Record& record)
 void End(Call* call, const Record& record)
 {
     call->finished = true;
+    call->after = &record;
     call->endNsec = std::max(call->beginNsec, record.timeNsec);
     if (record.items.size() > RESULT_ITEM) {
         call->result = record.items[RESULT_ITEM].Number() != 0;
@@ -69,6 +70,7 @@ class Pairing
             }
             m_lastNsec = std::max(m_lastNsec, record.timeNsec);
         }
+        m_lastNsec = std::max(m_lastNsec, recording.endNsec);
         for (const auto& [thread, open] : m_open) {
             for (const std::size_t call : open) {
                 m_calls[call].endNsec = m_lastNsec;

@@ -36,9 +36,11 @@ struct Call
     unsigned int queue = 0;
 
     std::uint64_t beginNsec = 0;
-    /// Of a call that is not finished: the end of the call around it, or of the recording.
+    /// Of a call that is not finished: the end of the call around it, of the process, or the moment
+    /// of reading; of a process that was killed, its last record.
     std::uint64_t endNsec = 0;
     bool finished = false;
+    const Record* after = nullptr;        ///< of a finished call, the record behind it
     std::optional<bool> result;           ///< of a finished call
     std::optional<std::uint64_t> cpuNsec; ///< likewise
 

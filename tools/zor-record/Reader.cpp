@@ -1,14 +1,17 @@
 #include "Reader.h"
 
+#include <sys/stat.h>
 #include <xxhash.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <system_error>
 
+#include "HtClock.h"
 #include "HtRecordFormat.h"
 
 namespace zorrecord {
@@ -329,6 +332,26 @@ void ReadRing(const Bytes& file, const format::TSFileHeader& header, Recording* 
     }
 }
 
+/// Whether the process has the file open, as one that records into it has for the sake of its lock.
+bool HasOpen(std::uint32_t process, const std::string& path)
+{
+    struct stat wanted = {};
+    if (stat(path.c_str(), &wanted) != 0) {
+        return false;
+    }
+    std::error_code error; // of a process that is gone, or of another user
+    const std::string folder = "/proc/" + std::to_string(process) + "/fd";
+    for (std::filesystem::directory_iterator at(folder, error), end; !error && at != end;
+         at.increment(error)) {
+        struct stat open = {};
+        if (stat(at->path().c_str(), &open) == 0 && open.st_dev == wanted.st_dev &&
+            open.st_ino == wanted.st_ino) {
+            return true;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
 std::uint64_t Item::Number() const
@@ -362,6 +385,9 @@ Recording Read(const unsigned char* data, std::size_t size)
     recording.startMonotonicNsec = header.startMonotonicNsec;
     recording.startRealtimeNsec = header.startRealtimeNsec;
     recording.ringSize = header.ringSize;
+    if (header.endMonotonicNsec >= header.startMonotonicNsec) {
+        recording.endNsec = header.endMonotonicNsec;
+    }
     recording.wholeSize = header.ringBegin + header.ringSize;
     recording.cut = size < recording.wholeSize;
     ReadLocations(file.Part(header.locationsBegin, header.locationsSize), &recording);
@@ -387,7 +413,12 @@ Recording ReadFile(const std::string& path)
     if (std::ferror(file.get()) != 0) {
         throw std::system_error(errno, std::generic_category());
     }
-    return Read(bytes.data(), bytes.size());
+    Recording recording = Read(bytes.data(), bytes.size());
+    if (recording.endNsec == 0 && HasOpen(recording.session, path)) {
+        recording.goesOn = true;
+        recording.endNsec = zorhost::NowNsec(CLOCK_MONOTONIC);
+    }
+    return recording;
 }
 
 } // namespace zorrecord

@@ -88,6 +88,12 @@ struct Recording
     std::uint64_t startRealtimeNsec = 0; ///< the same moment since 1970
     std::uint64_t ringSize = 0;
 
+    /// When what has not finished was still under way, on the records' clock: when the process that
+    /// made the file ended, or when the file was read if it records still. 0 if neither is known,
+    /// because the process was killed.
+    std::uint64_t endNsec = 0;
+    bool goesOn = false; ///< the process that made the file recorded into it when it was read
+
     std::map<std::uint32_t, Location> locations; ///< by id
     std::vector<Record> records;                 ///< by offset
 
@@ -108,7 +114,8 @@ struct Recording
 /// @throws FormatError
 Recording Read(const unsigned char* data, std::size_t size);
 
-/// Reads a recording from a file; one that is still being written is read as it is.
+/// Reads a recording from a file; one that is still being written is read as it is. Whether it is
+/// can be seen by who may look into the process that writes it.
 ///
 /// @throws FormatError, and std::system_error if the file cannot be read
 Recording ReadFile(const std::string& path);

@@ -40,6 +40,15 @@ void PrintHead(const Recording& recording, std::ostream& out)
         out << "from, to:   " << Seconds(static_cast<std::int64_t>(first.timeNsec - start)) << ", "
             << Seconds(static_cast<std::int64_t>(last.timeNsec - start)) << " s\n";
     }
+    if (recording.goesOn) {
+        out << "ended:      not yet\n";
+    } else if (recording.endNsec == 0) {
+        out << "ended:      without a word (killed, or aborted)\n";
+    } else {
+        out << "ended:      "
+            << Seconds(static_cast<std::int64_t>(recording.endNsec - recording.startMonotonicNsec))
+            << " s\n";
+    }
     out << "overwritten: " << recording.overwrittenBytes << " bytes of older records\n"
         << "gaps:       " << recording.gaps << " (" << recording.gapBytes << " bytes)\n";
 }
@@ -99,6 +108,9 @@ void PrintLocations(const Recording& recording, std::ostream& out)
 void PrintSummary(const Recording& recording, std::ostream& out)
 {
     PrintHead(recording, out);
+    if (recording.records.empty() && recording.overwrittenBytes == 0) {
+        out << "hint:       no event had its flag set: only those that have it are recorded\n";
+    }
     PrintThreads(recording, out);
     PrintLocations(recording, out);
 }

@@ -3,7 +3,10 @@
 #include <array>
 #include <cinttypes>
 #include <cstdio>
+#include <ctime>
+#include <map>
 #include <ostream>
+#include <vector>
 
 #include "Calls.h"
 #include "EventFields.h"
@@ -36,10 +39,11 @@ std::string AppName(const EventFields& event)
     return '"' + Escaped(event.appName) + '"';
 }
 
-std::string EventText(const EventFields& event)
+std::string EventText(const EventFields& event, const std::string& task)
 {
+    const std::string name = task.empty() ? "" : '(' + Escaped(task) + ')';
     return "{address=" + Hex(event.address) + " sync=" + Hex(event.sync) +
-           " receiver=" + Hex(event.receiver) + " sender=" + Hex(event.sender) +
+           " receiver=" + Hex(event.receiver) + name + " sender=" + Hex(event.sender) +
            " type=" + Decimal(event.type) + " param1=" + Decimal(event.param1) +
            " param2=" + Decimal(event.param2) + " param3=" + Hex(event.param3) +
            " param4=" + Hex(event.param4) + " param5=" + Hex(event.param5) +
@@ -48,14 +52,14 @@ std::string EventText(const EventFields& event)
            " wrappedData=" + Hex(event.wrappedData) + "}";
 }
 
-std::string ItemText(const Item& item, const std::string& type)
+std::string ItemText(const Item& item, const std::string& type, const std::string& task = "")
 {
     switch (item.kind) {
         case Item::Kind::NULL_POINTER:
             return "null";
         case Item::Kind::BLOCK:
             if (const auto event = EventFrom(item); event && type == EVENT_TYPE) {
-                return EventText(*event);
+                return EventText(*event, task);
             }
             return Decimal(item.bytes.size()) + " bytes at " + Hex(item.address);
         case Item::Kind::FIXED:
@@ -67,7 +71,7 @@ std::string ItemText(const Item& item, const std::string& type)
     return Decimal(item.Number());
 }
 
-std::string ArgumentsText(const Record& record, const Location* location)
+std::string ArgumentsText(const Record& record, const Location* location, const std::string& task)
 {
     const bool isCall = location != nullptr && ShapeOf(*location) != Shape::OTHER;
     std::string text;
@@ -84,7 +88,7 @@ std::string ArgumentsText(const Record& record, const Location* location)
         }
         const bool isNamed = isCall && argument < SEND_NAMES.size();
         text += ' ' + (isNamed ? SEND_NAMES[argument] : "arg" + Decimal(argument + 1)) + '=' +
-                ItemText(item, type);
+                ItemText(item, type, task);
         ++argument;
     }
     return text;
@@ -108,6 +112,32 @@ std::string LocationText(const Record& record, const Location* location)
     }
     return Escaped(location->function) + " [" + Escaped(location->file) + ':' +
            std::to_string(location->line) + ']';
+}
+
+std::string Lasting(const Call& call)
+{
+    if (call.finished) {
+        return "";
+    }
+    return " unfinished after " +
+           Seconds(static_cast<std::int64_t>(call.endNsec - call.beginNsec)) + " s";
+}
+
+/// The time of day @p nsec after the recording's beginning, in this process' zone.
+std::string TimeOfDay(const Recording& recording, std::int64_t nsec)
+{
+    const auto sinceEpoch = static_cast<std::int64_t>(recording.startRealtimeNsec) + nsec;
+    const auto seconds = static_cast<std::time_t>(sinceEpoch / NSEC_PER_SEC);
+    std::tm local = {};
+    char day[64] = "";
+    if (sinceEpoch >= 0 && localtime_r(&seconds, &local) != nullptr) {
+        std::strftime(day, sizeof(day), "%Y-%m-%dT%H:%M:%S", &local);
+    }
+    char text[96];
+    char zone[16] = "";
+    std::strftime(zone, sizeof(zone), "%z", &local);
+    std::snprintf(text, sizeof(text), "%s.%09" PRId64 "%s", day, sinceEpoch % NSEC_PER_SEC, zone);
+    return text;
 }
 
 } // namespace
@@ -139,16 +169,28 @@ std::string Escaped(const std::string& text)
     return escaped;
 }
 
-void PrintRecords(const Recording& recording, std::ostream& out)
+void PrintRecords(const Recording& recording, const TaskNames& names, bool isWallTime,
+                  std::ostream& out)
 {
+    const std::vector<Call> calls = CallsOf(recording);
+    std::map<const Record*, const Call*> callOf;
+    for (const Call& call : calls) {
+        callOf[call.record] = &call;
+    }
     for (const Record& record : recording.records) {
         const Location* const location = recording.LocationOf(record);
-        const bool isBefore = record.kind == Record::BEFORE_CALL;
-        out << Seconds(static_cast<std::int64_t>(record.timeNsec - recording.startMonotonicNsec))
-            << ' ' << Escaped(record.threadName) << '(' << record.thread << ") "
-            << (isBefore ? "> " : "< ") << LocationText(record, location)
-            << (isBefore ? ArgumentsText(record, location) : AfterText(record, location))
-            << (record.truncated ? " ...\n" : "\n");
+        const auto call = callOf.find(&record); // not that of a record after one
+        const auto nsec = static_cast<std::int64_t>(record.timeNsec - recording.startMonotonicNsec);
+        out << (isWallTime ? TimeOfDay(recording, nsec) : Seconds(nsec)) << ' '
+            << Escaped(record.threadName) << '(' << record.thread << ") "
+            << (call != callOf.end() ? "> " : "< ") << LocationText(record, location);
+        if (call == callOf.end()) {
+            out << AfterText(record, location);
+        } else {
+            out << ArgumentsText(record, location, names.ReceiverOf(*call->second))
+                << Lasting(*call->second);
+        }
+        out << (record.truncated ? " ...\n" : "\n");
     }
 }
 

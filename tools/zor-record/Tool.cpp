@@ -6,12 +6,18 @@
 #include <cstring>
 #include <exception>
 #include <fstream>
+#include <functional>
 #include <ostream>
 #include <string>
 
+#include "Calls.h"
+#include "Path.h"
 #include "Reader.h"
+#include "Selection.h"
 #include "Summary.h"
+#include "TaskNames.h"
 #include "TextPrint.h"
+#include "Top.h"
 #include "TraceExport.h"
 
 namespace zorrecord {
@@ -34,15 +40,20 @@ constexpr const char* FOOTER =
     "Examples:\n"
     "  ZOR_RECORD=calls.zor zor-tsmon recording.ts\n"
     "  zor-record print calls.zor\n"
+    "  zor-record print --unfinished calls.zor     (what hangs)\n"
+    "  zor-record path --task Scan calls.zor       (where its longest call's time went)\n"
     "  zor-record export calls.zor -o calls.json   (for a viewer of trace events)\n";
 
 struct Options
 {
     std::string file;
     std::string output; ///< standard output if it is empty
+    Selection selection;
+    bool isWallTime = false;
+    bool asJson = false;
 };
 
-using Show = void (*)(const Recording&, std::ostream&);
+using Show = std::function<void(const Recording&, std::ostream&)>;
 
 void Complain(std::ostream& err, const std::string& what)
 {
@@ -71,7 +82,7 @@ void TellLosses(const Recording& recording, const Options& options, std::ostream
     }
 }
 
-bool Write(const Recording& recording, Show show, const Options& options, std::ostream& out,
+bool Write(const Recording& recording, const Show& show, const Options& options, std::ostream& out,
            std::ostream& err)
 {
     if (options.output.empty()) {
@@ -94,7 +105,7 @@ bool Write(const Recording& recording, Show show, const Options& options, std::o
     return static_cast<bool>(file);
 }
 
-int Run(Show show, const Options& options, std::ostream& out, std::ostream& err)
+int Run(const Show& show, const Options& options, std::ostream& out, std::ostream& err)
 {
     try {
         const Recording recording = ReadFile(options.file);
@@ -109,6 +120,27 @@ int Run(Show show, const Options& options, std::ostream& out, std::ostream& err)
     }
 }
 
+void AddSelection(CLI::App* command, Selection* selection)
+{
+    command
+        ->add_option("--thread", selection->thread, "Only calls made by this thread (name or id)")
+        ->option_text("NAME");
+    command
+        ->add_option("--task", selection->task,
+                     "Only calls made by this task, and sends to its handlers")
+        ->option_text("NAME");
+    command->add_option("--type", selection->type, "Only calls with events of this type")
+        ->option_text("NUMBER");
+    command->add_option("--since", selection->since, "Only calls that ended at this time or later")
+        ->option_text("SECONDS");
+    command
+        ->add_option("--until", selection->until, "Only calls that began at this time or earlier")
+        ->option_text("SECONDS");
+    command->add_option("--last", selection->last, "Only calls of the last seconds")
+        ->option_text("SECONDS");
+    command->add_flag("--unfinished", selection->unfinished, "Only calls that have not finished");
+}
+
 CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, Options* options)
 {
     CLI::App* const command = app.add_subcommand(name, description);
@@ -116,6 +148,30 @@ CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, O
         ->required()
         ->option_text("(required)");
     return command;
+}
+
+/// What a command shows of a recording.
+Show ShowFor(const std::string& command, const Options& options)
+{
+    if (command == "info") {
+        return PrintSummary;
+    }
+    if (command == "path") { // which looks at all calls to explain one
+        return [&options](const Recording& recording, std::ostream& out) {
+            PrintPath(recording, options.selection, options.asJson, out);
+        };
+    }
+    return [&options, command](const Recording& recording, std::ostream& out) {
+        const Recording selected = Select(recording, options.selection);
+        const TaskNames names(CallsOf(recording));
+        if (command == "print") {
+            PrintRecords(selected, names, options.isWallTime, out);
+        } else if (command == "export") {
+            ExportTrace(selected, names, out);
+        } else {
+            PrintTop(selected, options.asJson, out);
+        }
+    };
 }
 
 } // namespace
@@ -133,20 +189,29 @@ int RunTool(int argc, const char* const* argv, std::ostream& out, std::ostream& 
         return std::string("zor-record: ") + error.what() +
                "\nRun 'zor-record --help' for more information.\n";
     });
-    const CLI::App* const print = AddCommand(app, "print", "Print one line a record", &options);
+    CLI::App* const print = AddCommand(app, "print", "Print one line a record", &options);
+    print->add_flag("--wall", options.isWallTime,
+                    "The time of day, not seconds since the recording began");
     CLI::App* const trace = AddCommand(
         app, "export", "Write trace-event JSON, to standard output unless -o is given", &options);
     trace->add_option("-o,--output", options.output, "The file to write")->option_text("OUT");
+    CLI::App* const top = AddCommand(
+        app, "top", "Print how long events waited and were handled, by task and type", &options);
+    CLI::App* const path =
+        AddCommand(app, "path", "Print what the time of the longest call went into", &options);
+    for (CLI::App* const command : {top, path}) {
+        command->add_flag("--json", options.asJson, "JSON, times in nanoseconds");
+    }
+    for (CLI::App* const command : {print, trace, top, path}) {
+        AddSelection(command, &options.selection);
+    }
     AddCommand(app, "info", "Print a summary", &options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return app.exit(error, out, err) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
     }
-    if (print->parsed()) {
-        return Run(PrintRecords, options, out, err);
-    }
-    return Run(trace->parsed() ? ExportTrace : PrintSummary, options, out, err);
+    return Run(ShowFor(app.get_subcommands().front()->get_name(), options), options, out, err);
 }
 
 } // namespace zorrecord

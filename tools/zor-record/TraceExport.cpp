@@ -46,8 +46,8 @@ class ArrayWriter
 class Export
 {
  public:
-    Export(const Recording& recording, std::ostream& out)
-        : m_recording(recording), m_calls(CallsOf(recording)), m_events(out)
+    Export(const Recording& recording, const TaskNames& names, std::ostream& out)
+        : m_recording(recording), m_calls(CallsOf(recording)), m_names(names), m_events(out)
     {}
 
     void AddTracks()
@@ -132,6 +132,11 @@ class Export
 
     static std::string Name(const Call& call)
     {
+        return NameOf(call) + (call.finished ? "" : " (unfinished)");
+    }
+
+    static std::string NameOf(const Call& call)
+    {
         if (call.event) {
             const std::string verb = call.shape == Shape::SEND ? "send " : "handle ";
             return verb + std::to_string(call.event->type);
@@ -140,7 +145,7 @@ class Export
                                         : "location " + std::to_string(call.record->location);
     }
 
-    static json Arguments(const Call& call)
+    json Arguments(const Call& call) const
     {
         json arguments = json::object();
         if (call.location != nullptr) {
@@ -149,6 +154,9 @@ class Export
         }
         if (call.event) {
             AddEvent(*call.event, &arguments);
+            if (const std::string& task = m_names.ReceiverOf(call); !task.empty()) {
+                arguments["receiver_task"] = task;
+            }
         }
         if (call.shape == Shape::SEND) {
             arguments["sync"] = call.sync;
@@ -188,15 +196,16 @@ class Export
 
     const Recording& m_recording;
     const std::vector<Call> m_calls;
+    const TaskNames& m_names;
     ArrayWriter m_events;
 };
 
 } // namespace
 
-void ExportTrace(const Recording& recording, std::ostream& out)
+void ExportTrace(const Recording& recording, const TaskNames& names, std::ostream& out)
 {
     out << R"({"displayTimeUnit":"ns","traceEvents":[)";
-    Export trace(recording, out);
+    Export trace(recording, names, out);
     trace.AddTracks();
     trace.AddSlices();
     trace.AddFlows();
