@@ -45,9 +45,13 @@ set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzor-core${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_DESCRIPTION 
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
     "Process entry, tasks with event queues, timers, watchdog pings and logging
-for service daemons, with the platform library of a development machine.")
+for service daemons")
+if(ZOR_PLATFORM STREQUAL "host")
+  string(APPEND CPACK_DEBIAN_RUNTIME_DESCRIPTION ", with the platform library of a development machine")
+endif()
+string(APPEND CPACK_DEBIAN_RUNTIME_DESCRIPTION ".")
 # The loader's cache is brought up to date once, after all packages of an installation.
 file(WRITE ${PROJECT_BINARY_DIR}/package/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/package/triggers)
