@@ -1,20 +1,39 @@
 # Debian packages: `cpack -G DEB` in a build directory makes libzor-core1, libzor-core-dev and
-# zor-core-tools.
+# zor-core-tools, and libzor-core1-dbgsym and zor-core-tools-dbgsym with their debug information.
 set(CPACK_PACKAGE_NAME zor-core)
 set(CPACK_PACKAGE_VENDOR "zor-core")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "actor runtime for television service daemons")
 set(CPACK_PACKAGE_CONTACT "zor-core maintainers <maintainers@zor-core.example>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL runtime development platform platform-development tools)
+set(CPACK_COMPONENTS_ALL runtime runtime_debug development platform platform-development)
+if(ZOR_BUILD_TOOLS OR ZOR_BUILD_EXAMPLES)
+  list(APPEND CPACK_COMPONENTS_ALL tools tools_debug)
+endif()
 set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
+
+# Of the processor that the compiler is for, which need not be that of this machine. Where dpkg cannot be
+# asked, cpack finds one itself.
+find_program(DPKG_ARCHITECTURE_PROGRAM dpkg-architecture)
+mark_as_advanced(DPKG_ARCHITECTURE_PROGRAM)
+if(DPKG_ARCHITECTURE_PROGRAM AND CMAKE_LIBRARY_ARCHITECTURE)
+  execute_process(COMMAND ${DPKG_ARCHITECTURE_PROGRAM} -t ${CMAKE_LIBRARY_ARCHITECTURE} -q DEB_HOST_ARCH
+                  OUTPUT_VARIABLE CPACK_DEBIAN_PACKAGE_ARCHITECTURE
+                  OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+endif()
+if(CMAKE_CROSSCOMPILING AND NOT CPACK_DEBIAN_PACKAGE_ARCHITECTURE)
+  message(STATUS "dpkg does not say of which architecture the packages are: tell cpack, with "
+                 "-D CPACK_DEBIAN_PACKAGE_ARCHITECTURE=...")
+endif()
+set(CPACK_OBJCOPY_EXECUTABLE ${CMAKE_OBJCOPY})
+set(CPACK_READELF_EXECUTABLE ${CMAKE_READELF})
 
 # The same from every build of these sources: the times, and the folders' permissions.
 configure_file(${PROJECT_SOURCE_DIR}/cmake/package/cpack-config.cmake.in
                ${PROJECT_BINARY_DIR}/package/cpack-config.cmake @ONLY)
 set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_BINARY_DIR}/package/cpack-config.cmake)
-set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/package/folder-permissions.cmake)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/package/split-debug.cmake
+                            ${PROJECT_SOURCE_DIR}/cmake/package/folder-permissions.cmake)
 
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
@@ -26,9 +45,13 @@ set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzor-core${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_DESCRIPTION 
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
     "Process entry, tasks with event queues, timers, watchdog pings and logging
-for service daemons, with the platform library of a development machine.")
+for service daemons")
+if(ZOR_PLATFORM STREQUAL "host")
+  string(APPEND CPACK_DEBIAN_RUNTIME_DESCRIPTION ", with the platform library of a development machine")
+endif()
+string(APPEND CPACK_DEBIAN_RUNTIME_DESCRIPTION ".")
 # The loader's cache is brought up to date once, after all packages of an installation.
 file(WRITE ${PROJECT_BINARY_DIR}/package/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/package/triggers)
@@ -51,6 +74,21 @@ it as a trace, zor-inspect shows what a running, hung or dead daemon is doing,
 zor-sim runs programs by seed and in virtual time, and zor-apart gives each
 daemon a /tmp of its own. infobox shows a daemon's messages on a terminal, and
 zor-tsmon is an example daemon that monitors a transport stream.")
+# zor-inspect reads the library by it.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME}-dbgsym")
+# zor_debug_package(GROUP): the package that split-debug.cmake fills with the debug information of GROUP's.
+macro(zor_debug_package group)
+  set(zor_stripped ${CPACK_DEBIAN_${group}_PACKAGE_NAME})
+  set(CPACK_DEBIAN_${group}_DEBUG_PACKAGE_NAME ${zor_stripped}-dbgsym)
+  set(CPACK_DEBIAN_${group}_DEBUG_PACKAGE_SECTION debug)
+  set(CPACK_DEBIAN_${group}_DEBUG_PACKAGE_DEPENDS "${zor_stripped} (= ${PROJECT_VERSION}-1)")
+  set(CPACK_DEBIAN_${group}_DEBUG_PACKAGE_SHLIBDEPS OFF)
+  set(CPACK_DEBIAN_${group}_DEBUG_DESCRIPTION
+      "Debug information of what is in ${zor_stripped}, which debuggers find by
+themselves.")
+endmacro()
+zor_debug_package(RUNTIME)
+zor_debug_package(TOOLS)
 
 # The words of LICENSE in the form of Debian's copyright file: every line behind a blank, empty ones a dot.
 file(READ ${PROJECT_SOURCE_DIR}/LICENSE ZOR_LICENSE)
@@ -65,7 +103,9 @@ find_program(GZIP_PROGRAM gzip REQUIRED)
 foreach(package
     "runtime|${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME}"
     "development|${CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME}"
-    "tools|${CPACK_DEBIAN_TOOLS_PACKAGE_NAME}")
+    "tools|${CPACK_DEBIAN_TOOLS_PACKAGE_NAME}"
+    "runtime_debug|${CPACK_DEBIAN_RUNTIME_DEBUG_PACKAGE_NAME}"
+    "tools_debug|${CPACK_DEBIAN_TOOLS_DEBUG_PACKAGE_NAME}")
   string(REPLACE "|" ";" package ${package})
   list(GET package 0 zor_component)
   list(GET package 1 ZOR_PACKAGE_NAME)
@@ -84,11 +124,13 @@ foreach(package
 endforeach()
 
 include(CPack)
-cpack_add_component_group(runtime)
-cpack_add_component_group(development)
-cpack_add_component_group(tools)
+foreach(group runtime runtime_debug development tools tools_debug)
+  cpack_add_component_group(${group})
+endforeach()
 cpack_add_component(runtime GROUP runtime)
 cpack_add_component(platform GROUP runtime)
 cpack_add_component(development GROUP development)
 cpack_add_component(platform-development GROUP development)
 cpack_add_component(tools GROUP tools)
+cpack_add_component(runtime_debug GROUP runtime_debug)
+cpack_add_component(tools_debug GROUP tools_debug)

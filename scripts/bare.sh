@@ -6,15 +6,20 @@
 #   --demo                   runs scripts/demo.sh only
 #   --minutes N              gives up after N minutes
 #   --programs "PROGRAM..."  builds these test programs only and runs only their tests
+#   --packages               instead of README's commands: installs the packages that this machine builds, uses
+#                            them there as root and as a user without rights, and purges them
+#   --packages-from FOLDER   the same with packages that are there already
 # Other arguments go to ctest (scripts/bare.sh trixie -R Queue).
-# The packages come from the mirror of this machine's apt. It needs root or sudo, the kernel's leave to
+# Packages of one release serve it and later ones, so those of Debian 12 are tried on both.
+# What is installed comes from the mirror of this machine's apt. It needs root or sudo, the kernel's leave to
 # mount, and about 5 GB in TMPDIR (default: /var/tmp), which are free again at the end.
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-usage() { sed -n '2,12s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"; }
+usage() { sed -n '2,16s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"; }
 
 # In namespaces of its own for mounts and processes: they are gone when its first process is, however
-# that ends. It gets the directory, the release, the mirror, the minutes and what to run.
+# that ends. It gets the directory, the release, the mirror, the minutes and what to run. The system is the
+# namespace's root and not that of a chroot, where nobody may make a namespace for users.
 # shellcheck disable=SC2016 # it is expanded there
 INSIDE='
 set -euo pipefail
@@ -28,6 +33,7 @@ debootstrap --variant=minbase "$release" "$system" "$mirror" >"$system.log" 2>&1
 }
 mv "$system/../clone" "$system/root/zor-core"
 mv "$system/../apt.conf" "$system/etc/apt/apt.conf.d/90bare"
+[ ! -d "$system/../packages" ] || mv "$system/../packages" "$system/var/packages"
 cp -L /etc/resolv.conf "$system/etc/resolv.conf"
 mount -t proc proc "$system/proc"
 mount -t sysfs -o ro sysfs "$system/sys"
@@ -36,9 +42,14 @@ proxies=()
 for name in http_proxy https_proxy no_proxy; do
     [ -z "${!name-}" ] || proxies+=("$name=${!name}")
 done
+cd "$system"
+mkdir old
+pivot_root . old
+umount --lazy /old
+rmdir /old
 timeout --kill-after=10 "${minutes}m" env -i "${proxies[@]}" HOME=/root LANG=C.UTF-8 TERM="${TERM:-dumb}" \
     PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
-    chroot "$system" /bin/bash -euc "cd /root/zor-core; $1" bash "${@:2}"
+    /bin/bash -euc "cd /root/zor-core; $1" bash "${@:2}"
 '
 
 # Where this machine has its Debian packages from.
@@ -50,8 +61,10 @@ mirror() {
 
 DIRECTORY=
 CHILD=
+BUILT=
 cleanup() {
     trap - EXIT
+    [ -z "$BUILT" ] || rm -rf "$BUILT"
     [ -z "$CHILD" ] || kill -KILL "$CHILD" 2>/dev/null || true
     wait || true # its mounts are gone then, so that nothing else is removed
     [ -z "$DIRECTORY" ] || rm -rf --one-file-system "$DIRECTORY"
@@ -60,6 +73,7 @@ cleanup() {
 minutes=0 # no bound
 demo_only=false
 programs=()
+packages= # where they are; "build" for those that are to be built
 case ${1-} in
 -h | --help)
     usage
@@ -83,10 +97,26 @@ while [ $# -gt 0 ]; do
         programs=(--programs "$2")
         shift
         ;;
+    --packages) packages=build ;;
+    --packages-from)
+        compgen -G "${2-}/*.deb" >/dev/null || die "--packages-from takes a folder with packages, not '${2-}'"
+        packages=$(realpath "$2")
+        shift
+        ;;
     *) tests+=("$1") ;;
     esac
     shift
 done
+
+# As who has called this: what is built in a user's tree is the user's.
+if [ "$packages" = build ]; then
+    install_packages
+    build release -DZOR_BUILD_TESTS=OFF
+    BUILT=$(mktemp -d "${TMPDIR:-/var/tmp}/zor-bare-packages.XXXXXX")
+    trap cleanup EXIT
+    (umask 022 && cd "$ROOT/build/release" && cpack -G DEB -B "$BUILT" >&2) || die "there are no packages (see above)"
+    packages=$BUILT
+fi
 
 if [ "$(id -u)" -ne 0 ]; then
     command -v sudo >/dev/null || die "it must be root to make a system, and there is no sudo"
@@ -95,8 +125,9 @@ if [ "$(id -u)" -ne 0 ]; then
     arguments=("$release")
     ! $demo_only || arguments+=(--demo)
     [ "$minutes" -eq 0 ] || arguments+=(--minutes "$minutes")
-    exec sudo "TMPDIR=${TMPDIR:-/var/tmp}" "$ROOT/scripts/$SCRIPT" "${arguments[@]}" "${programs[@]}" \
-        "${tests[@]}"
+    [ -z "$packages" ] || arguments+=(--packages-from "$packages")
+    sudo "TMPDIR=${TMPDIR:-/var/tmp}" "$ROOT/scripts/$SCRIPT" "${arguments[@]}" "${programs[@]}" "${tests[@]}"
+    exit
 fi
 
 command -v apt-get >/dev/null || die "this needs a Debian system: it uses apt's mirror"
@@ -123,6 +154,10 @@ chmod 755 "$DIRECTORY"
 git clone --quiet --depth 1 "file://$ROOT" "$DIRECTORY/clone" ||
     die "$ROOT cannot be cloned (see above)"
 [ -z "$(git -C "$ROOT" status --porcelain)" ] || say "what is not committed is left out"
+if [ -n "$packages" ]; then
+    mkdir "$DIRECTORY/packages"
+    cp "$packages"/*.deb "$DIRECTORY/packages"
+fi
 for setting in http https Check-Valid-Until Check-Date Retries; do
     apt-config dump "Acquire::$setting"
 done >"$DIRECTORY/apt.conf"
@@ -130,6 +165,9 @@ done >"$DIRECTORY/apt.conf"
 commands='scripts/demo.sh'
 # shellcheck disable=SC2016 # it is expanded there
 $demo_only || commands+='; scripts/test.sh dev "$@"'
+[ -z "$packages" ] || commands='tests/install/stranger.sh /var/packages'
+what="README's commands pass"
+[ -z "$packages" ] || what="the packages serve a stranger"
 say "making a minimal system of $release"
 unshare --mount --propagation private --pid --fork --kill-child /bin/bash -c "$INSIDE" bash \
     "$DIRECTORY" "$release" "$MIRROR" "$minutes" "$commands" "${programs[@]}" "${tests[@]}" &
@@ -138,7 +176,7 @@ status=0
 wait "$CHILD" || status=$?
 CHILD=
 case $status in
-0) say "README's commands pass in $release" ;;
+0) say "$what in $release" ;;
 120) die "$release cannot be made (see above)" ;;
 124 | 137) die "not done after $minutes minutes" ;;
 *) die "failed in $release (see above)" ;;

@@ -12,13 +12,15 @@ die() {
     exit 1
 }
 
-# missing_packages FILE...: the packages listed there that are not installed.
+# missing_packages FILE...: the packages listed there that are not installed. A package may be there for another
+# architecture, too, or for that one only.
 missing_packages() {
-    local package
+    local package own
+    own=$(dpkg --print-architecture)
     sed -e 's/#.*//' "$@" | while read -r package; do
         [ -n "$package" ] || continue
-        [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
-            printf '%s\n' "$package"
+        dpkg-query -W -f='${Architecture} ${db:Status-Status}\n' "$package" 2>/dev/null |
+            grep -qxE "($own|all) installed" || printf '%s\n' "$package"
     done
 }
 

@@ -3,8 +3,8 @@
 #   scripts/nightly.sh [HOURS]
 # In HOURS (default 1) for each: the storm in an ordinary build and under both sanitizers. Then all tests 50
 # times under each sanitizer, each fuzzer for ten minutes, the packages built twice, the unit tests under the
-# simulator, and README's commands in minimal systems of both Debian releases. Goes on after a failure; ends
-# with status 0 if nothing failed.
+# simulator, and README's commands and the packages in minimal systems of both Debian releases. Goes on after a
+# failure; ends with status 0 if nothing failed.
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 case ${1:-} in
@@ -38,6 +38,7 @@ part "packages built twice" scripts/reproducible.sh
 part "simulated unit tests" scripts/sim.sh 100
 for release in bookworm trixie; do
     part "README's commands on $release" scripts/bare.sh "$release"
+    part "packages on $release" scripts/bare.sh "$release" --packages
 done
 
 [ ${#failed[@]} -eq 0 ] || die "failed: $(printf '%s; ' "${failed[@]}")"

@@ -222,6 +222,10 @@ void* TCSupervisor::MonitorMain(void* supervisor)
 void TCSupervisor::Monitor()
 {
     m_aborts = ReadAborts();
+    // Before any sign of life: systemd counts its watchdog's time from the end of the start.
+    if (!std::exchange(m_saidReady, true)) {
+        TellServiceManager("READY=1");
+    }
     m_keepAliveNsec = ReadKeepAliveNsec();
     m_nextKeepAliveNsec = Now();
     std::unique_lock<std::mutex> lock(m_lock);
@@ -240,7 +244,7 @@ void TCSupervisor::Monitor()
         } else if (TakeKeepAliveLocked(nowNsec)) {
             // A full socket blocks; registrations and ending threads must not wait for that.
             lock.unlock();
-            KeepAlive();
+            TellServiceManager("WATCHDOG=1");
         } else {
             plannedNsec = NextLookLocked(nowNsec);
             WaitLocked(plannedNsec);
@@ -320,15 +324,15 @@ void TCSupervisor::WaitLocked(long untilNsec)
     m_changed = false;
 }
 
-void TCSupervisor::KeepAlive()
+void TCSupervisor::TellServiceManager(const char* state)
 {
-    const int result = sd_notify(0, "WATCHDOG=1");
-    if (result < 0 && !m_keepAliveFailed) {
+    const int result = sd_notify(0, state);
+    if (result < 0 && !m_tellingFailed) {
         __dlog_print(LOG_ID_MAIN, DLOG_WARN, TAG,
                      "NOTIFY_SOCKET: systemd cannot be told that this process lives: %s",
                      strerror(-result));
     }
-    m_keepAliveFailed = result < 0;
+    m_tellingFailed = result < 0;
 }
 
 void TCSupervisor::Report(const TSMiss& miss) const

@@ -37,20 +37,21 @@ struct TSMiss
 /// Watches threads that have promised signs of life and reports those that keep silent.
 ///
 /// One monitor thread, "zor-watchdog", is started by the first registration and runs until the
-/// process is gone. A thread that misses its time-out is
-/// reported through the platform log, once for each silence, after its stack and whether it spins
-/// or is blocked. ZOR_WATCHDOG in the environment says what follows: `log` nothing (the default),
-/// `abort` the end of the process.
+/// process is gone. A thread that misses its time-out is reported through the platform log, once
+/// for each silence, after its stack and whether it spins or is blocked. ZOR_WATCHDOG in the
+/// environment says what follows: `log` nothing (the default), `abort` the end of the process.
 ///
-/// Under systemd's watchdog the monitor sends WATCHDOG=1 at half of the service's interval for as
-/// long as every supervised thread is in time.
+/// systemd, where it listens (NOTIFY_SOCKET), is sent READY=1 by the monitor when it starts, which
+/// is when the first supervised thread has begun its work; nothing is known here of others that are
+/// to come. Under systemd's watchdog the monitor sends WATCHDOG=1 at half of the service's interval
+/// for as long as every supervised thread is in time.
 ///
 /// The time in which the whole process did not run (stopped by a debugger, say) is nobody's
 /// silence: the monitor notices it by its own oversleeping, and every thread gets its whole
 /// time-out from then on.
 ///
 /// The child of a fork starts without supervision: it has neither the monitor nor the threads. The
-/// thread that forked must register again there.
+/// thread that forked must register again there. It does not say again that the service is ready.
 ///
 /// Time is the system's monotonic clock, asked from the kernel itself: a program that stands in for
 /// clock_gettime() in order to make time of its own does not change what a second of silence is.
@@ -99,8 +100,9 @@ class TCSupervisor
     long NextLookLocked(long nowNsec) const;
     void WaitLocked(long untilNsec);
 
-    /// Says in the log, once until it works again, that systemd could not be told.
-    void KeepAlive();
+    /// Sends @p state if systemd listens. Says in the log, once until it works again, that systemd
+    /// could not be told.
+    void TellServiceManager(const char* state);
 
     void Report(const TSMiss& miss) const;
 
@@ -118,7 +120,8 @@ class TCSupervisor
     long m_resumedNsec = 0;   ///< when the process last went on after a standstill
     long m_keepAliveNsec = 0; ///< interval of WATCHDOG=1; 0 if nobody wants it
     long m_nextKeepAliveNsec = 0;
-    bool m_keepAliveFailed = false; ///< the last one
+    bool m_tellingFailed = false; ///< the last time
+    bool m_saidReady = false;     ///< by this process, or by the one it was forked from before that
     bool m_aborts = false;
 };
 

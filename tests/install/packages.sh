@@ -24,7 +24,8 @@ page_block "run: packages" >"$SCRATCH/packages.sh"
 ) >"$SCRATCH/cpack.log" 2>&1 || fail "the page's commands: $(cat "$SCRATCH/cpack.log")"
 packages=("$SCRATCH"/zor-packages/*.deb)
 names=$(for package in "${packages[@]}"; do dpkg-deb -f "$package" Package; done | sort | xargs)
-[ "$names" = "libzor-core-dev libzor-core1 zor-core-tools" ] || fail "the packages are: $names"
+all="libzor-core-dev libzor-core1 libzor-core1-dbgsym zor-core-tools zor-core-tools-dbgsym"
+[ "$names" = "$all" ] || fail "the packages are: $names"
 
 allow_root=()
 [ "$(id -u)" -ne 0 ] || allow_root=(--allow-root)
@@ -64,6 +65,30 @@ script=$root/usr/share/gdb/auto-load${library#.}-gdb.py
 ! gdb -nx -batch -ex "python exec(open('$script').read(), {'__file__': '$script'})" 2>&1 | grep . ||
     fail "the script for gdb (above)"
 
+# As the system's own /usr, where the loader, gdb and the tools look. With the debug information in its place
+# zor-inspect sees the stripped library; without, it says what is missing.
+in_place=$(mktemp -d /var/tmp/zor-packages.XXXXXX)
+trap 'rm -rf "$sources" "$in_place"' EXIT
+mkdir "$in_place/with" "$in_place/without"
+own=(unshare --mount)
+"${own[@]}" true 2>/dev/null || own=(unshare --user --map-root-user --mount)
+# as_usr MOUNTS COMMAND...: with the packages in /usr and what else is mounted.
+as_usr() {
+    # shellcheck disable=SC2016 # it is expanded there
+    "${own[@]}" sh -c 'mount -t overlay -o "lowerdir=$0/usr:/usr" zor-packages /usr && '"$1"' && exec "$@"' \
+        "$root" "${@:2}"
+}
+if log=$(as_usr true true 2>&1); then
+    SCRATCH=$in_place/with as_usr true bash "$SOURCE_DIR/tests/install/installed.sh"
+    ! log=$(SCRATCH=$in_place/without as_usr 'mount -t tmpfs zor-empty /usr/lib/debug' \
+        bash "$SOURCE_DIR/tests/install/installed.sh" 2>&1) ||
+        fail "zor-inspect takes its debug information from elsewhere"
+    [[ $log == *"there is no debug information for "*"zor-inspect ended with status 4"* ]] ||
+        fail "without debug information it is said: $log"
+else
+    printf 'SKIPPED: the packages in the place of /usr, because nobody may mount them there: %s\n' "$log"
+fi
+
 # The example unit means what systemd takes it for, and keeps the daemon from what it does not need.
 unit=$root/usr/share/doc/zor-core-tools/examples/zor-tsmon.service
 program=$(sed -n 's/^ExecStart=\([^ ]*\).*/\1/p' "$unit")
@@ -79,12 +104,13 @@ fi
 
 # Every package says who has the rights, in the words of LICENSE.
 words() { sed -e 's/^ \.$//' "$@" | xargs -d '\n' printf '%s ' | tr -s ' '; }
-for package in libzor-core1 libzor-core-dev zor-core-tools; do
+for package in $all; do
     [[ $(words "$root/usr/share/doc/$package/copyright") == *"$(words "$SOURCE_DIR/LICENSE")"* ]] ||
         fail "$package does not have the words of LICENSE"
 done
 
-dpkg_in_root --purge zor-core-tools libzor-core-dev libzor-core1
+# shellcheck disable=SC2086 # several packages
+dpkg_in_root --purge $all
 [ "$(files)" = "$before" ] || fail "this is left after removal: $(files)"
 [ ! -e "$root/usr" ] || fail "folders are left after removal: $(find "$root/usr")"
 rm -rf "$SCRATCH"

@@ -9,7 +9,8 @@ cmake --install "$BUILD_DIR" --prefix "$prefix" >/dev/null
 # Moved after the installation: nothing in it may know where it was made for.
 mv "$prefix" "$SCRATCH/moved"
 prefix=$SCRATCH/moved
-! grep -rIl -e "$BUILD_DIR" -e "$SOURCE_DIR" "$prefix" || fail "these files name the build's folders"
+folders="(?<![\w.}/-])(\Q$BUILD_DIR\E|\Q$SOURCE_DIR\E)(?![\w-])" # not as parts of other paths
+! grep -rIlP "$folders" "$prefix" || fail "these files name the build's folders"
 
 build_with_find_package "$prefix" "$SCRATCH/cmake"
 run_daemon "$(library_dir "$prefix")" "$SCRATCH/cmake/consumer" "counted 7"

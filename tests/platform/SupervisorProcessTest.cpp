@@ -1,11 +1,8 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,16 +10,15 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
 
+#include "NotifySocket.h"
 #include "PlatformLog.h"
 #include "Wait.h"
 #include "WatchedThread.h"
@@ -77,6 +73,7 @@ extern "C" const char* __tsan_default_options()
 namespace {
 
 using std::chrono::steady_clock;
+using zortest::NotifySocket;
 using EDuty = TCWatchedThread::EDuty;
 
 std::string Name(const std::string& name)
@@ -148,54 +145,6 @@ TEST(SupervisorProcessTest, LogModeReportsOnlyAndTheProgramsClockDoesNotPreventI
         ::testing::ExitedWithCode(0), "");
 }
 
-/// A service manager's end of the notification socket.
-class TCNotifySocket
-{
- public:
-    TCNotifySocket()
-    {
-        m_socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        const std::string name = "zor-notify-" + std::to_string(getpid());
-        struct sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        // In the abstract name space: a null byte instead of a file.
-        memcpy(address.sun_path + 1, name.data(), name.size());
-        const socklen_t length = offsetof(struct sockaddr_un, sun_path) + 1 + name.size();
-        REQUIRE(bind(m_socket, reinterpret_cast<struct sockaddr*>(&address), length) == 0);
-        setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
-    }
-
-    ~TCNotifySocket() { close(m_socket); }
-
-    /// Waits for the next message and returns it.
-    std::string Next()
-    {
-        struct pollfd readable = {m_socket, POLLIN, 0};
-        REQUIRE(poll(&readable, 1, 60 * 1000) == 1);
-        return Take();
-    }
-
-    /// The next message if it is there already; empty otherwise.
-    std::string Take()
-    {
-        char message[256];
-        const ssize_t length = recv(m_socket, message, sizeof(message), MSG_DONTWAIT);
-        return length > 0 ? std::string(message, length) : std::string();
-    }
-
-    /// Takes what is there, and for a moment what comes.
-    void Drain()
-    {
-        struct pollfd readable = {m_socket, POLLIN, 0};
-        while (poll(&readable, 1, 10) == 1) {
-            Take();
-        }
-    }
-
- private:
-    int m_socket = -1;
-};
-
 constexpr std::chrono::milliseconds SERVICE_INTERVAL(200);
 
 void BeServiceWithWatchdog(pid_t pid)
@@ -205,10 +154,11 @@ void BeServiceWithWatchdog(pid_t pid)
     setenv("WATCHDOG_PID", std::to_string(pid).c_str(), 1);
 }
 
-void KeepAliveComesAtHalfOfTheInterval(TCNotifySocket* manager)
+void KeepAliveComesAtHalfOfTheInterval(NotifySocket* manager)
 {
     const steady_clock::time_point begin = steady_clock::now();
     TCWatchedThread busy("busy", 3600, EDuty::NOTIFY);
+    REQUIRE(manager->Next() == "READY=1");
     REQUIRE(manager->Next() == "WATCHDOG=1");
     steady_clock::time_point last = steady_clock::now();
     steady_clock::duration shortest = std::chrono::hours(1);
@@ -226,7 +176,8 @@ TEST(SupervisorProcessTest, ServiceManagerHearsAtHalfOfItsInterval)
 {
     EXPECT_EXIT(
         {
-            TCNotifySocket manager;
+            NotifySocket manager;
+            setenv("NOTIFY_SOCKET", manager.Address().c_str(), 1);
             BeServiceWithWatchdog(getpid());
             KeepAliveComesAtHalfOfTheInterval(&manager);
             exit(0);
@@ -234,10 +185,11 @@ TEST(SupervisorProcessTest, ServiceManagerHearsAtHalfOfItsInterval)
         ::testing::ExitedWithCode(0), "");
 }
 
-void KeepAliveStopsWhileAThreadHangs(TCNotifySocket* manager)
+void KeepAliveStopsWhileAThreadHangs(NotifySocket* manager)
 {
     TCWatchedThread busy("busy", 3600, EDuty::NOTIFY);
     TCWatchedThread silent("silent", 1, EDuty::HANG);
+    REQUIRE(manager->Next() == "READY=1");
     REQUIRE(manager->Next() == "WATCHDOG=1");
     // Read all the while: a sender waits when a socket holds a few unread messages.
     alarm(60);
@@ -258,7 +210,8 @@ TEST(SupervisorProcessTest, ServiceManagerHearsNothingWhileAThreadHangs)
 {
     EXPECT_EXIT(
         {
-            TCNotifySocket manager;
+            NotifySocket manager;
+            setenv("NOTIFY_SOCKET", manager.Address().c_str(), 1);
             BeServiceWithWatchdog(getpid());
             KeepAliveStopsWhileAThreadHangs(&manager);
             exit(0);
@@ -270,10 +223,12 @@ TEST(SupervisorProcessTest, AnotherProcessWatchdogIsLeftAlone)
 {
     EXPECT_EXIT(
         {
-            TCNotifySocket manager;
+            NotifySocket manager;
+            setenv("NOTIFY_SOCKET", manager.Address().c_str(), 1);
             BeServiceWithWatchdog(getppid());
             TCWatchedThread silent("silent", 1, EDuty::HANG);
             Log().WaitFor(Name("silent"));
+            REQUIRE(manager.Take() == "READY=1");
             REQUIRE(manager.Take().empty());
             exit(0);
         },
@@ -357,6 +312,37 @@ TEST(SupervisorProcessTest, ChildOfAForkStartsWithoutSupervision)
             REQUIRE(StatusOfChild(child) == 0);
             REQUIRE(brisk_deadlock_watchdog_notify() == 0);
             REQUIRE(Log().Entries().empty());
+            exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+TEST(SupervisorProcessTest, ServiceManagerHearsOnceThatTheServiceIsReadyFromTheFirstRegistration)
+{
+    EXPECT_EXIT(
+        {
+            NotifySocket manager;
+            setenv("NOTIFY_SOCKET", manager.Address().c_str(), 1);
+            REQUIRE(brisk_deadlock_watchdog_notify() == ENOENT);
+            REQUIRE(manager.Take().empty());
+            REQUIRE(brisk_deadlock_register_watchdog_service(3600) == 0);
+            REQUIRE(manager.Next() == "READY=1");
+            TCWatchedThread silent("silent", 1, EDuty::HANG);
+            Log().WaitFor(Name("silent"));
+            REQUIRE(manager.Take().empty());
+
+            REQUIRE(zortest::Eventually(OthersRest)); // see above
+            const pid_t child = fork();
+            if (child == 0) {
+                alarm(60);
+                REQUIRE(brisk_deadlock_register_watchdog_service(1) == 0);
+                while (Log().Entries("hangs").size() < 2) { // the first is the parent's
+                    usleep(1000);
+                }
+                _exit(0);
+            }
+            REQUIRE(StatusOfChild(child) == 0);
+            REQUIRE(manager.Take().empty());
             exit(0);
         },
         ::testing::ExitedWithCode(0), "");

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "DaemonProcess.h"
+#include "NotifySocket.h"
 #include "PidFile.h"
 #include "Wait.h"
 
@@ -43,6 +44,18 @@ TEST_F(SupervisionTest, HangingTaskIsReportedInTimeAndAPausedOneIsNot)
     EXPECT_EQ(daemon.ExitStatus(), 0) << daemon.Errors();
     // Paused from before the other hung, it fed the watchdog itself.
     EXPECT_THAT(daemon.Errors(), Not(HasSubstr("thread 'paused'")));
+}
+
+TEST_F(SupervisionTest, ServiceManagerHearsThatADaemonWithASupervisedTaskIsReady)
+{
+    zortest::NotifySocket manager;
+    DaemonProcess daemon("zor-test-supervised-daemon", {},
+                         {"NOTIFY_SOCKET=" + manager.Address(), "ZOR_DLOG=none"});
+    EXPECT_EQ(manager.Next(), "READY=1");
+    daemon.EndInput();
+    ASSERT_TRUE(daemon.WaitForEnd());
+    EXPECT_EQ(daemon.ExitStatus(), 0);
+    EXPECT_EQ(manager.Take(), "");
 }
 
 } // namespace
