@@ -12,13 +12,19 @@ die() {
     exit 1
 }
 
-# missing_packages FILE...: the packages listed there that are not installed.
+# missing_packages FILE...: the packages listed there that are not installed. A name without an
+# architecture is of this machine's one: the package of another one beside it does not serve.
 missing_packages() {
-    local package
+    local package native
+    native=$(dpkg --print-architecture)
     sed -e 's/#.*//' "$@" | while read -r package; do
         [ -n "$package" ] || continue
-        [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
-            printf '%s\n' "$package"
+        case $package in
+        *:*) set -- "$package" "${package#*:}" ;;
+        *) set -- "$package" "$native" ;;
+        esac
+        dpkg-query -W -f='${db:Status-Status} ${Architecture}\n' "$1" 2>/dev/null |
+            grep -qxE "installed ($2|all)" || printf '%s\n' "$package"
     done
 }
 
