@@ -10,8 +10,9 @@ namespace zortest {
 
 /// The number of a virtual operation in its class's table, from 0; a destructor takes two.
 ///
-/// A pointer to a virtual member function begins with the offset of its slot, plus one where functions
-/// may lie at even addresses only; on ARM, where they may not, what comes behind says that it is virtual.
+/// A pointer to a virtual member function begins with the offset of its slot, plus one where
+/// functions may lie at even addresses only; on ARM, where they may not, what comes behind says
+/// that it is virtual.
 template <typename Member>
 std::size_t SlotOf(Member member)
 {
