@@ -8,10 +8,10 @@
 # installed as scripts/aarch64-packages.txt lists them. A test program may start others of its kind: the
 # kernel is told of the emulator in a user namespace, which is gone at the end, so that nothing of this
 # machine changes. That needs Linux 6.7, or an emulator that is registered already (Debian:
-# qemu-user-binfmt). What cannot run emulated stands in tests/aarch64-excluded.txt, with the reason.
+# qemu-user-binfmt). What cannot run emulated stands in tests/aarch64/excluded.txt, with the reason.
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-EXCLUDED=$ROOT/tests/aarch64-excluded.txt
+EXCLUDED=$ROOT/tests/aarch64/excluded.txt
 
 # An ELF file of 64 bits, executable or position-independent, for the machine 183; and what of it counts.
 MAGIC='\x7fELF\x02\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\xb7\x00'
@@ -40,7 +40,7 @@ excluded_filter() {
     local program test filter=
     while read -r program test _; do
         if [ -x "$BUILD/bin/$program" ]; then
-            emulated "$BUILD/bin/$program" --gtest_list_tests --gtest_filter="$test" | grep -q . ||
+            emulated "$BUILD/bin/$program" --gtest_list_tests --gtest_filter="$test" </dev/null | grep -q . ||
                 die "$EXCLUDED names $test of $program, which is no test"
         fi
         filter+=:$test
@@ -67,6 +67,7 @@ if [ "${1-}" = --programs ]; then
 fi
 
 if ! dpkg --print-foreign-architectures | grep -qx arm64; then
+    # shellcheck disable=SC2034 # as_root says it
     ROOT_HINT="let an administrator run: dpkg --add-architecture arm64"
     as_root dpkg --add-architecture arm64
 fi
@@ -81,9 +82,23 @@ else
     build "$preset" tests/{unit,faults,process}/all
 fi
 
+emulated true || die "the kernel cannot be told of the emulator for these programs alone: it is older than" \
+    "6.7, or does not let this user. Debian's qemu-user-binfmt tells it for the whole machine"
 clear_pid_file
 filter=$(excluded_filter)
 for part in "${parts[@]}"; do
     emulated env GTEST_FILTER="$filter" ctest --test-dir "$BUILD/tests/$part" --parallel "$(nproc)" \
         --output-on-failure "$@"
 done
+
+[ ${#programs[@]} -eq 0 ] || exit 0
+say "headers where long has 32 bits"
+for header in "$ROOT"/inc/*.h; do
+    [ "${header##*/}" != ZorFunctionIndices.h ] || continue # it reads text, and has nothing of any size
+    said=$(aarch64-linux-gnu-g++ -mabi=ilp32 -std=c++17 -fsyntax-only -I "$ROOT/inc" -I "$ROOT/platform/inc" \
+        -x c++ "$header" 2>&1) && die "$header is compiled there, and must not be"
+    grep -m 1 error: <<<"$said" | grep -q '(LP64)' ||
+        die "$header does not say first that it is for LP64 only: $(grep -m 1 error: <<<"$said")"
+done
+say "a core and a running daemon, looked into from here"
+"$ROOT/tests/aarch64/inspect.sh" "$BUILD"
