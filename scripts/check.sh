@@ -56,6 +56,11 @@ for file in "${sources[@]}"; do
         fail "$file has $lines lines, more than $limit: split it by concern"
 done
 
+say "atomics and their table"
+scripts/atomics.py ||
+    fail "an atomic differs from its row (above): in docs/architecture.md say who writes and reads it, and" \
+        "why its order suffices, and let a model of tests/models/memory show it"
+
 say "every public header alone"
 git ls-files 'inc/*.h' 'platform/inc/*.h' 'testing/inc/*.h' 'kit/inc/*.h' | xargs -P "$(nproc)" -I{} \
     g++ -std=c++17 -fsyntax-only -Wall -Wextra -Wpedantic -Werror -I inc -I platform/inc \

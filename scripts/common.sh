@@ -12,15 +12,19 @@ die() {
     exit 1
 }
 
-# missing_packages FILE...: the packages listed there that are not installed. A package may be there for another
-# architecture, too, or for that one only.
+# missing_packages FILE...: the packages listed there that are not installed. A name without an
+# architecture is of this machine's one: the package of another one beside it does not serve.
 missing_packages() {
-    local package own
-    own=$(dpkg --print-architecture)
+    local package native
+    native=$(dpkg --print-architecture)
     sed -e 's/#.*//' "$@" | while read -r package; do
         [ -n "$package" ] || continue
-        dpkg-query -W -f='${Architecture} ${db:Status-Status}\n' "$package" 2>/dev/null |
-            grep -qxE "($own|all) installed" || printf '%s\n' "$package"
+        case $package in
+        *:*) set -- "$package" "${package#*:}" ;;
+        *) set -- "$package" "$native" ;;
+        esac
+        dpkg-query -W -f='${db:Status-Status} ${Architecture}\n' "$1" 2>/dev/null |
+            grep -qxE "installed ($2|all)" || printf '%s\n' "$package"
     done
 }
 

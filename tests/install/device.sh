@@ -13,7 +13,11 @@ grep -q ZOR_PLATFORM_LIBRARIES "$SCRATCH/none.log" || fail "the message: $(cat "
 
 cmake -S "$SOURCE_DIR" -B "$SCRATCH/device" -G Ninja -DZOR_PLATFORM=device \
     -DZOR_PLATFORM_LIBRARIES="$SCRATCH/tiny/libtiny-platform.so" -DCMAKE_BUILD_TYPE=Debug \
-    -DZOR_WARNINGS_AS_ERRORS=ON -DZOR_BUILD_TESTS=OFF -DZOR_BUILD_TOOLS=OFF -DZOR_BUILD_EXAMPLES=OFF
+    -DZOR_WARNINGS_AS_ERRORS=ON -DZOR_BUILD_TESTS=OFF
+for option in ZOR_BUILD_TOOLS ZOR_BUILD_EXAMPLES; do
+    grep -q "^$option:BOOL=OFF" "$SCRATCH/device/CMakeCache.txt" ||
+        fail "a device build has $option on, which needs more than the platform's libraries"
+done
 cmake --build "$SCRATCH/device"
 cmake --install "$SCRATCH/device" --prefix "$SCRATCH/prefix" >/dev/null
 

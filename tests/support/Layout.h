@@ -10,14 +10,16 @@ namespace zortest {
 
 /// The number of a virtual operation in its class's table, from 0; a destructor takes two.
 ///
-/// A pointer to a virtual member function holds the offset of its slot, plus one.
+/// A pointer to a virtual member function begins with the offset of its slot, plus one where
+/// functions may lie at even addresses only; on ARM, where they may not, what comes behind says
+/// that it is virtual.
 template <typename Member>
 std::size_t SlotOf(Member member)
 {
-    std::ptrdiff_t value = 0;
-    static_assert(sizeof(member) >= sizeof(value));
-    std::memcpy(&value, &member, sizeof(value));
-    return static_cast<std::size_t>(value - 1) / sizeof(void*);
+    std::size_t offset = 0;
+    static_assert(sizeof(member) >= sizeof(offset));
+    std::memcpy(&offset, &member, sizeof(offset));
+    return offset / sizeof(void*);
 }
 
 /// The field of type Field at @p offset bytes in @p object.

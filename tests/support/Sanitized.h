@@ -11,8 +11,9 @@
 
 namespace zortest {
 
-/// Divides the number of repetitions of a long test: instrumented, each costs ten times as much.
-#ifdef ZOR_TEST_IS_SANITIZED
+/// Divides the number of repetitions of a long test: instrumented or emulated, each costs ten times
+/// as much.
+#if defined(ZOR_TEST_IS_SANITIZED) || defined(ZOR_TEST_IS_EMULATED)
 constexpr int SLOWER = 10;
 #else
 constexpr int SLOWER = 1;

@@ -1,0 +1,231 @@
+#include "Explored.h"
+
+// The state block of a semaphore: src/SemaphoreState.h, src/Semaphore.cpp.
+
+namespace zormemory {
+namespace {
+
+/// TCSemaphore::State::Watch() and TakeLocked(): what a giver did before it gave is there for the
+/// taker, though the watched count says nothing about it.
+template <bool LOOKS_AGAIN>
+struct WatchedCount : rl::test_suite<WatchedCount<LOOKS_AGAIN>, 2>
+{
+    Mutex mutex;
+    Units units{&mutex, 0};
+    Plain<int> done{0};
+
+    void thread(unsigned index)
+    {
+        if (index == 0) {
+            done.Write(1);
+            units.Give();
+            return;
+        }
+        while (units.Count() <= 0) {
+            Yield();
+        }
+        if (LOOKS_AGAIN) {
+            units.Take();
+        }
+        done.Read();
+    }
+};
+
+TEST(WatchedCountTest, TakerSeesWhatTheGiverDid)
+{
+    ExpectHolds<WatchedCount<true>>();
+}
+
+TEST(WatchedCountTest, NeedsTheLookUnderTheMutex)
+{
+    ExpectFails<WatchedCount<false>>(DATA_RACE);
+}
+
+/// TCSemaphore::State::Parking and WhomToWakeLocked(): a giver wakes who is parked.
+template <bool COUNTED_UNDER_THE_MUTEX>
+struct Parking : rl::test_suite<Parking<COUNTED_UNDER_THE_MUTEX>, 2>
+{
+    Mutex mutex;
+    Condition condition;
+    Units units{&mutex, 0};
+    Atomic<int> waiters{0};
+
+    void thread(unsigned index)
+    {
+        if (index == 0) {
+            Give();
+        } else {
+            Take();
+        }
+    }
+
+    void Take()
+    {
+        mutex.Lock();
+        while (!units.TryLocked()) {
+            waiters.Store(waiters.Load(RELAXED) + 1, RELAXED);
+            condition.Wait(&mutex);
+            waiters.Store(waiters.Load(RELAXED) - 1, RELAXED);
+        }
+        mutex.Unlock();
+    }
+
+    void Give()
+    {
+        int parked = COUNTED_UNDER_THE_MUTEX ? 0 : waiters.Load(RELAXED);
+        mutex.Lock();
+        units.GiveLocked();
+        if (COUNTED_UNDER_THE_MUTEX) {
+            parked = waiters.Load(RELAXED);
+        }
+        mutex.Unlock();
+        if (parked > 0) {
+            condition.WakeOne();
+        }
+    }
+};
+
+TEST(ParkingTest, WhoeverIsParkedIsWoken)
+{
+    ExpectHolds<Parking<true>>();
+}
+
+TEST(ParkingTest, NeedsTheLookUnderTheMutex)
+{
+    ExpectFails<Parking<false>>(WAITS_FOR_EVER);
+}
+
+/// TCSemaphore::State::LetGo(): the block is used until the last one has let go of it. The threads
+/// are a giver that has yet to wake somebody and one that destroys the semaphore.
+template <bool ORDERED>
+struct Holders : rl::test_suite<Holders<ORDERED>, 2>
+{
+    Mutex mutex;
+    Units units{&mutex, 0};
+    Atomic<int> holders{1};
+    Plain<int> block{0};
+
+    void thread(unsigned index)
+    {
+        if (index == 0) {
+            mutex.Lock();
+            units.GiveLocked();
+            holders.Add(1, RELAXED);
+            mutex.Unlock();
+            block.Read();
+            units.Wake();
+        } else {
+            units.Take();
+            block.Read();
+        }
+        if (holders.Add(-1, ORDERED ? ACQ_REL : RELAXED) == 1) {
+            block.Write(-1); // deletes
+        }
+    }
+
+    void after() { Claim(block.Read() == -1, "somebody deletes it"); }
+};
+
+TEST(HoldersTest, BlockIsDeletedBehindItsLastUse)
+{
+    ExpectHolds<Holders<true>>();
+}
+
+TEST(HoldersTest, NeedTheOrderOfLettingGo)
+{
+    ExpectFails<Holders<false>>(DATA_RACE);
+}
+
+/// zor::WatchHabit: nothing is ordered by it, but its numbers stay where they may be, whoever
+/// changes them at once. The interval divides.
+template <bool STORES_WHAT_IT_CHECKED>
+struct WatchHabit : rl::test_suite<WatchHabit<STORES_WHAT_IT_CHECKED>, 2>
+{
+    static constexpr int CREDIT = 1;
+    static constexpr unsigned LEAST = 1;
+    static constexpr unsigned GREATEST = 2;
+
+    Atomic<int> credit{CREDIT};
+    Atomic<unsigned> interval{LEAST};
+
+    void thread(unsigned index)
+    {
+        Failed();
+        if (index == 0) {
+            Failed();
+        } else {
+            credit.Store(CREDIT, RELAXED);
+            interval.Store(LEAST, RELAXED);
+        }
+        const int left = credit.Load(RELAXED);
+        Claim(left >= 0 && left <= CREDIT, "the credit is within its bounds");
+        const unsigned divides = interval.Load(RELAXED);
+        Claim(divides >= LEAST && divides <= GREATEST, "the interval is within its bounds");
+    }
+
+    void Failed()
+    {
+        const int left = credit.Load(RELAXED);
+        const unsigned rarer = 2 * interval.Load(RELAXED);
+        if (left > 0) {
+            if (STORES_WHAT_IT_CHECKED) {
+                credit.Store(left - 1, RELAXED);
+            } else {
+                credit.Add(-1, RELAXED);
+            }
+        } else if (rarer <= GREATEST) {
+            interval.Store(rarer, RELAXED);
+        }
+    }
+};
+
+TEST(WatchHabitTest, NumbersStayWithinTheirBounds)
+{
+    ExpectHolds<WatchHabit<true>>();
+}
+
+TEST(WatchHabitTest, NeedsToStoreWhatItChecked)
+{
+    ExpectFails<WatchHabit<false>>(CLAIM_BROKEN);
+}
+
+/// TCQueue::Place(), GetSync() and the lock of the queue: the ring is used in one critical section
+/// of the process's mutex while the lock is free, and under the lock otherwise.
+template <bool LOOKS_AT_THE_LOCK>
+struct TwoRoads : rl::test_suite<TwoRoads<LOOKS_AT_THE_LOCK>, 2>
+{
+    Mutex mutex;
+    Units lock{&mutex, 1}; // of the queue
+    Plain<int> ring{0};
+
+    void thread(unsigned index)
+    {
+        if (index == 0) {
+            mutex.Lock();
+            if (!LOOKS_AT_THE_LOCK || lock.Count() > 0) {
+                ring.Write(ring.Read() + 1);
+                mutex.Unlock();
+                return;
+            }
+            mutex.Unlock();
+        }
+        lock.Take();
+        ring.Write(ring.Read() + 1);
+        lock.Give();
+    }
+
+    void after() { Claim(ring.Read() == 2, "both have used the ring"); }
+};
+
+TEST(TwoRoadsTest, RingIsUsedByOneAtATime)
+{
+    ExpectHolds<TwoRoads<true>>();
+}
+
+TEST(TwoRoadsTest, NeedTheLookAtTheLock)
+{
+    ExpectFails<TwoRoads<false>>(DATA_RACE);
+}
+
+} // namespace
+} // namespace zormemory
