@@ -2,8 +2,8 @@
 # What every change should stand but takes too long for each one: run it over night, and before a release.
 #   scripts/nightly.sh [HOURS]
 # In HOURS (default 1) for each: the storm in an ordinary build and under both sanitizers. Then all tests 50
-# times under each sanitizer, each fuzzer for ten minutes, the packages built twice, the unit tests under the
-# simulator, and README's commands and the packages in minimal systems of both Debian releases. Goes on after a
+# times under each sanitizer and once in clang's build, each fuzzer for ten minutes, the packages built twice,
+# the unit tests under the simulator, and README's commands and the packages in minimal systems of both Debian releases. Goes on after a
 # failure; ends with status 0 if nothing failed.
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -33,6 +33,7 @@ done
 for preset in asan tsan; do
     part "50 times all tests in $preset" scripts/test.sh "$preset" --repeat until-fail:50
 done
+part "tests of clang's build" scripts/test.sh clang
 part "fuzzers" scripts/fuzz.sh 600
 part "packages built twice" scripts/reproducible.sh
 part "simulated unit tests" scripts/sim.sh 100
