@@ -3,8 +3,8 @@
 #   scripts/nightly.sh [HOURS]
 # In HOURS (default 1) for each: the storm in an ordinary build and under both sanitizers. Then all tests 50
 # times under each sanitizer and once in clang's build, each fuzzer for ten minutes, the packages built twice,
-# the unit tests under the simulator, and README's commands and the packages in minimal systems of both Debian releases. Goes on after a
-# failure; ends with status 0 if nothing failed.
+# the unit tests under the simulator, and README's commands and the packages in minimal systems of both Debian
+# releases. Goes on after a failure; ends with status 0 if nothing failed.
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 case ${1:-} in
