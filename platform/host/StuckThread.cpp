@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <execinfo.h>
+#include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -25,7 +26,7 @@ constexpr long NSEC_PER_SEC = 1000 * NSEC_PER_MSEC;
 constexpr int MAX_FRAMES = 64;
 
 /// How long the processor time of the thread is watched, and how little of it is none. A spinning
-/// thread gets more than this even among dozens of others.
+/// thread gets more than this even among dozens of others; where it does not, it still wants to.
 constexpr long WATCHED_MSEC = 100;
 constexpr long BLOCKED_MSEC = 1;
 
@@ -134,6 +135,23 @@ void ChooseSignal()
     }
 }
 
+/// Whether the thread runs or would if a processor were free.
+bool WantsProcessor(pid_t tid)
+{
+    char path[64];
+    snprintf(path, sizeof(path), "/proc/self/task/%d/stat", static_cast<int>(tid));
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    char text[128]; // id, name in brackets and state, and more
+    const ssize_t size = read(fd, text, sizeof(text) - 1);
+    close(fd);
+    text[size < 0 ? 0 : size] = '\0';
+    const char* const name = strrchr(text, ')');
+    return name != nullptr && strncmp(name, ") R", 3) == 0;
+}
+
 /// The monitor's own clock is the kernel's, as everywhere in the supervisor.
 long TimeOf(clockid_t clock)
 {
@@ -204,11 +222,11 @@ void LogStuckThread(const char* name, pid_t tid, clockid_t cpuClock)
         return;
     }
     const long usedMsec = (after - before) / NSEC_PER_MSEC;
+    const bool spins = usedMsec > BLOCKED_MSEC || WantsProcessor(tid);
     const EExchange state = Ask(tid);
     __dlog_print(LOG_ID_MAIN, DLOG_ERROR, TAG,
                  "'%s' (%d) is %s: it used %ld ms of processor time in %ld ms; %s", name,
-                 static_cast<int>(tid), usedMsec > BLOCKED_MSEC ? "spinning" : "blocked", usedMsec,
-                 WATCHED_MSEC,
+                 static_cast<int>(tid), spins ? "spinning" : "blocked", usedMsec, WATCHED_MSEC,
                  state == IDLE ? "it gives no stack, for it does not take signals" : "its stack:");
     if (state != IDLE) {
         LogFrames(state);
