@@ -43,8 +43,8 @@ class TCRecordFile
     /// @param size    used bytes of it; up to the next multiple of 8 the buffer must be writable
     void AddRecord(unsigned char* record, std::size_t size);
 
-    /// Notes that the process ends now. Does nothing in the child of a fork: the file is its parent's.
-    /// Async-signal-safe.
+    /// Notes that the process ends now. Does nothing in the child of a fork: the file is its
+    /// parent's. Async-signal-safe.
     void NoteEnd();
 
     /// The id of this process.
