@@ -2,12 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstring>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Layout.h"
 #include "LogSeam.h"
 #include "RecordingLogger.h"
 #include "TCDebugPrint.h"
@@ -24,6 +24,7 @@ using zortest::LogLine;
 using zortest::LogLines;
 using zortest::LogTo;
 using zortest::RecordingLogger;
+using zortest::SlotOf;
 
 // What every logger promises, whoever wrote it.
 
@@ -184,15 +185,6 @@ TYPED_TEST(LoggerContractTest, AllThreadsMayLogAtOnce)
 }
 
 // The interface's place in compiled applications.
-
-/// The slot of a virtual operation: a pointer to it holds the slot's offset plus one.
-template <typename Member>
-size_t SlotOf(Member member)
-{
-    size_t word = 0;
-    memcpy(&word, &member, sizeof(word));
-    return (word - 1) / sizeof(void*);
-}
 
 TEST(LoggerInterfaceTest, OperationsKeepTheirSlotsBehindTheTwoDestructors)
 {
