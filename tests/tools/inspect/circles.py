@@ -5,6 +5,7 @@ One run of the tool shows all of them: each test makes all its claims about one 
 
 import re
 
+import documents
 from support import TROUBLED, CoreTarget, InspectCase, LiveTarget, line_of
 
 SOURCE = "TroubledDaemon.cpp"
@@ -52,6 +53,8 @@ class CircleFacts:
         with self.subTest("a thread that is joined is named"):
             self.assertIn(f"waits for the end of thread Joined at {at('}).join();')}", told["Joiner"])
         self.check_the_unknown(report, text)
+        if self.LIVE:
+            documents.check(self, "output", "circles", text)
 
     def check_sends(self, told, text):
         with self.subTest("a send is told with its type, its place and what is before it"):

@@ -1,7 +1,9 @@
 """Why a process has died: said first, from its core alone."""
 
 import json
+import os
 
+import documents
 import jsonschema
 from support import EVENTS_SHOWN, SCHEMA, TROUBLED, InspectCase, line_of, text
 
@@ -20,7 +22,9 @@ class Death(InspectCase):
         death = report["death"]
         self.assertEqual((death["task"], death["told_thread"]), ("Doomed", daemon.tasks["Doomed"]))
         self.assertEqual(death["event"]["type_name"], "EV_RUN")
-        shown = text.render(report, EVENTS_SHOWN, False).splitlines()
+        shown = text.render(report, EVENTS_SHOWN, False)
+        documents.check(self, "output", mode, shown)
+        shown = shown.splitlines()
         self.assertEqual(shown[2], death["summary"])
         self.assertIn(f"  Doomed (thread {daemon.tasks['Doomed']}), task Doomed, in handler", shown[3])
         return daemon, death, shown
@@ -63,7 +67,9 @@ class Death(InspectCase):
         self.check_place(shown, "throws here")
 
     def test_AnAbortOfTheWatchdogNamesTheLateThread(self):
-        daemon, death, shown = self.look_at_death("silence", environment={"ZOR_WATCHDOG": "abort"})
+        log = os.path.join(self.folder(), "log")
+        settings = {"ZOR_WATCHDOG": "abort", "ZOR_DLOG": f"file:{log}"}
+        daemon, death, shown = self.look_at_death("silence", environment=settings)
         reason = death["reason"]
         late = ("watchdog", "Doomed", daemon.tasks["Doomed"])
         self.assertEqual((reason["kind"], reason["name"], reason["thread"]), late)
@@ -74,3 +80,7 @@ class Death(InspectCase):
             rf"^ended by the watchdog: no sign of life of thread 'Doomed' \({late[2]}\) for [\d.]+ s",
         )
         self.check_place(shown, "sleeps here")
+        with open(log, encoding="utf-8") as file:
+            # Whether it leaves one is up to the limits that the tests run with.
+            logged = file.read().replace("aborting without a core", "aborting\n")
+        documents.check(self, "log", "silence", logged)

@@ -1,5 +1,8 @@
 """A handler that does not return: where it is, whether it gets on, and since when."""
 
+import re
+
+import documents
 from support import TROUBLED, CoreTarget, InspectCase, LiveTarget, line_of, task_named
 
 SOURCE = "TroubledDaemon.cpp"
@@ -28,6 +31,7 @@ class HangFacts:
             self.assertEqual(sleeper["hang"]["pings"], {"waiting": 0, "oldest_at_least_s": None})
         if self.LIVE:
             self.check_times(spinner, sleeper, text)
+            documents.check(self, "output", "hung", re.sub(r", for Spinner, .*", "", text))
         else:
             self.assertIsNone(spinner["since"]["at_most_s"])
 
