@@ -51,7 +51,8 @@ class CircleFacts:
             self.assertEqual((lock["holder"], lock["waiting"]), ("Right", ["Left"]))
             self.assertEqual(lock["holder_thread"], daemon.tasks["Right"])
         with self.subTest("a thread that is joined is named"):
-            self.assertIn(f"waits for the end of thread Joined at {at('}).join();')}", told["Joiner"])
+            place = at("}).join();")
+            self.assertEqual(told["Joiner"], f"waits for the end of thread Joined at {place}")
         self.check_the_unknown(report, text)
         if self.LIVE:
             documents.check(self, "output", "circles", text)

@@ -26,7 +26,8 @@ class Death(InspectCase):
         documents.check(self, "output", mode, shown)
         shown = shown.splitlines()
         self.assertEqual(shown[2], death["summary"])
-        self.assertIn(f"  Doomed (thread {daemon.tasks['Doomed']}), task Doomed, in handler", shown[3])
+        who = f"  Doomed (thread {daemon.tasks['Doomed']}), task Doomed, in handler"
+        self.assertIn(who, shown[3])
         return daemon, death, shown
 
     def check_place(self, shown, words):
@@ -77,7 +78,8 @@ class Death(InspectCase):
         self.assertGreaterEqual(reason["silent_s"], 1)
         self.assertRegex(
             death["summary"],
-            rf"^ended by the watchdog: no sign of life of thread 'Doomed' \({late[2]}\) for [\d.]+ s",
+            r"^ended by the watchdog: no sign of life of thread 'Doomed' "
+            rf"\({late[2]}\) for [\d.]+ s",
         )
         self.check_place(shown, "sleeps here")
         with open(log, encoding="utf-8") as file:

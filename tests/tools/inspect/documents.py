@@ -1,5 +1,5 @@
-"""What docs/debugging.md shows is what the tools say: blocks of it that are marked as the output, or the
-log, of a daemon's mode."""
+"""What docs/debugging.md shows is what the tools say: its blocks that are marked as the output, or
+the log, of a daemon's mode."""
 
 import os
 import re
@@ -11,7 +11,8 @@ BLOCK = re.compile(r"<!-- (output|log) of (\w+) -->\n```\n(.*?)```\n", re.DOTALL
 def check(case, kind, mode, said):
     """That each line of each such block is, but for numbers and folders, one of those said."""
     with open(PATH, encoding="utf-8") as file:
-        blocks = [body for what, of, body in BLOCK.findall(file.read()) if (what, of) == (kind, mode)]
+        found = BLOCK.findall(file.read())
+    blocks = [body for what, of, body in found if (what, of) == (kind, mode)]
     case.assertNotEqual(blocks, [], f"debugging.md has no {kind} of {mode}")
     known = {_general(line) for line in said.splitlines()}
     for line in "".join(blocks).splitlines():

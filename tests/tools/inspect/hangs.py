@@ -18,8 +18,9 @@ class HangFacts:
             self.assertIn("SpinForEver", spinner["hang"]["place"]["function"])
             self.assertIn("WaitForEver", sleeper["hang"]["place"]["function"])
             self.assertEqual(sleeper["hang"]["place"]["line"], line_of(SOURCE, "sleeps here"))
-            self.assertRegex(text, rf"\n  Spinner +\d+ +\d+ +in handler .* at {SOURCE}:\d+, running")
-            self.assertRegex(text, rf"\n  Sleeper +\d+ +0 +in handler .* at {SOURCE}:\d+, sleeping")
+            handler = rf"in handler .* at {SOURCE}:\d+"
+            self.assertRegex(text, rf"\n  Spinner +\d+ +\d+ +{handler}, running")
+            self.assertRegex(text, rf"\n  Sleeper +\d+ +0 +{handler}, sleeping")
         with self.subTest("what runs is told from what sleeps"):
             self.assertEqual(spinner["hang"]["running"], True)
             self.assertEqual(sleeper["hang"]["running"], False)

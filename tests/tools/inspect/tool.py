@@ -254,6 +254,7 @@ class Errors(InspectCase):
         self.assertIn("cannot run Python", self.fail_tool(NO_GDB, "--gdb", gdb, daemon.pid))
 
     def test_BadOptionsAreRefused(self):
-        for arguments in (["--json"], ["--records", "-1", "1"], ["--unknown", "1"], ["--events", "x", "1"]):
+        bad = (["--json"], ["--records", "-1", "1"], ["--unknown", "1"], ["--events", "x", "1"])
+        for arguments in bad:
             with self.subTest(arguments=arguments):
                 self.assertIn("--help", self.fail_tool(USAGE, *arguments))

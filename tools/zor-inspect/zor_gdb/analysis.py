@@ -2,11 +2,11 @@
 
 Pure functions over the plain data that `model` has read; no gdb here.
 
-A thread waits for another if it sleeps, without a time-out, for what only the other one can give: a
-lock that the other one holds, the reply to an event that the other one has queued or handles, or the
-end of the other one. That is taken from the semaphores and locks themselves: the table of synchronous
-calls lists a call until its caller has woken up and taken it out, and lacks those to the further
-queues of a task.
+A thread waits for another if it sleeps, without a time-out, for what only the other one can give:
+a lock that the other one holds, the reply to an event that the other one has queued or handles, or
+the end of the other one. That is taken from the semaphores and locks themselves: the table of
+synchronous calls lists a call until its caller has woken up and taken it out, and lacks those to the
+further queues of a task.
 """
 
 from . import deadlocks, stacks
@@ -336,7 +336,8 @@ class _View:
         if state is not None:
             running = state == "R" or known["share"] > SPINS
         else:
-            running = None if thread is None or thread["in_kernel"] is None else not thread["in_kernel"]
+            in_kernel = thread["in_kernel"] if thread else None
+            running = None if in_kernel is None else not in_kernel
         return {
             "place": stacks.application_frame(thread["stack"]) if thread else None,
             "running": running,
@@ -447,12 +448,17 @@ UNKNOWN = (
 )
 
 
+def _plain(name):
+    """The name of a function of the C library without what its inner names have before it."""
+    return name.lstrip("_").removeprefix("GI_").lstrip("_")
+
+
 def _unknown(stack):
     for beginning, what in UNKNOWN:
         for frame in stack:
-            name = frame["function"]
             if stacks.is_application(frame):
                 break
-            if name.startswith(beginning) or name.lstrip("_").removeprefix("GI_").startswith(beginning):
+            name = frame["function"]
+            if name.startswith(beginning) or _plain(name).startswith(beginning):
                 return what
     return "something that memory does not name"

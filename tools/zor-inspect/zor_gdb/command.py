@@ -167,7 +167,8 @@ def _print(report, options):
             json.dump(report, sys.stdout, indent=2)
             print()
         else:
-            sys.stdout.write(text.render(report, options.events, options.stacks, options.full_stacks))
+            shown = (options.events, options.stacks, options.full_stacks)
+            sys.stdout.write(text.render(report, *shown))
         sys.stdout.flush()
     except BrokenPipeError:  # `| head` has seen enough
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())

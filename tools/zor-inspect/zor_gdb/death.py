@@ -1,4 +1,5 @@
-"""Why the process of a core died, as far as the stack of the thread that died tells. Runs inside gdb.
+"""Why the process of a core died, as far as the stack of the thread that died tells. Runs inside
+gdb.
 """
 
 import gdb

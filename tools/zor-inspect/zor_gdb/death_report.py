@@ -1,4 +1,4 @@
-"""How the process of a core has ended, put together from its notes and its memory. Pure functions."""
+"""How the process of a core has ended, from its notes and its memory. Pure functions."""
 
 import os
 

@@ -1,8 +1,8 @@
 """What a thread sleeps for in the kernel, and who holds it. Runs inside gdb.
 
-All locks of the C library end in one system call, whose first argument is a word of the lock. So the
-lock is known without debug information of the library, and the library's functions on the stack,
-whose names it exports, say what kind it is. The layouts are those that the library's ABI fixes.
+All locks of the C library end in one system call, whose first argument is a word of the lock. So
+the lock is known without debug information of the library, and the library's functions on the
+stack, whose names it exports, say what kind it is. The layouts are those that its ABI fixes.
 """
 
 import re

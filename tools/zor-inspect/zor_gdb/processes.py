@@ -50,7 +50,8 @@ def render(found, refused):
         lines = [f"{'PID':>7}  {'RUNS FOR':>10}  {'THREADS':>7}  COMMAND"]
     for process in found:
         age = _duration(process["age_s"])
-        lines.append(f"{process['pid']:>7}  {age:>10}  {process['threads']:>7}  {process['command']}")
+        numbers = f"{process['pid']:>7}  {age:>10}  {process['threads']:>7}"
+        lines.append(f"{numbers}  {process['command']}")
     if refused:
         lines.append(f"and {refused} that may not be looked into: only their user, or root, may")
     return "\n".join(lines) + "\n"

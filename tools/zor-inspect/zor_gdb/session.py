@@ -113,7 +113,7 @@ def _failure(output):
     if "Python scripting is not supported" in output or "Scripting in the \"Python\"" in output:
         return Problem(NO_GDB, "this gdb cannot run Python; install the package gdb")
     lines = [line for line in output.splitlines() if line.strip()]
-    return Problem(FAILED, "gdb has failed: " + (lines[-1] if lines else "without a word"))
+    return Problem(FAILED, f"gdb has failed: {lines[-1]}" if lines else "gdb has failed in silence")
 
 
 def _problem(target, snapshot):

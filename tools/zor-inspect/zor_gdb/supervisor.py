@@ -1,4 +1,4 @@
-"""When the host platform's supervisor last heard of the threads that it watches. Runs inside gdb."""
+"""When the host platform's supervisor last heard of the threads it watches. Runs inside gdb."""
 
 import gdb
 

@@ -118,7 +118,9 @@ def _look_at_mappings(target):
 
 def refused(pid):
     """Why the kernel may have refused to let one process look into another."""
-    text = f"process {pid} may not be looked into: it takes its user, or root"
+    text = f"permission denied: process {pid} may not be looked into"
+    if os.geteuid() != 0:
+        text += "; run zor-inspect as its user, or as root"
     try:
         with open("/proc/sys/kernel/yama/ptrace_scope", encoding="utf-8") as file:
             scope = file.read().strip()
@@ -126,10 +128,10 @@ def refused(pid):
         scope = "0"
     if scope != "0":
         text += (
-            f"; /proc/sys/kernel/yama/ptrace_scope is {scope}, which also refuses"
-            " processes that are no descendants (root is asked for)"
+            f"; /proc/sys/kernel/yama/ptrace_scope is {scope}: only root may look into processes"
+            " that it has not started itself"
         )
-    return text + "; in a container it may take the capability SYS_PTRACE"
+    return text + "; in a container the capability SYS_PTRACE may be missing"
 
 
 # Cores
@@ -170,7 +172,8 @@ def _program_here(path, own, sysroot):
         raise Problem(NO_PROGRAM, f"{path} does not say which program it is of; {take}")
     here = (sysroot or "") + own
     if own.endswith(corefile.DELETED):
-        text = f"{own.removesuffix(corefile.DELETED)} had been replaced when {path} was made; {take}"
+        name = own.removesuffix(corefile.DELETED)
+        text = f"{name} had been replaced when {path} was made; {take}"
         raise Problem(NO_PROGRAM, text)
     if not os.path.isfile(here):
         raise Problem(NO_PROGRAM, f"{path} is of {own}, and there is no '{here}' here; {take}")
@@ -187,7 +190,8 @@ def _compare_builds(target, core, own, sysroot):
         if path == own:
             text = f"{here} is not the program of {target.core}: that is {own}, build id {build}"
             raise Problem(NO_PROGRAM, text)
-        target.remarks.append(f"{here}: another build than the process had; what follows may be wrong")
+        remark = f"{here}: another build than the process had; what follows may be wrong"
+        target.remarks.append(remark)
 
 
 def _death(core):

@@ -297,7 +297,8 @@ def _waits(report):
 
 def _wait(wait):
     held = f", held by {wait['target']}" if wait["kind"] == "lock" and wait["target"] else ""
-    return f"{wait['name']} (thread {wait['thread']}) waits for {wait['what']}{place(wait['place'])}{held}"
+    what = f"{wait['what']}{place(wait['place'])}{held}"
+    return f"{wait['name']} (thread {wait['thread']}) waits for {what}"
 
 
 # Timers, alarms, locks

@@ -52,7 +52,8 @@ def _unpack(path, tool, to):
 def _with_command(path, name, out):
     command = shutil.which(name)
     if command is None:
-        raise Problem(FAILED, f"{name} is missing, which unpacks {path}: install the package {name}")
+        text = f"{name} is missing, which unpacks {path}: install the package {name}"
+        raise Problem(FAILED, text)
     with subprocess.Popen(
         [command, "-dcq", path],
         stdin=subprocess.DEVNULL,
