@@ -126,7 +126,8 @@ TEST_F(DlogConfigTest, FifoWhoseReaderDoesNotReadDoesNotHoldTheDaemonUp)
 
 TEST_F(DlogConfigTest, LinesOfAFileHaveDateAndOffset)
 {
-    for (const auto& [zone, offset] : {std::pair("AAA-05:30", "+05:30"), std::pair("BBB9", "-09:00")}) {
+    for (const auto& [zone, offset] :
+         {std::pair("AAA-05:30", "+05:30"), std::pair("BBB9", "-09:00")}) {
         TCChildProcess child;
         child.Env("ZOR_DLOG", "file:" + Path("log")).Env("TZ", zone);
         const TSChildResult result = child.Run([this] {
