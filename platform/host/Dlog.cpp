@@ -9,11 +9,13 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <mutex>
 
 #include "DlogConfig.h"
+#include "LogFile.h"
 
 // Everything here is plain data without destructors, so that an entry may be written while the
 // process ends; no lock is held while writing, so that the child of a fork may write too. (The lock
@@ -132,7 +134,7 @@ class TCLine
 
     void Head(const TSEntry& entry)
     {
-        char time[32] = "";
+        char time[256] = "";
         if (g_config.style != EDlogStyle::JOURNAL) {
             FormatTime(time, sizeof(time));
         }
@@ -151,13 +153,42 @@ class TCLine
         }
     }
 
+    /// Local time without the C library, whose conversion takes a lock.
     static void FormatTime(char* text, size_t size)
     {
         struct timespec now = {};
         clock_gettime(CLOCK_REALTIME, &now);
-        const long second = (now.tv_sec + g_config.utcOffsetSec) % SEC_PER_DAY;
-        snprintf(text, size, "%02ld:%02ld:%02ld.%03ld ", second / 3600, second / 60 % 60,
-                 second % 60, now.tv_nsec / 1000000);
+        const long local = now.tv_sec + g_config.utcOffsetSec;
+        const long second = (local % SEC_PER_DAY + SEC_PER_DAY) % SEC_PER_DAY;
+        char date[96] = "";
+        char offset[32] = "";
+        if (g_config.style == EDlogStyle::DATED) {
+            FormatDate((local - second) / SEC_PER_DAY, date, sizeof(date));
+            const long minutes = labs(g_config.utcOffsetSec) / 60;
+            snprintf(offset, sizeof(offset), "%c%02ld:%02ld", g_config.utcOffsetSec < 0 ? '-' : '+',
+                     minutes / 60, minutes % 60);
+        }
+        snprintf(text, size, "%s%02ld:%02ld:%02ld.%03ld%s ", date, second / 3600, second / 60 % 60,
+                 second % 60, now.tv_nsec / 1000000, offset);
+    }
+
+    /// The date of a day since 1970, in a calendar whose years begin in March: a leap day is a
+    /// year's last. Its months have 153 days in five.
+    static void FormatDate(long day, char* text, size_t size)
+    {
+        constexpr long DAYS_TO_1970 = 719468; // from the first of March of the year 0
+        constexpr long DAYS_OF_400_YEARS = 146097;
+
+        const long days = day + DAYS_TO_1970;
+        const long era = days / DAYS_OF_400_YEARS;
+        const long inEra = days % DAYS_OF_400_YEARS;
+        const long yearInEra = (inEra - inEra / 1460 + inEra / 36524 - inEra / 146096) / 365;
+        const long inYear = inEra - (365 * yearInEra + yearInEra / 4 - yearInEra / 100);
+        const long fromMarch = (5 * inYear + 2) / 153;
+        const long month = fromMarch < 10 ? fromMarch + 3 : fromMarch - 9;
+        const long year = era * 400 + yearInEra + (month <= 2 ? 1 : 0);
+        snprintf(text, size, "%04ld-%02ld-%02ldT", year, month,
+                 inYear - (153 * fromMarch + 2) / 5 + 1);
     }
 
     /// Appends the text without its trailing newline. Returns false if it was cut.
@@ -247,6 +278,29 @@ class TCLine
     size_t m_length = 0;
 };
 
+/// How long a full pipe is waited for. A FIFO in the place of the log's file has a reader who may
+/// have better to do, and the daemon does not wait for him: such lines are lost.
+int FullPipeWaitMsec()
+{
+    return g_config.path[0] == '\0' ? FULL_PIPE_WAIT_MSEC : 0;
+}
+
+/// The second in which the log's file is to be looked after next.
+std::atomic<long> g_nextLookSec{0};
+
+/// Looks after the log's file, about once a second. Relaxed: of the threads that find it due one
+/// does it, and nothing hangs on which.
+void LookAfterFile()
+{
+    struct timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    long next = g_nextLookSec.load(std::memory_order_relaxed);
+    if (now.tv_sec >= next &&
+        g_nextLookSec.compare_exchange_strong(next, now.tv_sec + 1, std::memory_order_relaxed)) {
+        LookAfterLogFile(g_config.fd, g_config.path, g_config.maxBytes);
+    }
+}
+
 /// Writes a line with one write(2) if the system takes it whole. A full pipe that does not block is
 /// waited for, but not for ever.
 int WriteLine(const TCLine& line)
@@ -260,7 +314,7 @@ int WriteLine(const TCLine& line)
         }
         struct pollfd ready = {g_config.fd, POLLOUT, 0};
         if (written < 0 &&
-            (errno == EINTR || (errno == EAGAIN && poll(&ready, 1, FULL_PIPE_WAIT_MSEC) > 0))) {
+            (errno == EINTR || (errno == EAGAIN && poll(&ready, 1, FullPipeWaitMsec()) > 0))) {
             continue;
         }
         return done > 0 || written == 0 ? static_cast<int>(done) : -errno;
@@ -294,6 +348,9 @@ int Print(int priority, const char* tag, const char* fmt, va_list args)
     const int error = errno;
     const TSEntry entry = {LOOKS[priority - DLOG_VERBOSE], tag == nullptr ? "" : tag,
                            fmt == nullptr ? "" : fmt, error};
+    if (g_config.path[0] != '\0') {
+        LookAfterFile();
+    }
     va_list again;
     va_copy(again, args);
     int result = 0;

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <string_view>
 
+#include "HtRecordConfig.h"
 #include "OutputFile.h"
 
 namespace zorhost {
@@ -148,11 +149,48 @@ long UtcOffset()
     return localtime_r(&now, &local) == nullptr ? 0 : local.tm_gmtoff;
 }
 
+/// A daemon may change its folder later. Empty if the path becomes too long.
+void MakeAbsolute(std::string_view path, char (*absolute)[PATH_SIZE])
+{
+    char folder[PATH_SIZE] = "";
+    if (path.front() != '/' && getcwd(folder, sizeof(folder)) == nullptr) {
+        return;
+    }
+    const int length =
+        snprintf(*absolute, PATH_SIZE, "%s%s%.*s", folder, *folder != '\0' ? "/" : "",
+                 static_cast<int>(path.size()), path.data());
+    if (length >= static_cast<int>(PATH_SIZE)) {
+        (*absolute)[0] = '\0';
+    }
+}
+
+std::uint64_t ReadMaxBytes()
+{
+    const char* const text = getenv("ZOR_DLOG_SIZE");
+    if (text == nullptr || *text == '\0') {
+        return 0;
+    }
+    const std::uint64_t bytes = ParseRingSize(text);
+    if (bytes == 0) {
+        char complaint[256];
+        const int length =
+            snprintf(complaint, sizeof(complaint),
+                     "ZOR_DLOG_SIZE: '%.100s' is no size from 4K to 64G (a number, and "
+                     "K, M or G); the log's file has no limit\n",
+                     text);
+        if (write(STDERR_FILENO, complaint, length) < 0) {
+            return 0; // nobody is left to hear that
+        }
+    }
+    return bytes;
+}
+
 } // namespace
 
 TSDlogConfig ReadDlogConfig()
 {
-    TSDlogConfig config = {STDERR_FILENO, DEFAULT_LEAST_PRIORITY, EDlogStyle::PLAIN, UtcOffset()};
+    TSDlogConfig config = {
+        STDERR_FILENO, DEFAULT_LEAST_PRIORITY, EDlogStyle::PLAIN, UtcOffset(), "", 0};
     const char* value = getenv("ZOR_DLOG");
     TSTarget target;
     if (value != nullptr && *value != '\0' && Parse(value, &target)) {
@@ -161,10 +199,12 @@ TSDlogConfig ReadDlogConfig()
             config.fd = fd;
             config.leastPriority = target.sink == "none" ? DLOG_SILENT : target.leastPriority;
         }
+        if (target.sink == "file" && fd >= 0) {
+            MakeAbsolute(target.path, &config.path);
+            config.maxBytes = ReadMaxBytes();
+        }
     }
-    if (config.fd == STDERR_FILENO) {
-        config.style = StyleOfStandardError();
-    }
+    config.style = config.fd == STDERR_FILENO ? StyleOfStandardError() : EDlogStyle::DATED;
     return config;
 }
 

@@ -4,6 +4,7 @@
 #include <execinfo.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "FunctionName.h"
 #include "dlog.h"
 
 namespace zorhost {
@@ -36,8 +38,8 @@ constexpr long ANSWER_MSEC = 300;
 struct TSFrame
 {
     void* address;
-    char module[128]; ///< empty if it is not known
-    char function[128];
+    char module[128];   ///< empty if it is not known
+    char function[512]; ///< as the loader has it; likewise
     std::size_t moduleOffset;
     std::size_t functionOffset;
 };
@@ -66,10 +68,11 @@ int g_frameCount;
 
 int g_signal; ///< 0: not chosen yet; -1: none is free
 
-void CopyText(char (&to)[128], const char* from)
+template <std::size_t SIZE>
+void CopyText(char (&to)[SIZE], const char* from)
 {
-    std::strncpy(to, from, sizeof(to) - 1);
-    to[sizeof(to) - 1] = '\0';
+    std::strncpy(to, from, SIZE - 1);
+    to[SIZE - 1] = '\0';
 }
 
 /// The loader's lock, which this takes, is recursive; if another thread keeps it, the monitor does
@@ -91,17 +94,44 @@ void NameFrame(TSFrame* frame)
     }
 }
 
-void Answer(int)
+/// Where the thread was when the signal came; null where it is not known how to tell.
+void* InterruptedAt(const void* context)
+{
+    const auto& registers = static_cast<const ucontext_t*>(context)->uc_mcontext;
+#if defined(__x86_64__)
+    return reinterpret_cast<void*>(registers.gregs[REG_RIP]);
+#elif defined(__aarch64__)
+    return reinterpret_cast<void*>(registers.pc);
+#else
+    static_cast<void>(registers);
+    return nullptr;
+#endif
+}
+
+/// How many frames of the stack are those of the question, and not of the thread.
+int OwnFrames(void* const* stack, int count, const void* interruptedAt)
+{
+    for (int i = 0; i < count; ++i) {
+        if (stack[i] == interruptedAt) {
+            return i;
+        }
+    }
+    return 0;
+}
+
+void Answer(int, siginfo_t*, void* context)
 {
     const int error = errno;
     int asked = ASKED;
     if (g_asked.load() == static_cast<pid_t>(syscall(SYS_gettid)) &&
         g_exchange.compare_exchange_strong(asked, BUSY)) {
         void* stack[MAX_FRAMES];
-        const int count = backtrace(stack, MAX_FRAMES);
+        const int all = backtrace(stack, MAX_FRAMES);
+        const int own = OwnFrames(stack, all, InterruptedAt(context));
+        const int count = all - own;
         for (int i = 0; i < count; ++i) {
             g_frames[i] = {};
-            g_frames[i].address = stack[i];
+            g_frames[i].address = stack[own + i];
         }
         g_frameCount = count;
         g_exchange.store(STACK);
@@ -126,8 +156,8 @@ void ChooseSignal()
             continue;
         }
         struct sigaction action = {};
-        action.sa_handler = Answer;
-        action.sa_flags = SA_RESTART | SA_ONSTACK;
+        action.sa_sigaction = Answer;
+        action.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
         sigfillset(&action.sa_mask);
         if (sigaction(number, &action, nullptr) == 0) {
             g_signal = number;
@@ -203,8 +233,10 @@ void LogFrames(EExchange state)
             __dlog_print(LOG_ID_MAIN, DLOG_ERROR, TAG, "  #%d %s+0x%zx", i, frame.module,
                          frame.moduleOffset);
         } else {
+            char name[sizeof(frame.function)];
+            WriteFunctionName(frame.function, name, sizeof(name));
             __dlog_print(LOG_ID_MAIN, DLOG_ERROR, TAG, "  #%d %s+0x%zx (%s+0x%zx)", i, frame.module,
-                         frame.moduleOffset, frame.function, frame.functionOffset);
+                         frame.moduleOffset, name, frame.functionOffset);
         }
     }
 }

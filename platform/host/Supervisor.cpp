@@ -1,5 +1,8 @@
 #include "Supervisor.h"
 
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -8,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -56,18 +60,31 @@ void InitMonotonicCond(pthread_cond_t* cond)
     pthread_condattr_destroy(&attributes);
 }
 
-bool ReadAborts()
+/// What ZOR_WATCHDOG says; empty if it is not set.
+const char* ModeText()
 {
     const char* value = getenv("ZOR_WATCHDOG");
-    if (value == nullptr || *value == '\0' || strcmp(value, "log") == 0) {
-        return false;
+    return value == nullptr ? "" : value;
+}
+
+/// What will keep an abort from leaving a core; null if nothing is known that does.
+const char* NoCoreReason()
+{
+    char pattern[2] = "";
+    const int file = open("/proc/sys/kernel/core_pattern", O_RDONLY | O_CLOEXEC);
+    if (file >= 0) {
+        static_cast<void>(!read(file, pattern, 1)); // an unknown pattern is taken for a file's name
+        close(file);
     }
-    if (strcmp(value, "abort") == 0) {
-        return true;
+    struct rlimit limit = {};
+    // A program that takes cores gets them whatever the limit is.
+    if (pattern[0] != '|' && getrlimit(RLIMIT_CORE, &limit) == 0 && limit.rlim_cur == 0) {
+        return "the limit of its size is 0 (ulimit -c unlimited, or LimitCORE=infinity)";
     }
-    __dlog_print(LOG_ID_MAIN, DLOG_WARN, TAG,
-                 "ZOR_WATCHDOG: '%s' is none of log, abort; a hung thread is logged", value);
-    return false;
+    if (prctl(PR_GET_DUMPABLE) == 0) {
+        return "the process is not dumpable (PR_SET_DUMPABLE)";
+    }
+    return nullptr;
 }
 
 /// Half of the interval in which systemd wants to hear of this process; 0 if it does not.
@@ -104,8 +121,22 @@ TCSupervisor& TCSupervisor::Instance()
     return instance;
 }
 
-[[maybe_unused]] const int TCSupervisor::m_forkHandlers =
-    pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
+[[maybe_unused]] const int TCSupervisor::m_forkHandlers = [] {
+    const int error = pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
+    StartWithProcess();
+    return error;
+}();
+
+/// systemd counts from the start of the process, whenever that comes to supervise its first thread.
+/// A monitor that cannot be started now is asked for again by the first registration.
+void TCSupervisor::StartWithProcess()
+{
+    if (ReadKeepAliveNsec() != 0) {
+        TCSupervisor& self = Instance();
+        const std::lock_guard<std::mutex> lock(self.m_lock);
+        self.StartMonitorLocked();
+    }
+}
 
 void TCSupervisor::BeforeFork()
 {
@@ -195,6 +226,13 @@ int TCSupervisor::StartMonitorLocked()
     if (m_monitorRuns) {
         return 0;
     }
+    // The environment is read by the thread that starts the monitor: one that starts with the
+    // process would read it while the program begins, and may set it.
+    const char* const mode = ModeText();
+    m_aborts = strcmp(mode, "abort") == 0;
+    const bool known = m_aborts || *mode == '\0' || strcmp(mode, "log") == 0;
+    snprintf(m_unknownMode, sizeof(m_unknownMode), "%s", known ? "" : mode);
+    m_keepAliveNsec = ReadKeepAliveNsec();
     // Anew in the child of a fork too: traces of the parent's waiting monitor are nobody's there.
     InitMonotonicCond(&m_changedCond);
     // The monitor is born with every signal blocked: handlers belong to the application's threads.
@@ -221,12 +259,7 @@ void* TCSupervisor::MonitorMain(void* supervisor)
 
 void TCSupervisor::Monitor()
 {
-    m_aborts = ReadAborts();
-    // Before any sign of life: systemd counts its watchdog's time from the end of the start.
-    if (!std::exchange(m_saidReady, true)) {
-        TellServiceManager("READY=1");
-    }
-    m_keepAliveNsec = ReadKeepAliveNsec();
+    SayWhatIsWrong();
     m_nextKeepAliveNsec = Now();
     std::unique_lock<std::mutex> lock(m_lock);
     long plannedNsec = Now();
@@ -238,9 +271,16 @@ void TCSupervisor::Monitor()
             m_resumedNsec = nowNsec;
         }
         TSMiss miss;
-        if (TakeMissLocked(nowNsec, &miss)) {
+        TSReturn back;
+        if (TakeReturnLocked(&back)) {
+            lock.unlock();
+            ReportReturn(back);
+        } else if (TakeMissLocked(nowNsec, &miss)) {
             lock.unlock();
             Report(miss);
+        } else if (TakeReadyLocked()) {
+            lock.unlock();
+            TellServiceManager("READY=1");
         } else if (TakeKeepAliveLocked(nowNsec)) {
             // A full socket blocks; registrations and ending threads must not wait for that.
             lock.unlock();
@@ -252,6 +292,28 @@ void TCSupervisor::Monitor()
         }
         lock.lock();
         plannedNsec = nowNsec; // a standstill in the foreign code counts too
+    }
+}
+
+/// The handle is good: a thread that ends waits for the lock to take itself off the list.
+void TCSupervisor::CopyNameLocked(const TSWatched& watched, char (&name)[NAME_SIZE])
+{
+    if (pthread_getname_np(watched.thread, name, sizeof(name)) != 0) {
+        name[0] = '\0';
+    }
+}
+
+void TCSupervisor::SayWhatIsWrong() const
+{
+    if (m_unknownMode[0] != '\0') {
+        __dlog_print(LOG_ID_MAIN, DLOG_WARN, TAG,
+                     "ZOR_WATCHDOG: '%s' is none of log, abort; a hung thread is logged",
+                     m_unknownMode);
+    }
+    const char* const noCore = m_aborts ? NoCoreReason() : nullptr;
+    if (noCore != nullptr) {
+        __dlog_print(LOG_ID_MAIN, DLOG_WARN, TAG, "ZOR_WATCHDOG: abort will leave no core: %s",
+                     noCore);
     }
 }
 
@@ -269,10 +331,7 @@ bool TCSupervisor::TakeMissLocked(long nowNsec, TSMiss* miss)
             continue;
         }
         watched->reportedNsec = notifiedNsec;
-        // The handle is good: a thread that ends waits for the lock to take itself off the list.
-        if (pthread_getname_np(watched->thread, miss->name, sizeof(miss->name)) != 0) {
-            miss->name[0] = '\0';
-        }
+        CopyNameLocked(*watched, miss->name);
         pthread_getcpuclockid(watched->thread, &miss->cpuClock);
         miss->tid = watched->tid;
         miss->timeoutNsec = watched->timeoutNsec;
@@ -280,6 +339,28 @@ bool TCSupervisor::TakeMissLocked(long nowNsec, TSMiss* miss)
         return true;
     }
     return false;
+}
+
+bool TCSupervisor::TakeReturnLocked(TSReturn* back)
+{
+    for (TSWatched* watched = m_first; watched != nullptr; watched = watched->next) {
+        const long notifiedNsec = watched->notifiedNsec.load(std::memory_order_relaxed);
+        if (watched->reportedNsec == -1 || notifiedNsec == watched->reportedNsec) {
+            continue;
+        }
+        CopyNameLocked(*watched, back->name);
+        back->tid = watched->tid;
+        back->silentNsec = notifiedNsec - watched->reportedNsec;
+        watched->reportedNsec = -1;
+        return true;
+    }
+    return false;
+}
+
+/// Whether the first supervised thread has come, which nobody was told yet.
+bool TCSupervisor::TakeReadyLocked()
+{
+    return m_first != nullptr && !std::exchange(m_saidReady, true);
 }
 
 bool TCSupervisor::TakeKeepAliveLocked(long nowNsec)
@@ -338,13 +419,22 @@ void TCSupervisor::TellServiceManager(const char* state)
 void TCSupervisor::Report(const TSMiss& miss) const
 {
     LogStuckThread(miss.name, miss.tid, miss.cpuClock);
+    const char* const noCore = m_aborts ? NoCoreReason() : nullptr;
     __dlog_print(LOG_ID_MAIN, m_aborts ? DLOG_FATAL : DLOG_ERROR, TAG,
-                 "thread '%s' (%d) hangs: no sign of life within %ld ms, %ld ms late%s", miss.name,
-                 static_cast<int>(miss.tid), miss.timeoutNsec / NSEC_PER_MSEC,
-                 miss.lateNsec / NSEC_PER_MSEC, m_aborts ? "; aborting" : "");
+                 "thread '%s' (%d) hangs: no sign of life within %ld ms, %ld ms late%s%s%s",
+                 miss.name, static_cast<int>(miss.tid), miss.timeoutNsec / NSEC_PER_MSEC,
+                 miss.lateNsec / NSEC_PER_MSEC, m_aborts ? "; aborting" : "",
+                 noCore != nullptr ? " without a core: " : "", noCore != nullptr ? noCore : "");
     if (m_aborts) {
         abort();
     }
+}
+
+void TCSupervisor::ReportReturn(const TSReturn& back)
+{
+    __dlog_print(LOG_ID_MAIN, DLOG_WARN, TAG, "'%s' (%d) lives again after %ld.%ld s", back.name,
+                 static_cast<int>(back.tid), back.silentNsec / NSEC_PER_SEC,
+                 back.silentNsec % NSEC_PER_SEC / (NSEC_PER_SEC / 10));
 }
 
 } // namespace zorhost

@@ -51,6 +51,26 @@ TEST_F(BriskDeadlockTest, SilentThreadIsReportedOnceAndThoseThatGoOnOrEndedAreNo
     EXPECT_EQ(busy.Errors(), 0);
 }
 
+TEST_F(BriskDeadlockTest, ThreadThatLivesAgainIsToldOfOnceWithHowLongItWasSilent)
+{
+    TCWatchedThread silent("silent", 1, EDuty::HANG);
+    m_log.WaitFor(Name("silent"));
+    EXPECT_TRUE(m_log.Entries("lives again").empty());
+    silent.NotifyOnce();
+    const TSLogEntry entry = m_log.WaitFor("lives again")[0];
+    EXPECT_EQ(entry.priority, DLOG_WARN);
+    EXPECT_EQ(entry.tag, "ZOR_WATCHDOG");
+    float seconds = 0;
+    const std::string form =
+        "'silent' (" + std::to_string(silent.Tid()) + ") lives again after %f s";
+    ASSERT_EQ(sscanf(entry.text.c_str(), form.c_str(), &seconds), 1) << entry.text;
+    EXPECT_GE(seconds, 1);
+
+    TCWatchedThread later("later", 1, EDuty::HANG);
+    m_log.WaitFor(Name("later"));
+    EXPECT_EQ(m_log.Entries("lives again").size(), 1u);
+}
+
 TEST_F(BriskDeadlockTest, ReportHoldsNameIdAndLateness)
 {
     const steady_clock::time_point begin = steady_clock::now();

@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -101,6 +103,100 @@ TEST_F(DlogConfigTest, FifoThatNobodyReadsIsRefusedAndDoesNotBlock)
     EXPECT_NE(result.err.find("No such device or address; the log goes to stderr:D\n"),
               std::string::npos)
         << result.err;
+}
+
+TEST_F(DlogConfigTest, FifoWhoseReaderDoesNotReadDoesNotHoldTheDaemonUp)
+{
+    constexpr int MORE_THAN_FIT = 5000;
+    ASSERT_EQ(mkfifo(Path("log").c_str(), 0600), 0);
+    const int reader = open(Path("log").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    const TSChildResult result = TCChildProcess().Env("ZOR_DLOG", "file:" + Path("log")).Run([] {
+        const std::string text(100, 'x');
+        int lost = 0;
+        alarm(60); // waiting for each of them takes a second
+        for (int i = 0; i < MORE_THAN_FIT; ++i) {
+            lost += __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "%s", text.c_str()) < 0;
+        }
+        return lost > 1000 ? 0 : 1;
+    });
+    EXPECT_EQ(result.ExitCode(), 0);
+    close(reader);
+}
+
+TEST_F(DlogConfigTest, LinesOfAFileHaveDateAndOffset)
+{
+    for (const auto& [zone, offset] :
+         {std::pair("AAA-05:30", "+05:30"), std::pair("BBB9", "-09:00")}) {
+        TCChildProcess child;
+        child.Env("ZOR_DLOG", "file:" + Path("log")).Env("TZ", zone);
+        const TSChildResult result = child.Run([this] {
+            tzset(); // this process has asked for the time before
+            const time_t before = time(nullptr);
+            __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "hello");
+            const time_t after = time(nullptr);
+            std::string line = ReadFile(Path("log"));
+            struct tm written = {};
+            const char* const rest = strptime(line.c_str(), "%Y-%m-%dT%H:%M:%S.", &written);
+            const time_t when = mktime(&written);
+            std::fprintf(stderr, "%s", rest == nullptr ? line.c_str() : rest);
+            return when >= before && when <= after ? 0 : 1;
+        });
+        EXPECT_EQ(result.ExitCode(), 0) << result.err;
+        EXPECT_EQ(result.err.substr(3, 9), std::string(offset) + " I ") << result.err;
+        unlink(Path("log").c_str());
+    }
+}
+
+/// Writes until there is a file of that name; false if none comes.
+bool WriteUntilThereIs(const std::string& path)
+{
+    for (int i = 0; i < 6000 && access(path.c_str(), F_OK) != 0; ++i) {
+        __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "%0100d", i);
+        usleep(10 * 1000);
+    }
+    return access(path.c_str(), F_OK) == 0;
+}
+
+TEST_F(DlogConfigTest, FileThatWasMovedAwayIsMadeAnew)
+{
+    TCChildProcess child;
+    const TSChildResult result = child.Env("ZOR_DLOG", "file:" + Path("log")).Run([this] {
+        __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "the first one");
+        rename(Path("log").c_str(), Path("log:old").c_str());
+        if (!WriteUntilThereIs(Path("log"))) {
+            return 1;
+        }
+        __dlog_print(LOG_ID_MAIN, DLOG_INFO, "T", "the last one");
+        return 0;
+    });
+    EXPECT_EQ(result.ExitCode(), 0) << result.err;
+    EXPECT_NE(ReadFile(Path("log:old")).find("the first one"), std::string::npos);
+    EXPECT_EQ(ReadFile(Path("log:old")).find("the last one"), std::string::npos);
+    EXPECT_NE(ReadFile(Path("log")).find("the last one"), std::string::npos);
+}
+
+TEST_F(DlogConfigTest, FileThatIsTooLongIsMovedAway)
+{
+    TCChildProcess child;
+    child.Env("ZOR_DLOG", "file:" + Path("log")).Env("ZOR_DLOG_SIZE", "4K");
+    const TSChildResult result = child.Run([this] {
+        return WriteUntilThereIs(Path("log.old")) && access(Path("log").c_str(), F_OK) == 0 ? 0 : 1;
+    });
+    EXPECT_EQ(result.ExitCode(), 0) << result.err;
+    EXPECT_GE(ReadFile(Path("log.old")).size(), 4096u);
+    unlink(Path("log.old").c_str());
+}
+
+TEST_F(DlogConfigTest, SizeThatIsNoneIsNamedAndLimitsNothing)
+{
+    TCChildProcess child;
+    child.Env("ZOR_DLOG", "file:" + Path("log")).Env("ZOR_DLOG_SIZE", "much");
+    const TSChildResult result = child.Run(WriteEachPriority);
+    EXPECT_EQ(result.err,
+              "ZOR_DLOG_SIZE: 'much' is no size from 4K to 64G (a number, and K, M or G); "
+              "the log's file has no limit\n");
+    EXPECT_NE(ReadFile(Path("log")), "");
 }
 
 TEST_F(DlogConfigTest, SymbolicLinkIsFollowedIfItIsOurs)

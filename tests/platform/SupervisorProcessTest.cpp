@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -99,6 +101,33 @@ TEST(SupervisorProcessTest, AbortModeEndsTheProcess)
             }
         },
         ::testing::KilledBySignal(SIGABRT), "7 thread 'silent' \\([0-9]+\\) hangs: .*; aborting");
+}
+
+void LeaveNoCore()
+{
+    const struct rlimit none = {0, 0};
+    REQUIRE(setrlimit(RLIMIT_CORE, &none) == 0);
+    REQUIRE(prctl(PR_SET_DUMPABLE, 0) ==
+            0); // where a program takes cores, no limit keeps it from it
+}
+
+TEST(SupervisorProcessTest, AbortThatLeavesNoCoreSaysSoFromTheBeginningAndAtTheEnd)
+{
+    const std::string reason = "(the limit of its size is 0|the process is not dumpable) \\(";
+    EXPECT_EXIT(
+        {
+            setenv("ZOR_WATCHDOG", "abort", 1);
+            LeaveNoCore();
+            Log().EchoToStandardError();
+            TCWatchedThread silent("silent", 1, EDuty::HANG);
+            alarm(60);
+            for (;;) {
+                pause();
+            }
+        },
+        ::testing::KilledBySignal(SIGABRT),
+        "5 ZOR_WATCHDOG: abort will leave no core: " + reason +
+            "(.|\n)*; aborting without a core: " + reason);
 }
 
 TEST(SupervisorProcessTest, UnknownModeIsNamedAndCountsAsLog)
@@ -217,6 +246,24 @@ TEST(SupervisorProcessTest, ServiceManagerHearsNothingWhileAThreadHangs)
             exit(0);
         },
         ::testing::ExitedWithCode(0), "");
+}
+
+TEST(SupervisorProcessTest, ServiceManagerHearsFromTheStartOfAProcessThatSupervisesNobody)
+{
+    // Both are in the environment that the program is started with; the process id is not, as that
+    // is known only then.
+    const auto usec = std::chrono::microseconds(SERVICE_INTERVAL).count();
+    setenv("WATCHDOG_USEC", std::to_string(usec).c_str(), 1);
+    EXPECT_EXIT(
+        {
+            NotifySocket manager;
+            setenv("NOTIFY_SOCKET", manager.Address().c_str(), 1);
+            REQUIRE(manager.Next() == "WATCHDOG=1");
+            REQUIRE(manager.Next() == "WATCHDOG=1");
+            exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
+    unsetenv("WATCHDOG_USEC");
 }
 
 TEST(SupervisorProcessTest, AnotherProcessWatchdogIsLeftAlone)

@@ -21,8 +21,10 @@ class DeadlockFacts:
         for thread in threads:
             self.assertIn("TCSemaphore::Take", functions(thread["stack"]))
             self.assertIn("_Process", functions(thread["stack"]))
-            self.assertIn(f"  {thread['name']} (thread {thread['thread']}) waits for", text)
-        self.assertEqual(text.count("TCSemaphore::Take at Semaphore.cpp:"), len(names))
+            self.assertIn(f"  {thread['name']}: {thread['summary']}\n", text)
+            self.assertIn(f"\n  {thread['name']} (thread {thread['thread']})\n    #0-", text)
+        full = self.render_full(report)
+        self.assertEqual(full.count("TCSemaphore::Take at Semaphore.cpp:"), len(names))
 
     def check_calls(self, report, daemon, pairs):
         found = {
@@ -74,7 +76,7 @@ class DeadlockFacts:
     def test_ACallToATaskThatHangsIsNoDeadlock(self):
         daemon, report, text = self.look_at("call-to-hung")
         self.assertEqual(report["deadlocks"], [])
-        self.assertIn("\nno deadlock\n", text)
+        self.assertIn("\nno deadlock through synchronous sends, TCMutex, ", text)
         self.check_calls(report, daemon, [("Caller", "Hung")])
         waits = [(w["name"], w["kind"], w["target"]) for w in report["waits"]]
         self.assertEqual(waits, [("Caller", "reply", "Hung")])

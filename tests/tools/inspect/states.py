@@ -33,7 +33,8 @@ class StateFacts:
         self.assertTrue(event["receiver"]["is_task"])
         self.assertEqual(event["sender"]["thread"], daemon.pid)
         self.assertEqual(task["since"], {"at_least_s": None, "at_most_s": None})
-        self.assertIn("in handler of event type 1 (EVENT_USER) since unknown, for Hung", text)
+        place = r"at InspectedDaemon\.cpp:\d+, sleeping.*, for Hung, "
+        self.assertRegex(text, rf"in handler of event type 1 \(EVENT_USER\) since unknown {place}")
         self.assertEqual(task_named(report, "Idle")["state"], "waiting")
 
     def test_APausedTaskIsPausedAndKeepsItsEvents(self):

@@ -12,6 +12,7 @@ import unittest
 
 TOOL = os.environ["ZOR_INSPECT"]
 DAEMON = os.environ["ZOR_INSPECTED_DAEMON"]
+TROUBLED = os.environ["ZOR_TROUBLED_DAEMON"]
 LIBRARIES = os.environ["ZOR_LIBRARIES"]
 BUILD = os.environ["ZOR_BUILD"]
 SCHEMA = os.environ["ZOR_INSPECT_SCHEMA"]
@@ -31,6 +32,16 @@ def eventually(condition):
             return False
         time.sleep(0.01)
     return True
+
+
+def line_of(source, words):
+    """The only line of a daemon's source that has the words."""
+    path = os.path.join(os.path.dirname(os.path.abspath(__file__)), source)
+    with open(path, encoding="utf-8") as file:
+        found = [number for number, line in enumerate(file, 1) if words in line]
+    if len(found) != 1:
+        raise AssertionError(f"{len(found)} lines of {source} have '{words}'")
+    return found[0]
 
 
 class Daemon:
@@ -60,10 +71,13 @@ class Daemon:
         self.stop()
         raise AssertionError(f"the daemon has not come to the mode {mode}")
 
+    def say(self, line):
+        self._process.stdin.write(line + "\n")
+        self._process.stdin.flush()
+
     def is_alive(self):
         """Whether the daemon still handles events."""
-        self._process.stdin.write("\n")
-        self._process.stdin.flush()
+        self.say("")
         return self._process.stdout.readline() == "alive\n"
 
     def status(self, field):
@@ -139,6 +153,24 @@ class InspectCase(unittest.TestCase):
         self.assertTrue(os.path.exists(core), f"gdb makes no core:\n{made.stdout}{made.stderr}")
         return core
 
+    def core_of_death(self, mode, **settings):
+        """A troubled daemon that has died, and its core, made by gdb at the signal."""
+        daemon = self.start(mode, program=TROUBLED, **settings)
+        core = os.path.join(self.folder(), "core")
+        command = ["gdb", "-nx", "-batch", "-iex", "set debuginfod enabled off"]
+        command += ["-p", str(daemon.pid), "-ex", "handle SIG34 SIG64 nostop noprint"]
+        command += ["-ex", "continue", "-ex", f"generate-core-file {core}", "-ex", "kill"]
+        with subprocess.Popen(
+            command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            text=True,
+        ) as gdb:
+            # The thread that reads the word to die is the first one that gdb stops.
+            self.assertTrue(eventually(lambda: daemon.status("TracerPid") != "0"))
+            daemon.say("die")
+            said = gdb.communicate(timeout=DEADLINE)[0]
+        self.assertTrue(os.path.exists(core), f"gdb makes no core:\n{said}")
+        return daemon, core
+
     def run_tool(self, *arguments, **settings):
         run = Run(*arguments, **settings)
         self.assertEqual(run.code, 0, f"zor-inspect fails:\n{run.out}{run.err}")
@@ -161,25 +193,33 @@ def task_named(report, name):
     return found[0]
 
 
-class LiveTarget:
+class Facts:
+    """What there is to know of a daemon in a mode; PROGRAM is one that is not the usual."""
+
+    @staticmethod
+    def render_full(report):
+        return text.render(report, EVENTS_SHOWN, False, True)
+
+
+class LiveTarget(Facts):
     """The facts hold for a running process."""
 
     LIVE = True
 
     def look_at(self, mode):
         """The daemon, and the report about it as JSON and as text."""
-        daemon = self.start(mode)
+        daemon = self.start(mode, program=getattr(self, "PROGRAM", DAEMON))
         report = json.loads(self.run_tool("--json", daemon.pid).out)
         return daemon, report, text.render(report, EVENTS_SHOWN, False)
 
 
-class CoreTarget:
+class CoreTarget(Facts):
     """The same facts hold for a core, when the process is gone."""
 
     LIVE = False
 
     def look_at(self, mode):
-        daemon = self.start(mode)
+        daemon = self.start(mode, program=getattr(self, "PROGRAM", DAEMON))
         core = self.core_of(daemon)
         daemon.stop()
         report = json.loads(self.run_tool("--json", core, daemon.program).out)

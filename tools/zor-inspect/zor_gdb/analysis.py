@@ -2,28 +2,37 @@
 
 Pure functions over the plain data that `model` has read; no gdb here.
 
-A thread waits for another if it sleeps, without a time-out, for a semaphore without units that only
-the other one can give: the lock that the other one holds, the reply to an event that the other one
-has queued or handles, or the end of the other one. That is taken from the semaphores themselves:
-the table of synchronous calls lists a call until its caller has woken up and taken it out, and
-lacks those to the further queues of a task.
+A thread waits for another if it sleeps, without a time-out, for what only the other one can give:
+a lock that the other one holds, the reply to an event that the other one has queued or handles, or
+the end of the other one. That is taken from the semaphores and locks themselves: the table of
+synchronous calls lists a call until its caller has woken up and taken it out, and lacks those to the
+further queues of a task.
 """
+
+from . import deadlocks, stacks
 
 TICK_MASK = 0xFFFFFFFF
 HANDLE_MASK = 0xFFFFFFFF
 LOOP_BODY = "TCTask::Deliver"
 # The functions that wait for a reply, themselves.
 REPLY_WAITERS = ("TCQueue::PutSync",)
+# The thread that pings the supervised tasks, as far as the kernel keeps its name.
+NOTIFIER = "WatchdogNotifie"
+PING_SECONDS = 2
+SPINS = 0.5  # the share of a processor that nobody uses who sleeps
 SEMAPHORES = ("TCSemaphore::", "zor::Reply::")
 
 
-def analyse(model, clocks):
-    """The report: the model with states, calls, waits and deadlocks."""
-    view = _View(model, clocks)
+def analyse(model, clocks, activity=None):
+    """The report: the model with states, calls, waits and deadlocks.
+
+    activity: what the kernel said of the threads of a live process
+    """
+    view = _View(model, clocks, activity or {})
     waits = view.waits()
     calls = view.calls(waits)
     return {
-        "deadlocks": _deadlocks(waits, view),
+        "deadlocks": deadlocks.find(waits, calls, view),
         "tasks": [view.task(task, calls) for task in model["tasks"]],
         "calls": calls,
         "waits": waits,
@@ -31,6 +40,7 @@ def analyse(model, clocks):
         "alarms": model["alarms"],
         "locks": view.locks(),
         "threads": [view.thread(thread) for thread in model["threads"]],
+        "system_locks": any(thread["in_kernel"] is not None for thread in model["threads"]),
         "remarks": model["remarks"],
     }
 
@@ -46,9 +56,10 @@ def _timer(timer, clocks):
 class _View:
     """The snapshot with what is looked up in it."""
 
-    def __init__(self, model, clocks):
+    def __init__(self, model, clocks, activity):
         self.model = model
         self.clocks = clocks
+        self.activity = activity
         self.threads = {thread["thread"]: thread for thread in model["threads"]}
         self.by_handle = {thread["handle"]: thread for thread in model["threads"]}
         self.by_semaphore = {}
@@ -58,6 +69,9 @@ class _View:
         self.task_of_thread = {
             task["thread"]: task for task in model["tasks"] if task["thread"] is not None
         }
+        self.callers = {
+            entry["caller_thread"]: entry["caller"] for entry in model["sync_table"] or []
+        }
         self.replies = self._find_replies()
 
     def name(self, tid):
@@ -65,7 +79,8 @@ class _View:
         if task:
             return task["name"]
         thread = self.threads.get(tid)
-        return (thread["name"] if thread else None) or f"thread {tid}"
+        # A core has no names of threads, but those that have called somebody are in the table.
+        return (thread["name"] if thread else None) or self.callers.get(tid) or f"thread {tid}"
 
     def _find_replies(self):
         """The events that somebody waits for, by the semaphore of the reply."""
@@ -99,19 +114,43 @@ class _View:
         found = []
         for thread in self.model["threads"]:
             semaphore = thread["semaphore"]
-            if not thread["endless"] or thread["units"] is None or thread["units"] > 0:
+            if not thread["sleeps_for_ever"]:
+                continue
+            if semaphore and (thread["units"] is None or thread["units"] > 0):
                 continue
             if semaphore in locks:
                 found.append(self._lock_wait(thread, locks[semaphore]))
             elif semaphore in gates:
-                end_of = gates[semaphore]
-                text = f"the end of thread {self.name(end_of)}"
-                found.append(self._wait(thread, "end", text, end_of))
+                found.append(self._end_wait(thread, gates[semaphore]))
             elif semaphore in self.replies:
                 task = self.replies[semaphore]["task"]
                 text = f"the reply of {task['name']} to a synchronous send"
                 found.append(self._wait(thread, "reply", text, task["thread"], task["name"]))
+            else:
+                found += self._other_waits(thread)
         return found
+
+    def _other_waits(self, thread):
+        """The waits for locks of the application and for ends of its threads. Who waits for several
+        readers waits for each of them."""
+        wait = thread["wait"]
+        if wait is None:
+            place = stacks.application_frame(thread["stack"])
+            if place is None or _waits_for_reply(thread):
+                return []  # at rest in the runtime, or shown among the calls
+            return [self._wait(thread, "unknown", _unknown(thread["stack"]), None)]
+        if wait["lock"] is None:
+            return [self._end_wait(thread, wait["end_of"])]
+        lock = self.model["locks"][wait["lock"]]
+        holders = [holder for holder in lock["holders"] if holder in self.threads]
+        found = [self._wait(thread, "lock", lock["label"], holder) for holder in holders]
+        if lock["unnamed_readers"] or not holders:
+            found.append(self._wait(thread, "lock", lock["label"], None, _unnamed(lock)))
+        return found
+
+    def _end_wait(self, thread, end_of):
+        target = end_of if end_of in self.threads else None
+        return self._wait(thread, "end", f"the end of thread {self.name(end_of)}", target)
 
     def _wait(self, thread, kind, text, target, target_name=None):
         return {
@@ -121,6 +160,7 @@ class _View:
             "what": text,
             "target_thread": target,
             "target": target_name or (self.name(target) if target is not None else None),
+            "place": stacks.application_frame(thread["stack"]),
         }
 
     def _lock_wait(self, thread, mutex):
@@ -148,7 +188,23 @@ class _View:
                     "waiting": [self.name(thread["thread"]) for thread in waiting],
                 }
             )
-        return described
+        return described + [
+            self._application_lock(index, lock) for index, lock in enumerate(self.model["locks"])
+        ]
+
+    def _application_lock(self, index, lock):
+        holders = [holder for holder in lock["holders"] if holder in self.threads]
+        waiting = [t for t in self.model["threads"] if t["wait"] and t["wait"]["lock"] == index]
+        names = [self.name(holder) for holder in holders]
+        names += [_unnamed(lock)] if lock["unnamed_readers"] else []
+        return {
+            "lock": lock["label"],
+            "held": lock["held"],
+            "holder_thread": holders[0] if len(holders) == 1 else None,
+            "holder": ", ".join(names) or None,
+            "depth": lock["depth"] if lock["held"] else 0,
+            "waiting": [self.name(thread["thread"]) for thread in waiting],
+        }
 
     # Calls
 
@@ -240,6 +296,7 @@ class _View:
         described["state"], described["detail"] = _state(task)
         described["event"] = task["event"] if described["state"] == "in handler" else None
         described["since"] = self._since(task, calls) if described["event"] else None
+        described["hang"] = self._hang(task) if described["event"] else None
         described["depth"] = sum(queue["depth"] for queue in task["queues"])
         described["queues"] = [
             {key: queue[key] for key in queue if key != "lock"}
@@ -259,7 +316,36 @@ class _View:
         own = [age for age in own if age is not None]
         reply = task["event"]["reply"]
         caused = [c["age_s"] for c in calls if reply and c["reply"] == reply]
-        return {"at_least_s": max(own, default=None), "at_most_s": caused[0] if caused else None}
+        before = [age for age in (*caused[:1], self._sign_age(task)) if age is not None]
+        return {"at_least_s": max(own, default=None), "at_most_s": min(before, default=None)}
+
+    def _sign_age(self, task):
+        """How long ago the supervisor last heard of the task; None if that is not known. It does
+        so before a handler begins, unless the handler gives signs of life itself."""
+        sign = self.model["signs_of_life"].get(str(task["thread"]))
+        return None if sign is None or self.clocks is None else self._seconds_since(sign)
+
+    def _seconds_since(self, monotonic_ns):
+        return max(self.clocks["monotonic_ns"] - monotonic_ns, 0) / 1e9
+
+    def _hang(self, task):
+        """Where the handler is, whether it gets on, and what was heard of the task."""
+        thread = self.threads.get(task["thread"])
+        known = self.activity.get(str(task["thread"]), {})
+        state = known.get("state")
+        if state is not None:
+            running = state == "R" or known["share"] > SPINS
+        else:
+            in_kernel = thread["in_kernel"] if thread else None
+            running = None if in_kernel is None else not in_kernel
+        return {
+            "place": stacks.application_frame(thread["stack"]) if thread else None,
+            "running": running,
+            "cpu_s": known.get("cpu_s"),
+            "cpu_share": known.get("share"),
+            "last_sign_s": self._sign_age(task),
+            "pings": _waiting_pings(task),
+        }
 
     def thread(self, thread):
         task = self.task_of_thread.get(thread["thread"])
@@ -269,6 +355,20 @@ class _View:
             "task": task["name"] if task else None,
             "stack": thread["stack"],
         }
+
+
+def _waiting_pings(task):
+    """The notifier's pings that the task has not come to. They are sent at intervals, so that many
+    of them say for how long the queue has not been worked off."""
+    pings = [
+        event
+        for queue in task["queues"]
+        for event in queue["events"]
+        if event["type_name"] == "EVENT_PING"
+        and (event["sender"]["name"] or "").startswith(NOTIFIER)
+    ]
+    oldest = max(len(pings) - 1, 0) * PING_SECONDS
+    return {"waiting": len(pings), "oldest_at_least_s": oldest if pings else None}
 
 
 def _call_without_event(caller, caller_thread, receiver, receiver_thread, place, age, tick):
@@ -325,39 +425,40 @@ def _state(task):
     return "running", "between two events, or in its idle hook"
 
 
-def _deadlocks(waits, view):
-    """The circles: each thread waits for one other at most, so every circle is found by going on
-    until a thread comes again."""
-    target = {w["thread"]: w for w in waits if w["target_thread"] is not None}
-    order = {task["thread"]: i for i, task in enumerate(view.model["tasks"])}
-    seen = set()
-    found = []
-    for start in target:
-        path = []
-        thread = start
-        while thread in target and thread not in seen:
-            seen.add(thread)
-            path.append(thread)
-            thread = target[thread]["target_thread"]
-        if thread in path:
-            circle = path[path.index(thread) :]
-            first = min(circle, key=lambda tid: order.get(tid, len(order)))
-            turn = circle.index(first)
-            found.append(_deadlock(circle[turn:] + circle[:turn], target, view))
-    return found
+def _unnamed(lock):
+    """Those who hold a lock without memory saying who they are; None if nobody holds it."""
+    readers = lock["unnamed_readers"]
+    if readers:
+        return f"{readers} reader{'s' if readers > 1 else ''} whom memory does not name"
+    if lock["holders"]:
+        return f"thread {lock['holders'][0]}, which is gone"
+    return None
 
 
-def _deadlock(circle, target, view):
-    names = [view.name(thread) for thread in circle]
-    return {
-        "chain": names + names[:1],
-        "threads": [
-            {
-                "thread": thread,
-                "name": view.name(thread),
-                "waits_for": target[thread]["what"],
-                "stack": view.threads[thread]["stack"],
-            }
-            for thread in circle
-        ],
-    }
+# What a thread sleeps for by the functions on its stack, if no memory says who is to end that.
+UNKNOWN = (
+    ("std::__future_base::", "a future"),
+    ("std::__atomic_futex", "a future"),
+    ("std::condition_variable::", "a condition variable"),
+    ("pthread_cond_", "a condition variable"),
+    ("sem_wait", "a semaphore"),
+    ("TCSemaphore::", "a semaphore"),
+    ("pthread_barrier", "a barrier"),
+    ("__cxa_guard", "the making of a static object"),
+)
+
+
+def _plain(name):
+    """The name of a function of the C library without what its inner names have before it."""
+    return name.lstrip("_").removeprefix("GI_").lstrip("_")
+
+
+def _unknown(stack):
+    for beginning, what in UNKNOWN:
+        for frame in stack:
+            if stacks.is_application(frame):
+                break
+            name = frame["function"]
+            if name.startswith(beginning) or _plain(name).startswith(beginning):
+                return what
+    return "something that memory does not name"

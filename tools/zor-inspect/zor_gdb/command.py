@@ -6,11 +6,12 @@ import json
 import os
 import signal
 import sys
+import tempfile
 
-from . import analysis, problems, records, session, text
+from . import analysis, death_report, problems, processes, records, session, text, typenames
 from .target import find_target
 
-SCHEMA_VERSION = 1
+SCHEMA_VERSION = 2
 
 DESCRIPTION = """\
 Shows what a zor-core daemon is doing, or was doing when it died: its tasks and queues, the
@@ -24,7 +25,8 @@ FOOTER = f"""\
 Examples:
   zor-inspect $(cat /tmp/.zor-daemon.pid)
   zor-inspect --json 1234 | jq .deadlocks
-  zor-inspect core.1234 /usr/bin/zor-tsmon
+  zor-inspect core.1234.zst
+  zor-inspect --sysroot device/root core.1234 device/root/usr/bin/zor-tsmon
 """
 
 
@@ -53,32 +55,47 @@ def _options(arguments, version):
         formatter_class=argparse.RawDescriptionHelpFormatter,
     )
     add = parser.add_argument
-    add("target", metavar="PID|CORE", help="the process, or a core file")
-    add("program", metavar="PROGRAM", nargs="?", help="the program of the core file")
+    add("target", metavar="PID|CORE", nargs="?",
+        help="the process, or a core file, packed or not (default: the processes that there are are"
+        " listed)")
+    add("program", metavar="PROGRAM", nargs="?",
+        help="the program of the core file (default: the core says where it was)")
     add("--json", action="store_true", help="print JSON instead of text")
     add("--stacks", action="store_true", help="print the stacks of all threads")
+    add("--full-stacks", action="store_true",
+        help="print every frame, those of the runtime and of the system too")
     add("--events", metavar="N", type=_number(0), default=20,
         help="events of a queue that the text shows (default: 20)")
     add("--records", metavar="N", type=_number(0), default=10,
         help="records to show of the recording that the process makes (default: 10)")
     add("--record-file", metavar="FILE",
         help="that recording (default: what ZOR_RECORD says in the process)")
+    add("--types", metavar="FILE",
+        help="names of event types, in lines such as '101 EV_ASK' (default: what the debug"
+        " information has in the receivers' classes)")
     add("--sysroot", metavar="DIR", help="where the libraries of a core from another machine are")
     add("--gdb", metavar="GDB", default="gdb", help="the gdb to run (default: gdb)")
     add("--timeout", metavar="SECONDS", type=_number(1), default=120,
         help="how long gdb may take (default: 120)")
     add("--version", action="version", version=f"zor-inspect {version}")
-    return parser.parse_args(arguments)
+    options = parser.parse_args(arguments)
+    if options.target is None and options.json:
+        parser.error("--json shows one process or core: name it")
+    return options
 
 
 def _report(target, snapshot, options, beside):
+    typenames.apply(snapshot["model"], options.type_names, snapshot.get("type_names", {}))
     report = {
         "version": SCHEMA_VERSION,
         "time": datetime.datetime.now(datetime.timezone.utc).isoformat(timespec="milliseconds"),
         "target": target.describe(),
         "stopped_seconds": snapshot.get("stopped_seconds"),
     }
-    report.update(analysis.analyse(snapshot["model"], snapshot["clocks"]))
+    report.update(
+        analysis.analyse(snapshot["model"], snapshot["clocks"], _activity(target, snapshot))
+    )
+    report["death"] = death_report.describe(target, snapshot, report)
     report["remarks"] = target.remarks + report["remarks"]
     report["records"] = None
     if options.records:
@@ -87,6 +104,18 @@ def _report(target, snapshot, options, beside):
             tool = records.find_tool(beside)
             report["records"] = records.last_records(path, options.records, tool)
     return report
+
+
+def _activity(target, snapshot):
+    """What is known of the threads' processor time, by thread."""
+    known = snapshot.get("activity", {})
+    if any(target.cpu_seconds.values()):  # a core that a debugger has made has none
+        known = {
+            str(tid): {"state": None, "cpu_s": used, "share": None}
+            for tid, used in target.cpu_seconds.items()
+            if tid != target.own_pid  # that is the sum of all
+        }
+    return known
 
 
 def _without_stacks(report):
@@ -108,8 +137,13 @@ def run(arguments, beside, version):
     # A tool that is told to end must not leave a gdb behind that holds the process.
     signal.signal(signal.SIGTERM, _interrupt)
     try:
-        target = find_target(options.target, options.program)
-        report = _report(target, session.take_snapshot(target, options), options, beside)
+        options.type_names = typenames.read_file(options.types) if options.types else {}
+        if options.target is None:
+            return _list_processes()
+        with tempfile.TemporaryDirectory(prefix="zor-inspect-") as folder:
+            target = find_target(options.target, options.program, options.sysroot, folder)
+            snapshot = session.take_snapshot(target, options, folder)
+        report = _report(target, snapshot, options, beside)
     except problems.Problem as problem:
         print(f"zor-inspect: {problem}", file=sys.stderr)
         return problem.code
@@ -117,6 +151,12 @@ def run(arguments, beside, version):
         print("zor-inspect: interrupted", file=sys.stderr)
         return problems.FAILED
     return _print(report, options)
+
+
+def _list_processes():
+    found, refused = processes.find()
+    sys.stdout.write(processes.render(found, refused))
+    return problems.OK if found else problems.NO_TARGET
 
 
 def _print(report, options):
@@ -127,7 +167,8 @@ def _print(report, options):
             json.dump(report, sys.stdout, indent=2)
             print()
         else:
-            sys.stdout.write(text.render(report, options.events, options.stacks))
+            shown = (options.events, options.stacks, options.full_stacks)
+            sys.stdout.write(text.render(report, *shown))
         sys.stdout.flush()
     except BrokenPipeError:  # `| head` has seen enough
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())

@@ -6,7 +6,7 @@ out in `analysis`, when the process runs again.
 
 import gdb
 
-from . import memory, objects, rtti, threads
+from . import locks, memory, objects, rtti, supervisor, threads
 from .analysis import LOOP_BODY
 
 ALL_ONES = (1 << 64) - 1
@@ -39,6 +39,7 @@ class Reader:
         self.senders = objects.Senders(self.threads)
         self.mutexes = []
         self.gates = []
+        self.locks = locks.Locks(self.threads)
 
     def read(self):
         addresses = self._tasks()
@@ -55,10 +56,14 @@ class Reader:
             "sync_table": self._part("the table of synchronous calls", self._sync_table, None),
             "timers": self._part("the timers", self._timers, []),
             "alarms": self._each("an alarm", self._alarm_threads(), self._alarm),
+            "signs_of_life": self._part("the supervisor", supervisor.signs_of_life, {}),
         }
         for thread in self.threads:
             self._part("a thread's gates", lambda thread=thread: self._thread_gates(thread), None)
-        result["threads"] = [self._thread(thread) for thread in self.threads]
+        known = {mutex.get("semaphore") for mutex in self.mutexes}
+        known |= {gate["semaphore"] for gate in self.gates}
+        result["threads"] = [self._thread(thread, known) for thread in self.threads]
+        result["locks"] = self.locks.locks
         result["mutexes"] = self.mutexes
         result["gates"] = self.gates
         result["remarks"] = self.remarks
@@ -253,12 +258,13 @@ class Reader:
             gate = memory.address_of(value["m_exitGate"])
             self.gates.append({"semaphore": gate, "thread": thread.tid})
 
-    def _thread(self, thread):
+    def _thread(self, thread, known_semaphores):
         count = None
         if thread.semaphore:
             count = self._part(
                 "a semaphore", lambda: objects.semaphore_count(thread.semaphore), None
             )
+        sleeps_for_ever = thread.endless or (thread.futex is not None and thread.futex.endless)
         return {
             "thread": thread.tid,
             "name": thread.name,
@@ -266,6 +272,13 @@ class Reader:
             "semaphore": thread.semaphore,
             "endless": thread.endless,
             "units": count,
+            "sleeps_for_ever": sleeps_for_ever,
+            "in_kernel": thread.in_kernel,
+            "wait": self._part(
+                "what a thread waits for",
+                lambda: self.locks.wait_of(thread, known_semaphores),
+                None,
+            ),
             "stack": thread.frames,
         }
 

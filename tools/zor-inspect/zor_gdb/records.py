@@ -14,17 +14,19 @@ def find_recording(target, environment, named):
         return named
     if target.pid:
         path = _environment_of(target.pid).get(VARIABLE)
-        folder = f"/proc/{target.pid}/cwd"
     else:
         path = (environment or {}).get(VARIABLE)
-        folder = "."
     if not path:
         return None
-    path = path.replace("%p", str(target.pid)) if target.pid else path
+    if target.own_pid:
+        path = path.replace("%p", str(target.own_pid))
+    if target.root:
+        return target.root + path if os.path.isabs(path) else f"/proc/{target.pid}/cwd/{path}"
     if os.path.isabs(path):
         return path
+    folder = os.getcwd()
     try:
-        folder = os.readlink(folder) if target.pid else os.getcwd()
+        folder = os.readlink(f"/proc/{target.pid}/cwd") if target.pid else folder
     except OSError:
         pass
     return os.path.join(folder, path)

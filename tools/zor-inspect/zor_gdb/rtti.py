@@ -19,7 +19,7 @@ def symbol_at(address):
 
 
 @functools.lru_cache(maxsize=None)
-def _mangled(type_info):
+def mangled(type_info):
     return memory.c_string_at(memory.pointer_at(type_info + memory.pointer_size())).lstrip("*")
 
 
@@ -39,17 +39,33 @@ def _bases(type_info):
 
 @functools.lru_cache(maxsize=None)
 def _ancestors(type_info):
-    names = {_mangled(type_info)}
+    names = {mangled(type_info)}
     for base in _bases(type_info):
         names |= _ancestors(base)
     return names
 
 
+def only_ancestors(type_info):
+    """The mangled names of the type and of its bases, as far as each has one base only: all of them
+    begin at the same address."""
+    names = {mangled(type_info)}
+    while symbol_at(memory.pointer_at(type_info)).find(SINGLE_BASE) >= 0:
+        type_info = _bases(type_info)[0]
+        names.add(mangled(type_info))
+    return names
+
+
+def name_of(type_info):
+    """The type that a type information describes."""
+    return _demangled(mangled(type_info))
+
+
 @functools.lru_cache(maxsize=None)
 def _demangled(name):
     try:
-        text = gdb.execute(f"demangle -l c++ -- _ZTS{name}", to_string=True).strip()
-    except gdb.error:
+        # gdb may add a line about the language of the frame.
+        text = gdb.execute(f"demangle -l c++ -- _ZTS{name}", to_string=True).splitlines()[0]
+    except (gdb.error, IndexError):
         return name
     return text.removeprefix("typeinfo name for ")
 
@@ -62,7 +78,7 @@ def class_name(address):
     """The class of the whole object that the object at the address is part of; None if it cannot
     be told."""
     try:
-        return _demangled(_mangled(_type_info(address)))
+        return _demangled(mangled(_type_info(address)))
     except (gdb.error, gdb.MemoryError):
         return None
 

@@ -3,7 +3,6 @@
 import json
 import os
 import subprocess
-import tempfile
 
 from . import target as targets
 from .problems import FAILED, NO_GDB, NO_PERMISSION, NO_PROGRAM, NO_TARGET, NOT_ZOR_CORE, Problem
@@ -27,19 +26,21 @@ EARLY = [
 ]
 
 
-def take_snapshot(target, options):
-    """What gdb has read, as `snapshot` hands it over; raises Problem."""
-    with tempfile.TemporaryDirectory(prefix="zor-inspect-") as folder:
-        request = os.path.join(folder, "request.json")
-        answer = os.path.join(folder, "answer.json")
-        with open(request, "w", encoding="utf-8") as file:
-            json.dump(_request(target, options, answer), file)
-        output = _run(options, request)
-        try:
-            with open(answer, encoding="utf-8") as file:
-                snapshot = json.load(file)
-        except (FileNotFoundError, json.JSONDecodeError):
-            raise _failure(output) from None
+def take_snapshot(target, options, folder):
+    """What gdb has read, as `snapshot` hands it over; raises Problem.
+
+    folder: for the exchange with gdb
+    """
+    request = os.path.join(folder, "request.json")
+    answer = os.path.join(folder, "answer.json")
+    with open(request, "w", encoding="utf-8") as file:
+        json.dump(_request(target, options, answer), file)
+    output = _run(options, request)
+    try:
+        with open(answer, encoding="utf-8") as file:
+            snapshot = json.load(file)
+    except (FileNotFoundError, json.JSONDecodeError):
+        raise _failure(output) from None
     if "error" in snapshot:
         raise _problem(target, snapshot)
     return snapshot
@@ -47,14 +48,18 @@ def take_snapshot(target, options):
 
 def _request(target, options, answer):
     settings = list(SETTINGS)
-    if options.sysroot:
-        settings.append(f"set sysroot {os.path.abspath(options.sysroot)}")
+    sysroot = os.path.abspath(options.sysroot) if options.sysroot else target.root
+    if sysroot:
+        settings.append(f"set sysroot {sysroot}")
+        symbols = "/usr/lib/debug"
+        settings.append(f"set debug-file-directory {sysroot}{symbols}:{symbols}")
     return {
         "pid": target.pid,
-        "core": target.core,
+        "core": target.core_file,
         "program": target.program,
         "mapped": target.mapped,
         "settings": settings,
+        "death": target.death,
         "answer": answer,
     }
 
@@ -108,7 +113,7 @@ def _failure(output):
     if "Python scripting is not supported" in output or "Scripting in the \"Python\"" in output:
         return Problem(NO_GDB, "this gdb cannot run Python; install the package gdb")
     lines = [line for line in output.splitlines() if line.strip()]
-    return Problem(FAILED, "gdb has failed: " + (lines[-1] if lines else "without a word"))
+    return Problem(FAILED, f"gdb has failed: {lines[-1]}" if lines else "gdb has failed in silence")
 
 
 def _problem(target, snapshot):

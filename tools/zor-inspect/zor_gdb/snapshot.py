@@ -14,8 +14,9 @@ import gdb
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
-from zor_gdb import memory, model  # noqa: E402
+from zor_gdb import activity, death, enumerations, memory, model, typenames  # noqa: E402
 
+MOST_FRAMES = 64  # in which the reason of a death is looked for
 TICKS_PER_SECOND = os.sysconf("SC_CLK_TCK")
 
 
@@ -44,10 +45,11 @@ def _preload(request):
 
 
 def _attach(request):
+    watch = activity.Watch(request["pid"])
     _preload(request)
+    answer = {"activity": watch.finish()}
     started = time.monotonic()
     gdb.execute(f"attach {request['pid']}", to_string=True)
-    answer = {}
     try:
         answer["clocks"] = _clocks()
         model.check()
@@ -71,7 +73,22 @@ def _open_core(request):
         "clocks": None,
         "model": model.Reader().read(),
         "environment": _environment(),
+        "reason": _reason(request["death"]),
     }
+
+
+def _reason(end):
+    """What is known behind the signal that has ended the process."""
+    for thread in gdb.selected_inferior().threads() if end else ():
+        if end["thread"] in thread.ptid:
+            thread.switch()
+            frames = []
+            frame = gdb.newest_frame()
+            while frame is not None and len(frames) < MOST_FRAMES:
+                frames.append((frame.name() or "??", frame))
+                frame = frame.older()
+            return death.reason_of(end["number"], frames)
+    return None
 
 
 def _environment():
@@ -94,7 +111,10 @@ def _run(request):
     gdb.execute("set language c++", to_string=True)
     if request.get("program"):
         gdb.execute(f"file {_quoted(request['program'])}", to_string=True)
-    return _attach(request) if request.get("pid") else _open_core(request)
+    answer = _attach(request) if request.get("pid") else _open_core(request)
+    classes = typenames.classes_without_names(answer["model"])
+    answer["type_names"] = enumerations.of_classes(classes)
+    return answer
 
 
 def main():

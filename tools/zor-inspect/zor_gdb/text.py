@@ -2,12 +2,20 @@
 
 import os
 
+from . import stacks
+from .deadlocks import place
+from .names import short
 
-def render(report, events_shown, stacks):
-    """The whole text, ending with a line end."""
+
+def render(report, events_shown, all_stacks, full=False):
+    """The whole text, ending with a line end.
+
+    full: whether stacks show the frames of the runtime and of the system one by one
+    """
     sections = [
         _head(report),
-        _deadlocks(report),
+        _death(report, full),
+        _deadlocks(report, full),
         _section("Tasks", _tasks(report)),
         _section("Queued events", _queues(report, events_shown)),
         _section("Synchronous calls in progress", _calls(report)),
@@ -15,7 +23,7 @@ def render(report, events_shown, stacks):
         _section("Timers", _timers(report)),
         _section("Alarms", _alarms(report)),
         _section("Locks", _locks(report)),
-        _section("Stacks", _stacks(report)) if stacks else "",
+        _section("Stacks", _stacks(report, full)) if all_stacks else "",
         _section("Last records", _records(report)),
         _section("Remarks", report["remarks"]) if report["remarks"] else "",
     ]
@@ -64,41 +72,80 @@ def _thread(tid):
     return "no thread" if tid is None else f"thread {tid}"
 
 
+def _death(report, full):
+    """Why the process has died, before everything else."""
+    death = report["death"]
+    if death is None:
+        return ""
+    who = f"{death['name'] or 'a thread'} (thread {death['told_thread']})"
+    if death["task"]:
+        who += f", task {death['task']}"
+    if death["event"]:
+        who += f", in handler of event type {event_type(death['event'])}, "
+        who += event_text(death["event"])
+    lines = [death["summary"], f"  {who}"]
+    return "\n".join(lines + [f"    {line}" for line in _stack(death["stack"], full)]) + "\n"
+
+
 # Deadlocks and stacks
 
 
-def _deadlocks(report):
-    if not report["deadlocks"]:
-        return "no deadlock\n"
+def _deadlocks(report, full):
     lines = []
     for deadlock in report["deadlocks"]:
         lines.append("deadlock: " + " -> ".join(deadlock["chain"]))
         for thread in deadlock["threads"]:
+            lines.append(f"  {thread['name']}: {thread['summary']}")
+    for deadlock in report["deadlocks"]:
+        for thread in deadlock["threads"]:
             lines.append("")
-            lines.append(
-                f"  {thread['name']} (thread {thread['thread']}) waits for {thread['waits_for']}"
-            )
-            lines += [f"    {line}" for line in _stack(thread["stack"])]
-        lines.append("")
-    return "\n".join(lines).rstrip("\n") + "\n"
+            lines.append(f"  {thread['name']} (thread {thread['thread']})")
+            lines += [f"    {line}" for line in _stack(thread["stack"], full)]
+    return "\n".join([*lines, *([""] if lines else []), *_looked_at(report)]) + "\n"
 
 
-def _stack(stack):
-    return [f"#{level:<2} {_frame(frame)}" for level, frame in enumerate(stack)]
+def _looked_at(report):
+    """What the search for deadlocks covers: nobody is to take more from it."""
+    known = ["synchronous sends", "TCMutex", "ends of tasks"]
+    if report["system_locks"]:
+        known[2:] = ["mutexes", "read-write locks", "ends of threads"]
+    found = "no further deadlock" if report["deadlocks"] else "no deadlock"
+    lines = [f"{found} through {', '.join(known[:-1])} or {known[-1]}"]
+    unknown = [wait for wait in report["waits"] if wait["target_thread"] is None]
+    if unknown:
+        count = f"{len(unknown)} thread{'s' if len(unknown) > 1 else ''}"
+        lines.append(f"not followed, for memory does not say who ends them: the waits of {count}")
+        lines += [f"  {_wait(wait)}" for wait in unknown]
+    return lines
+
+
+def _stack(stack, full):
+    if full:
+        return [f"#{level:<2} {_frame(frame)}" for level, frame in enumerate(stack)]
+    entries = stacks.folded(stack)
+    numbers = [f"#{first}" if first == last else f"#{first}-{last}" for first, last, _ in entries]
+    width = max(map(len, numbers), default=0)
+    return [f"{n:<{width}} {_folded(entry)}" for n, entry in zip(numbers, entries)]
+
+
+def _folded(entry):
+    first, last, frame = entry
+    return _frame(frame) if first == last else f"... {short(frame['function'])}"
 
 
 def _frame(frame):
+    name = short(frame["function"])
     if frame["file"]:
-        return f"{frame['function']} at {os.path.basename(frame['file'])}:{frame['line']}"
+        return f"{name} at {os.path.basename(frame['file'])}:{frame['line']}"
     module = os.path.basename(frame.get("module") or "")
-    return f"{frame['function']}" + (f" in {module}" if module else f" ({frame['address']:#x})")
+    return name + (f" in {module}" if module else f" ({frame['address']:#x})")
 
 
-def _stacks(report):
+def _stacks(report, full):
     lines = []
     for thread in report["threads"]:
         lines.append(f"{thread['name'] or '(no name)'}, thread {thread['thread']}")
-        lines += [f"  {line}" for line in _stack(thread["stack"])]
+        lines += [f"  {line}" for line in _stack(thread["stack"], full)]
     return lines
 
 
@@ -123,11 +170,31 @@ def _state(task):
     text = task["state"]
     if task["event"]:
         text += f" of event type {event_type(task['event'])} {_since(task['since'])}"
-        text += f", {event_text(task['event'])}"
+        text += f"{_hang(task['hang'])}, {event_text(task['event'])}"
     if task["detail"]:
         text += f": {task['detail']}"
     if not task["registered"]:
         text += " (being destroyed: not in the registry)"
+    return text
+
+
+def _hang(hang):
+    """Where a handler is, whether it gets on, and what was heard of its task."""
+    text = place(hang["place"])
+    if hang["running"] is not None:
+        text += ", running" if hang["running"] else ", sleeping"
+    if hang["cpu_share"] is not None and hang["running"]:
+        text += f" ({hang['cpu_share']:.0%} of a processor)"
+    if hang["cpu_s"] is not None:
+        text += f", {hang['cpu_s']:.1f} s of processor time"
+    if hang["last_sign_s"] is not None:
+        text += f", last sign of life {hang['last_sign_s']:.1f} s ago"
+    if hang["pings"]["waiting"]:
+        pings = hang["pings"]
+        many = "s wait" if pings["waiting"] > 1 else " waits"
+        text += f", {pings['waiting']} ping{many}"
+        if pings["oldest_at_least_s"]:
+            text += f", the oldest for at least {pings['oldest_at_least_s']} s"
     return text
 
 
@@ -152,7 +219,7 @@ def _receiver(receiver):
         return f"{receiver['address']:#x} (not created)"
     if receiver.get("is_task"):
         return receiver["task"] or f"{receiver['address']:#x}"
-    return f"{receiver['class'] or hex(receiver['address'])} of {receiver['task'] or '?'}"
+    return f"{short(receiver['class']) or hex(receiver['address'])} of {receiver['task'] or '?'}"
 
 
 def event_text(event):
@@ -167,7 +234,7 @@ def event_text(event):
     params = [f"{k}={v}" for k, v in event["params"].items() if v is not None]
     parts.append(" ".join(params))
     if event["attachment"]:
-        parts.append(f"attached {event['attachment']}")
+        parts.append(f"attached {short(event['attachment'])}")
     return ", ".join(parts)
 
 
@@ -225,11 +292,13 @@ def _place(call):
 
 
 def _waits(report):
-    return [
-        f"{wait['name']} (thread {wait['thread']}) waits for {wait['what']}"
-        + (f", held by {wait['target']}" if wait["kind"] == "lock" and wait["target"] else "")
-        for wait in report["waits"]
-    ]
+    return [_wait(wait) for wait in report["waits"] if wait["target_thread"] is not None]
+
+
+def _wait(wait):
+    held = f", held by {wait['target']}" if wait["kind"] == "lock" and wait["target"] else ""
+    what = f"{wait['what']}{place(wait['place'])}{held}"
+    return f"{wait['name']} (thread {wait['thread']}) waits for {what}"
 
 
 # Timers, alarms, locks
@@ -268,7 +337,7 @@ def _alarms(report):
                 alarm["state"],
                 every,
                 f"count {_count(alarm['count'])}",
-                alarm["class"] or "",
+                short(alarm["class"]) or "",
             )
         )
     return _table(rows)

@@ -8,7 +8,7 @@ import re
 
 import gdb
 
-from . import memory
+from . import locks, memory
 
 MOST_FRAMES = 256
 LOOP = re.compile(r"^TC(MultiQ)?Task::ExecuteEvent$")
@@ -27,6 +27,8 @@ class Thread:
         self.object = 0  # the TCThread whose body it runs
         self.semaphore = 0  # what it waits for
         self.endless = False  # whether that wait has no time-out
+        self.futex = None  # the word that it sleeps on in the kernel
+        self.in_kernel = None  # whether it is in a system call; None if that cannot be told
         self.loop = None  # index of the frame of a task's loop
         self.event = 0  # the loop's event, address
 
@@ -60,11 +62,10 @@ def _describe(frame):
     name = frame.name()
     place = frame.find_sal()
     described = {"function": name or "??", "address": frame.pc(), "file": None, "line": None}
+    described["module"] = gdb.solib_name(frame.pc())  # None for the program
     if place.symtab is not None:
         described["file"] = place.symtab.filename
         described["line"] = place.line
-    else:
-        described["module"] = gdb.solib_name(frame.pc())
     return described
 
 
@@ -98,12 +99,22 @@ def _pthread(thread):
     return 0
 
 
+def _in_kernel(frame):
+    try:
+        call = locks.system_call(frame)
+    except (ValueError, gdb.error):
+        return None
+    return None if call == () else call is not None
+
+
 def _read(gdb_thread):
     thread = Thread(gdb_thread.ptid[1] or gdb_thread.ptid[2])
     gdb_thread.switch()
     thread.pthread = _pthread(gdb_thread)
     thread.name = gdb_thread.name
     frame = gdb.newest_frame()
+    thread.futex = locks.futex_of(frame)
+    thread.in_kernel = _in_kernel(frame)
     while frame is not None and len(thread.frames) < MOST_FRAMES:
         described = _describe(frame)
         _learn(thread, frame, described["function"])
