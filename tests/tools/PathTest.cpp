@@ -10,7 +10,7 @@
 #include <tuple>
 #include <vector>
 
-#include "ProgramRun.h"
+#include "Recorded.h"
 
 namespace {
 
@@ -161,15 +161,7 @@ TEST_F(PathTest, NothingWantedIsAnError)
 class HangPathTest : public testing::Test
 {
  protected:
-    static void SetUpTestSuite()
-    {
-        const zortest::ScratchDirectory directory;
-        const std::string path = directory.Path("calls.zor");
-        const auto result =
-            zortest::RunProgram(RECORDED_PROGRAM, {"leave"}, {{"ZOR_RECORD", path}});
-        ASSERT_EQ(result.exitCode, 0) << result.err;
-        sRecording = zorrecord::ReadFile(path);
-    }
+    static void SetUpTestSuite() { sRecording = zortest::Recorded("leave"); }
 
     static std::string Print(const zorrecord::Selection& selection, bool asJson)
     {

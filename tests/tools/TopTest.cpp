@@ -9,8 +9,8 @@
 #include <string>
 #include <utility>
 
-#include "ProgramRun.h"
 #include "Reader.h"
+#include "Recorded.h"
 
 namespace {
 
@@ -20,15 +20,7 @@ using testing::HasSubstr;
 class TopTest : public testing::Test
 {
  protected:
-    static void SetUpTestSuite()
-    {
-        const zortest::ScratchDirectory directory;
-        const std::string path = directory.Path("calls.zor");
-        const auto result =
-            zortest::RunProgram(RECORDED_PROGRAM, {"tasks"}, {{"ZOR_RECORD", path}});
-        ASSERT_EQ(result.exitCode, 0) << result.err;
-        sRecording = zorrecord::ReadFile(path);
-    }
+    static void SetUpTestSuite() { sRecording = zortest::Recorded("tasks"); }
 
     static std::string Print(const zorrecord::Recording& recording, bool asJson)
     {
