@@ -94,25 +94,25 @@ void NameFrame(TSFrame* frame)
     }
 }
 
-/// Where the thread was when the signal came; null where it is not known how to tell.
-void* InterruptedAt(const void* context)
+/// Where the thread was when the signal came; 0 where it is not known how to tell.
+std::uintptr_t InterruptedAt(const void* context)
 {
     const auto& registers = static_cast<const ucontext_t*>(context)->uc_mcontext;
 #if defined(__x86_64__)
-    return reinterpret_cast<void*>(registers.gregs[REG_RIP]);
+    return static_cast<std::uintptr_t>(registers.gregs[REG_RIP]);
 #elif defined(__aarch64__)
-    return reinterpret_cast<void*>(registers.pc);
+    return static_cast<std::uintptr_t>(registers.pc);
 #else
     static_cast<void>(registers);
-    return nullptr;
+    return 0;
 #endif
 }
 
 /// How many frames of the stack are those of the question, and not of the thread.
-int OwnFrames(void* const* stack, int count, const void* interruptedAt)
+int OwnFrames(void* const* stack, int count, std::uintptr_t interruptedAt)
 {
     for (int i = 0; i < count; ++i) {
-        if (stack[i] == interruptedAt) {
+        if (reinterpret_cast<std::uintptr_t>(stack[i]) == interruptedAt) {
             return i;
         }
     }

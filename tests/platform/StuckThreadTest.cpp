@@ -25,10 +25,10 @@ __attribute__((noinline, visibility("default"))) void HangHere(sem_t* end)
     asm volatile(""); // a call in the last place would have no frame
 }
 
-/// Where the spinning thread hangs: the innermost frame of its stack.
-__attribute__((noinline, visibility("default"))) void SpinHere(const std::atomic<bool>& ends)
+/// Where the spinning thread hangs: the innermost frame of its stack, for nothing is called here.
+__attribute__((noinline, visibility("default"))) void SpinHere(const bool* ends)
 {
-    while (!ends.load()) {
+    while (!__atomic_load_n(ends, __ATOMIC_SEQ_CST)) {
     }
 }
 
@@ -125,12 +125,12 @@ TEST_F(StuckThreadTest, BlockedThreadShowsItsOwnStackBeforeTheReport)
 
 TEST_F(StuckThreadTest, SpinningThreadIsToldFromABlockedOne)
 {
-    std::atomic<bool> ends{false};
+    bool ends = false;
     std::vector<TSLogEntry> log;
     {
-        const TCHungThread thread("spinning", [&ends] { SpinHere(ends); });
+        const TCHungThread thread("spinning", [&ends] { SpinHere(&ends); });
         log = LogUpToReport("spinning");
-        ends.store(true);
+        __atomic_store_n(&ends, true, __ATOMIC_SEQ_CST);
     }
     const size_t state = Find(log, "'spinning' (");
     ASSERT_LT(state, log.size());
