@@ -35,7 +35,7 @@ done
 [ "$(cat "$PID_FILE")" = "$daemon" ] || fail "the pid file has '$(cat "$PID_FILE")', not $daemon"
 
 # Names, types and lines that only the debug information has, which is not in the library itself.
-report=$(zor-inspect --timeout 600 --stacks "$daemon") || fail "zor-inspect ended with status $?"
+report=$(zor-inspect --timeout 600 --stacks --full-stacks "$daemon") || fail "zor-inspect ended with status $?"
 for expected in "process $daemon (/usr/bin/zor-tsmon)" 'TsReader .* 0 ' 'TCTask::.* at .*Task.*\.cpp:[0-9]' \
     'WatchdogNotifier.cpp:[0-9]'; do
     grep -q "$expected" <<<"$report" || fail "zor-inspect does not print '$expected' but: $report"
