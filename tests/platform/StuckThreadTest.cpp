@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "PlatformLog.h"
+#include "Sanitized.h"
 #include "brisk_deadlock.h"
 #include "dlog.h"
 
@@ -138,7 +139,9 @@ TEST_F(StuckThreadTest, SpinningThreadIsToldFromABlockedOne)
     // The thread sanitizer keeps a signal from a thread that never waits, and a busy machine may.
     if (log[state].text.find("its stack:") != std::string::npos) {
         const size_t spin = Find(log, "SpinHere", state);
-        EXPECT_LE(spin, state + 2) << "the stack begins with frames of the supervisor's";
+        if (zortest::SLOWER == 1) { // a sanitizer brings a signal with frames of its own
+            EXPECT_LE(spin, state + 2) << "the stack begins with frames of the supervisor's";
+        }
         ASSERT_LT(spin, log.size());
         EXPECT_NE(log[spin].text.find(" (SpinHere+0x"), std::string::npos) << log[spin].text;
     }

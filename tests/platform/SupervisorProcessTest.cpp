@@ -250,20 +250,24 @@ TEST(SupervisorProcessTest, ServiceManagerHearsNothingWhileAThreadHangs)
 
 TEST(SupervisorProcessTest, ServiceManagerHearsFromTheStartOfAProcessThatSupervisesNobody)
 {
-    // Both are in the environment that the program is started with; the process id is not, as that
-    // is known only then.
-    const auto usec = std::chrono::microseconds(SERVICE_INTERVAL).count();
-    setenv("WATCHDOG_USEC", std::to_string(usec).c_str(), 1);
+    // Both are in the environment that the program is started with, and stay as they are: it is
+    // read from the start on. The process id is not there, as that is known only then.
+    if (!::testing::internal::InDeathTestChild()) {
+        const auto usec = std::chrono::microseconds(SERVICE_INTERVAL).count();
+        setenv("WATCHDOG_USEC", std::to_string(usec).c_str(), 1);
+        const std::string address = "@zor-notify-from-the-start-" + std::to_string(getpid());
+        setenv("NOTIFY_SOCKET", address.c_str(), 1);
+    }
     EXPECT_EXIT(
         {
-            NotifySocket manager;
-            setenv("NOTIFY_SOCKET", manager.Address().c_str(), 1);
+            NotifySocket manager(getenv("NOTIFY_SOCKET") + 1);
             REQUIRE(manager.Next() == "WATCHDOG=1");
             REQUIRE(manager.Next() == "WATCHDOG=1");
             exit(0);
         },
         ::testing::ExitedWithCode(0), "");
     unsetenv("WATCHDOG_USEC");
+    unsetenv("NOTIFY_SOCKET");
 }
 
 TEST(SupervisorProcessTest, AnotherProcessWatchdogIsLeftAlone)

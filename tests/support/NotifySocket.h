@@ -9,15 +9,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
 namespace zortest {
 
 /// A service manager's end of the socket on which a service says how it is. It has no file: its
-/// name is in the abstract name space, with this process's id.
+/// name is in the abstract name space, and has this process's id unless another one is given.
 class NotifySocket
 {
  public:
-    NotifySocket() : m_name("zor-notify-" + std::to_string(getpid()))
+    explicit NotifySocket(std::string name = "zor-notify-" + std::to_string(getpid()))
+        : m_name(std::move(name))
     {
         m_socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         struct sockaddr_un address = {};

@@ -78,7 +78,8 @@ class CircleFacts:
                              ("unknown", "a future"))
             self.assertEqual(unknown["Turner"]["target"], "1 reader whom memory does not name")
             self.assertIn("no further deadlock through synchronous sends, ", text)
-            self.assertIn("the waits of 2 threads\n  Hopeful", text)
+            self.assertIn("the waits of 2 threads\n", text)
+            self.assertIn("\n  Hopeful (thread ", text)
             self.assertIn("waits for a future at ", text)
             self.assertIn(", held by 1 reader whom memory does not name\n", text)
         with self.subTest("stacks show the application's frames, and all if asked for"):
