@@ -67,7 +67,8 @@ class ToolTest : public testing::Test
 TEST_F(ToolTest, HelpTellsOfCommandsAndExitCodes)
 {
     EXPECT_EQ(Run({"--help"}), 0);
-    for (const char* part : {"print", "export", "info", "ZOR_RECORD", "Exit codes:"}) {
+    for (const char* part :
+         {"print", "export", "top", "path", "info", "ZOR_RECORD", "Exit codes:"}) {
         EXPECT_THAT(out, HasSubstr(part));
     }
     EXPECT_EQ(err, "");
@@ -138,6 +139,21 @@ TEST_F(ToolTest, PrintWritesALineARecord)
         R"(\[inc/Task\.h:102\] result=false cpu_ns=[0-9]+)";
     EXPECT_THAT(lines, Contains(MatchesRegex(handling)).Times(1));
     EXPECT_THAT(lines, Contains(MatchesRegex(after)).Times(1));
+}
+
+TEST_F(ToolTest, PathWithoutAWantedCallIsSaid)
+{
+    Record({"tasks"});
+    EXPECT_EQ(Run({"path", "--type", "4711", path}), 1);
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(err,
+              "zor-record: " + path + ": no handling and no synchronous send is as asked for\n");
+    EXPECT_EQ(Run({"path", "--type", "200", path}), 0);
+    EXPECT_THAT(out, HasSubstr(" type 200 for "));
+    EXPECT_EQ(Run({"top", "--task", "beta", path}), 0);
+    EXPECT_THAT(out, HasSubstr("\nbeta "));
+    EXPECT_EQ(Run({"print", "--last", "-1", path}), 1);
+    EXPECT_THAT(err, HasSubstr("--last"));
 }
 
 TEST_F(ToolTest, NullEventIsPrintedAsNull)

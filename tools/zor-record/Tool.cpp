@@ -137,6 +137,7 @@ void AddSelection(CLI::App* command, Selection* selection)
         ->add_option("--until", selection->until, "Only calls that began at this time or earlier")
         ->option_text("SECONDS");
     command->add_option("--last", selection->last, "Only calls of the last seconds")
+        ->check(CLI::NonNegativeNumber)
         ->option_text("SECONDS");
     command->add_flag("--unfinished", selection->unfinished, "Only calls that have not finished");
 }
