@@ -22,7 +22,7 @@ TEST_F(PostTest, MessageIsHandledOnTheTasksThread)
     if (!m_tuner.Post(Tune{7})) {
         FAIL() << "not queued";
     }
-    ASSERT_TRUE(m_tuner.trace.WaitFor(1));
+    ASSERT_TRUE(Flush(&m_tuner));
     EXPECT_THAT(m_tuner.trace.Get(), ElementsAre("tune 7"));
     EXPECT_EQ(handledOn, m_tuner.Id());
 }

@@ -216,7 +216,6 @@ TEST_F(TimingTest, AlarmIsReset)
     EXPECT_TRUE(Eventually([&] { return calls == 2; }));
 }
 
-/// Made and ended on several threads while the task comes and goes.
 /// The runtime's alarm goes on saying what it was set to before it ran out.
 TEST_F(TimingTest, AlarmThatHasRunOutSaysTheCountThatItIsResetTo)
 {
@@ -234,6 +233,66 @@ TEST_F(TimingTest, AlarmThatHasRunOutSaysTheCountThatItIsResetTo)
     EXPECT_THAT(trace.Get(), ElementsAre("0 of 1", "0 of 2", "1 of 2"));
 }
 
+/// Its thread may end while whoever starts it is still about to say that it has begun.
+TEST_F(TimingTest, TaskWhoseFirstHookRefusesTakesNoTimerThatOutlivesIt)
+{
+    class Refusing : public zor::Task<Refusing, Empty>
+    {
+     public:
+        bool t_Create() override
+        {
+            early = Every(INTERVAL, [] {});
+            return false;
+        }
+        void On(const Empty& /*message*/) {}
+
+        zor::Timer early;
+    };
+
+    for (int round = 0; round < 50; ++round) {
+        zor::Timer late;
+        zor::Alarm alarm;
+        Refusing task;
+        ASSERT_TRUE(task.Start("Refusing"));
+        late = task.MakeTimer([] {});
+        alarm = task.AlarmEvery(LONG, [] {});
+        ASSERT_TRUE(Eventually([&] { return task.Id() == 0xFFFFFFFF; }));
+        EXPECT_FALSE(task.Every(INTERVAL, [] {})) << "it has ended";
+        EXPECT_FALSE(task.AlarmEvery(INTERVAL, [] {}));
+        EXPECT_FALSE(late.Restart(INTERVAL)) << "stopped with the task";
+        EXPECT_FALSE(alarm.Reset(INTERVAL));
+        task.Destroy();
+    }
+}
+
+/// The same with the thread on its way out, where the owner hardly ever meets it.
+TEST(LifeTest, BeginningThatIsSaidLateChangesNothing)
+{
+    class Bell : public zor::detail::Ticking
+    {
+     public:
+        void Stop() override {}
+    };
+
+    TCTask task;
+    zor::detail::Life life(&task);
+    const auto bell = std::make_shared<Bell>();
+    for (int round = 0; round < 2; ++round) {
+        life.Prepare();
+        life.BeginOnThread();
+        ASSERT_TRUE(life.Add(bell));
+        EXPECT_EQ(life.EndTickings().size(), 1U);
+        life.Begin();
+        EXPECT_FALSE(life.Add(bell)) << "nobody would stop it any more";
+        life.End();
+        life.Begin();
+        EXPECT_FALSE(life.Add(bell));
+        EXPECT_FALSE(life.IfAlive(false, [] { return true; }));
+        EXPECT_TRUE(life.HasEnded());
+    }
+}
+
+/// Made and ended on several threads while the task comes and goes.
 TEST_F(TimingTest, HandlesAndTasksEndInAnyOrder)
 {
     for (int round = 0; round < 20; ++round) {

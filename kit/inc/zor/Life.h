@@ -83,14 +83,20 @@ class Life
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_hasEnded = false;
+        m_hasBegun = false;
     }
 
-    /// The task has been created, and can be reached unless it has ended already.
+    /// The task has been created, and can be reached. Its thread may have said so before, and may
+    /// be about to end or have ended by now: then this changes nothing.
+    ///
+    ///   owner:   Prepare -- create ............................... Begin
+    ///   thread:              BeginOnThread ... EndTickings ... End
     void Begin()
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_lives = !m_hasEnded;
-        m_takesTickings = m_lives;
+        if (!m_hasBegun) {
+            BeginLocked();
+        }
     }
 
     /// The same, said by the task's thread.
@@ -98,8 +104,7 @@ class Life
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_hasEnded = false;
-        m_lives = true;
-        m_takesTickings = true;
+        BeginLocked();
     }
 
     /// Whether the task's loop has ended, or there never was one. Takes no lock: requests ask when
@@ -207,6 +212,13 @@ class Life
     }
 
  private:
+    void BeginLocked()
+    {
+        m_hasBegun = true;
+        m_lives = true;
+        m_takesTickings = true;
+    }
+
     /// If the queue is too full even for this, the task is about to take an event anyway. Where
     /// memory is too short, the delivery waits for the next event or for the idle time.
     void WakeLocked()
@@ -222,6 +234,7 @@ class Life
 
     std::mutex m_mutex;   ///< guards all that follows
     TCTask* const m_task; ///< not owned; may be used while m_lives
+    bool m_hasBegun = false; ///< since Prepare()
     bool m_lives = false;
     bool m_takesTickings = false;
     Tickings m_tickings;
