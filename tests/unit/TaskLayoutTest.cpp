@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <mutex>
 #include <type_traits>
 
 #include "Layout.h"
@@ -87,9 +88,10 @@ constexpr std::size_t WAIT_TIME = 0;
 constexpr std::size_t EXIT_FLAG = 8;
 constexpr std::size_t RUNNING_FLAG = 9;
 constexpr std::size_t WATCHDOG_TIME = 16;
-constexpr std::size_t PAUSED_FLAG = 64; // behind the pause-request mutex
-constexpr std::size_t RESUME_PROMISE = 72;
-constexpr std::size_t BEFORE_CALLBACKS = 120; // behind the pause-wait mutex
+constexpr std::size_t PAUSED_FLAG = 24 + sizeof(std::mutex); // behind the pause-request mutex
+constexpr std::size_t RESUME_PROMISE = PAUSED_FLAG + 8;
+constexpr std::size_t BEFORE_CALLBACKS = // behind the pause-wait mutex
+    RESUME_PROMISE + sizeof(void*) + sizeof(std::mutex);
 constexpr std::size_t AFTER_CALLBACKS = BEFORE_CALLBACKS + 4 * sizeof(void*);
 constexpr std::size_t CONTEXTS = AFTER_CALLBACKS + 4 * sizeof(void*);
 constexpr std::size_t NAME = CONTEXTS + 4 * sizeof(void*);

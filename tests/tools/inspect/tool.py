@@ -136,6 +136,36 @@ class Process(InspectCase):
         os.kill(daemon.pid, signal.SIGCONT)
         self.assertTrue(daemon.is_alive())
 
+    def test_AProcessThatCannotBeCopiedIsReadWhileItStandsStill(self):
+        daemon = self.start("deadlock2")
+        copied = json.loads(self.run_tool("--json", daemon.pid).out)
+        self.assertEqual(copied["remarks"], [])
+        with open(f"/proc/{daemon.pid}/coredump_filter", "w", encoding="ascii") as file:
+            file.write("0")
+        read = json.loads(self.run_tool("--json", daemon.pid).out)
+        why = "stopped while it was read, not copied: its coredump_filter leaves memory out"
+        self.assertEqual(read["remarks"], [why])
+        for facts in (copied, read):
+            self.assertEqual(facts["deadlocks"][0]["chain"], ["A", "B", "A"])
+        for part in ("threads", "tasks", "locks"):
+            names = [[each.get("name") for each in facts[part]] for facts in (copied, read)]
+            self.assertEqual(*names)
+
+    def test_ACopyThatFailsIsDoneWithout(self):
+        daemon = self.start("deadlock2")
+        folder = self.folder()
+        gdb = os.path.join(folder, "gdb")
+        commands = os.path.join(folder, "full")
+        with open(commands, "w", encoding="utf-8") as file:
+            file.write("define generate-core-file\nsource /nowhere\nend\n")
+        with open(gdb, "w", encoding="utf-8") as file:
+            file.write(f'#!/bin/sh\nexec gdb -ix "{commands}" "$@"\n')
+        os.chmod(gdb, stat.S_IRWXU)
+        report = json.loads(self.run_tool("--json", "--gdb", gdb, daemon.pid).out)
+        self.assertEqual(report["deadlocks"][0]["chain"], ["A", "B", "A"])
+        why = "stopped while it was read, not copied: .*/nowhere: No such file or directory"
+        self.assertRegex(report["remarks"][0], why)
+
     def test_ADeadlockIsFoundInUnderThreeSecondsOfWork(self):
         daemon = self.start("deadlock2")
         run = self.run_tool(daemon.pid)

@@ -16,8 +16,8 @@ SCHEMA_VERSION = 2
 DESCRIPTION = """\
 Shows what a zor-core daemon is doing, or was doing when it died: its tasks and queues, the
 synchronous calls in progress and the deadlocks among them, timers, alarms, and who holds which
-lock. The process does not help with that and need not be able to; it is stopped while its memory is
-read, for a fraction of a second, and goes on.
+lock. The process does not help with that and need not be able to; it is stopped for a
+fraction of a second while its memory is copied, and goes on; TMPDIR names where the copy goes.
 """
 
 FOOTER = f"""\

@@ -1,4 +1,5 @@
-"""Reads the runtime's objects into plain data, while the process is stopped. Runs inside gdb.
+"""Reads the runtime's objects into plain data: those of a process that is stopped, or of a core.
+Runs inside gdb.
 
 Only what memory says is read here; what follows from it (who waits for whom, how long) is worked
 out in `analysis`, when the process runs again.
@@ -29,11 +30,14 @@ def check():
 
 
 class Reader:
-    """One pass over the process."""
+    """One pass over the process.
 
-    def __init__(self):
+    names: what the kernel calls its threads, by thread, where gdb does not know that
+    """
+
+    def __init__(self, names=None):
         self.remarks = []
-        self.threads = threads.read_threads()
+        self.threads = threads.read_threads(names or {})
         self.by_object = {thread.object: thread for thread in self.threads if thread.object}
         self.handlers = objects.Handlers()
         self.senders = objects.Senders(self.threads)

@@ -34,7 +34,7 @@ def take_snapshot(target, options, folder):
     request = os.path.join(folder, "request.json")
     answer = os.path.join(folder, "answer.json")
     with open(request, "w", encoding="utf-8") as file:
-        json.dump(_request(target, options, answer), file)
+        json.dump(_request(target, options, answer, os.path.join(folder, "copy")), file)
     output = _run(options, request)
     try:
         with open(answer, encoding="utf-8") as file:
@@ -46,7 +46,7 @@ def take_snapshot(target, options, folder):
     return snapshot
 
 
-def _request(target, options, answer):
+def _request(target, options, answer, copy):
     settings = list(SETTINGS)
     sysroot = os.path.abspath(options.sysroot) if options.sysroot else target.root
     if sysroot:
@@ -61,6 +61,7 @@ def _request(target, options, answer):
         "settings": settings,
         "death": target.death,
         "answer": answer,
+        "copy": copy,
     }
 
 

@@ -14,7 +14,7 @@ import gdb
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
-from zor_gdb import activity, death, enumerations, memory, model, typenames  # noqa: E402
+from zor_gdb import activity, copying, death, enumerations, memory, model, typenames  # noqa: E402
 
 MOST_FRAMES = 64  # in which the reason of a death is looked for
 TICKS_PER_SECOND = os.sysconf("SC_CLK_TCK")
@@ -45,33 +45,56 @@ def _preload(request):
 
 
 def _attach(request):
+    """Stops the process for as long as a copy of its registers and memory takes, and reads that. A
+    process that cannot be copied stands still while it is read itself."""
     watch = activity.Watch(request["pid"])
     _preload(request)
     answer = {"activity": watch.finish()}
+    hindrance = copying.hindrance(request["pid"], request["copy"])
+    # The names of the libraries' functions are looked up in the copy.
+    gdb.execute(f"set auto-solib-add {'off' if hindrance is None else 'on'}")
     started = time.monotonic()
     gdb.execute(f"attach {request['pid']}", to_string=True)
     try:
         answer["clocks"] = _clocks()
-        model.check()
-        answer["model"] = model.Reader().read()
+        names = activity.names(request["pid"])
+        if hindrance is None:
+            hindrance = copying.copy(request["copy"])
+        if hindrance is not None:
+            gdb.execute("set auto-solib-add on")
+            gdb.execute("sharedlibrary", to_string=True)
+            answer["model"] = _model()
+            answer["model"]["remarks"].append(f"stopped while it was read, not copied: {hindrance}")
     finally:
         gdb.execute("detach", to_string=True)
         answer["stopped_seconds"] = time.monotonic() - started
+    if hindrance is None:
+        gdb.execute("set auto-solib-add on")
+        _load_core(request["copy"])
+        answer["model"] = _model(names)
     return answer
 
 
-def _open_core(request):
+def _model(names=None):
+    model.check()
+    return model.Reader(names).read()
+
+
+def _load_core(path):
     # What core-file makes of blanks and quotes in a name differs from one gdb to the next, so it gets
     # a name without any: a descriptor of gdb's own, which stays open as long as gdb needs the core.
-    name = f"/proc/self/fd/{os.open(request['core'], os.O_RDONLY)}"
+    name = f"/proc/self/fd/{os.open(path, os.O_RDONLY)}"
     try:
         gdb.execute(f"core-file {name}", to_string=True)
     except gdb.error as error:
-        raise gdb.error(str(error).replace(name, request["core"])) from error
-    model.check()
+        raise gdb.error(str(error).replace(name, path)) from error
+
+
+def _open_core(request):
+    _load_core(request["core"])
     return {
         "clocks": None,
-        "model": model.Reader().read(),
+        "model": _model(),
         "environment": _environment(),
         "reason": _reason(request["death"]),
     }

@@ -107,11 +107,11 @@ def _in_kernel(frame):
     return None if call == () else call is not None
 
 
-def _read(gdb_thread):
+def _read(gdb_thread, names):
     thread = Thread(gdb_thread.ptid[1] or gdb_thread.ptid[2])
     gdb_thread.switch()
     thread.pthread = _pthread(gdb_thread)
-    thread.name = gdb_thread.name
+    thread.name = names.get(thread.tid) or gdb_thread.name
     frame = gdb.newest_frame()
     thread.futex = locks.futex_of(frame)
     thread.in_kernel = _in_kernel(frame)
@@ -126,13 +126,16 @@ def _read(gdb_thread):
     return thread
 
 
-def read_threads():
-    """All threads, the first one of the process first."""
+def read_threads(names):
+    """All threads, the first one of the process first.
+
+    names: what the kernel calls them, as far as that is known, by thread
+    """
     threads = sorted(gdb.selected_inferior().threads(), key=lambda thread: thread.num)
     found = []
     for gdb_thread in threads:
         if gdb_thread.is_valid():
-            thread = _read(gdb_thread)
+            thread = _read(gdb_thread, names)
             if thread.object:
                 _name(thread)
             found.append(thread)
