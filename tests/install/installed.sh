@@ -70,6 +70,7 @@ fi
 
 if command -v man >/dev/null; then
     for page in infobox zor-apart zor-inspect zor-record zor-sim zor-tsmon zor-core; do
-        log=$(MANPAGER=cat man "$page" 2>&1) && grep -q "^ *$page [^ ]\+ [^ ]" <<<"$log" || fail "man $page: $log"
+        # The line with the name may be stretched.
+        log=$(MANPAGER=cat man "$page" 2>&1) && grep -q "^ *$page \+[^ ]\+ \+[^ ]" <<<"$log" || fail "man $page: $log"
     done
 fi
