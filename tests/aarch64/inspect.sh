@@ -74,7 +74,7 @@ report=$("$build/bin/zor-inspect" --gdb gdb-multiarch --sysroot "$scratch/system
     fail "zor-inspect ended with $?"
 expect "$report" '^  paused +[0-9]+ +0 +paused$'
 expect "$report" '^  hanging +[0-9]+ +0 +in handler of event type 1 \(EVENT_USER\)'
-expect "$report" '^  thread [0-9]+ .* -> hanging \(thread [0-9]+\)'
+expect "$report" '^  [^ ]+ \(thread [0-9]+\) -> hanging \(thread [0-9]+\)'
 
 # Without the device's files it says what is missing instead of showing something else.
 ! report=$("$build/bin/zor-inspect" --gdb gdb-multiarch --sysroot "$scratch/remote" "$core" \
