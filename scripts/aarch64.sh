@@ -2,7 +2,9 @@
 # Builds the library for aarch64 and runs its unit, process and fault tests there, emulated, ending with
 # ctest's summary; then tries what docs/devices.md says.
 #   scripts/aarch64.sh [--release] [--programs "PROGRAM..."] [CTEST ARGUMENTS...]
-# With --programs only these test programs are built and run; --release takes the optimised build.
+#   scripts/aarch64.sh --packages
+# With --programs only these test programs are built and run; --release takes the optimised build. With
+# --packages it makes the Debian packages instead, installs them into a folder, runs and purges them.
 #
 # The cross compiler, the arm64 packages beside this machine's own and the emulator (qemu-user) are
 # installed as scripts/aarch64-packages.txt lists them. A test program may start others of its kind: the
@@ -51,7 +53,7 @@ excluded_filter() {
 preset=aarch64
 case ${1-} in
 -h | --help)
-    sed -n '2,12s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
+    sed -n '2,14s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
     exit 0
     ;;
 --release)
@@ -59,6 +61,12 @@ case ${1-} in
     shift
     ;;
 esac
+packages=false
+if [ "${1-}" = --packages ]; then
+    [ $# -eq 1 ] || die "--packages takes nothing beside it (see --help)"
+    preset=aarch64-release
+    packages=true
+fi
 programs=()
 if [ "${1-}" = --programs ]; then
     read -ra programs <<<"${2-}"
@@ -71,11 +79,15 @@ if ! dpkg --print-foreign-architectures | grep -qx arm64; then
     ROOT_HINT="let an administrator run: dpkg --add-architecture arm64"
     as_root dpkg --add-architecture arm64
 fi
-install_packages "$ROOT/scripts/build-packages.txt" "$ROOT/scripts/aarch64-packages.txt"
+lists=("$ROOT/scripts/build-packages.txt" "$ROOT/scripts/aarch64-packages.txt")
+! $packages || lists+=("$ROOT/scripts/packages.txt") # what the manual pages are made with
+install_packages "${lists[@]}"
 
 BUILD=$ROOT/build/$preset
 parts=(unit faults process)
-if [ ${#programs[@]} -gt 0 ]; then
+if $packages; then
+    build "$preset" -DZOR_BUILD_TESTS=OFF
+elif [ ${#programs[@]} -gt 0 ]; then
     build "$preset" "${programs[@]}"
     set -- --label-regex "^($(IFS='|' && printf '%s' "${programs[*]}"))\$" "$@"
 else
@@ -85,6 +97,10 @@ fi
 emulated true || die "the kernel cannot be told of the emulator for these programs alone: it is older than" \
     "6.7, or does not let this user. Debian's qemu-user-binfmt tells it for the whole machine"
 clear_pid_file
+if $packages; then
+    emulated "$ROOT/tests/aarch64/packages.sh" "$BUILD"
+    exit
+fi
 filter=$(excluded_filter)
 for part in "${parts[@]}"; do
     emulated env GTEST_FILTER="$filter" ctest --test-dir "$BUILD/tests/$part" --parallel "$(nproc)" \

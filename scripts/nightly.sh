@@ -35,6 +35,7 @@ for preset in asan tsan; do
 done
 part "tests of clang's build" scripts/test.sh clang
 part "tests on aarch64, emulated" scripts/aarch64.sh
+part "packages for aarch64" scripts/aarch64.sh --packages
 part "fuzzers" scripts/fuzz.sh 600
 part "packages built twice" scripts/reproducible.sh
 part "simulated unit tests" scripts/sim.sh 100

@@ -28,7 +28,8 @@ bool Blocks(const Thread& thread, int signal)
 {
     char path[64];
     snprintf(path, sizeof(path), "/proc/self/task/%d/status", thread.tid);
-    const int file = static_cast<int>(Kernel(SYS_open, reinterpret_cast<long>(path), O_RDONLY, 0));
+    const int file =
+        static_cast<int>(Kernel(SYS_openat, AT_FDCWD, reinterpret_cast<long>(path), O_RDONLY));
     char text[4096];
     const long size = file < 0 ? 0
                                : Kernel(SYS_read, file, reinterpret_cast<long>(text),

@@ -58,10 +58,12 @@ bool Simulate(long number, const long* a, long* result, const void* caller)
                 ByErrno(clock_nanosleep(static_cast<clockid_t>(a[0]), static_cast<int>(a[1]),
                                         Pointer<const timespec>(a[2]), Pointer<timespec>(a[3])));
             return true;
+#ifdef SYS_poll // newer processors have ppoll alone
         case SYS_poll:
             *result =
                 poll(Pointer<pollfd>(a[0]), static_cast<nfds_t>(a[1]), static_cast<int>(a[2]));
             return true;
+#endif
         case SYS_getrandom:
             *result = getrandom(Pointer<void>(a[0]), static_cast<std::size_t>(a[1]),
                                 static_cast<unsigned int>(a[2]));
