@@ -25,3 +25,4 @@ zor_add_task_test(WatchdogNotifierTest
   WatchdogNotifierTest.cpp TaskAppDataSeam.cpp
   ${task_support}/ConditionSeams.cpp)
 zor_add_task_test(TaskStressTest TaskStressTest.cpp)
+zor_add_task_test(NumbersTest NumbersTest.cpp)
