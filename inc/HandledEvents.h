@@ -3,11 +3,11 @@
 #include <atomic>
 #include <cstdint>
 
+#include "ZorExport.h"
+
 class TCHandler;
 
 namespace zor {
-
-class LayoutTable;
 
 /// How many events a task has handled and which one it handles now, for tools that look at the
 /// process from outside; nothing in the process asks. Written by the task's thread alone.

@@ -132,6 +132,7 @@ class ZOR_CORE_API TCQueue : public TCMutex
 
  private:
     friend class TCMultiQTask;
+    friend class zor::LayoutTable;
 
     static constexpr std::uint64_t CAPACITY = 256;
     static constexpr std::uint64_t RESERVED_FOR_PRIORITY = 16;

@@ -87,8 +87,7 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     /// Hook for EVENT_EXIT; the loop ends whatever it returns.
     virtual bool t_OnExit(const TSEvent* event);
 
-    /// Hook for EVENT_USER.
-    virtual bool t_OnUser(const TSEvent* event);
+    virtual bool t_OnUser(const TSEvent* event); ///< Hook for EVENT_USER.
 
     /// Hook for EVENT_CLEAR_QUEUE: deletes the queued events of the task's own handler.
     /// @return whether there were any
@@ -244,6 +243,7 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     friend class TCHandler;
     friend class TCMultiQTask;
     friend class TCWatchdogNotifier;
+    friend class zor::LayoutTable;
 
     static constexpr int CALLBACK_TYPES = 4;
     static constexpr std::size_t NAME_SIZE = 16;

@@ -26,3 +26,5 @@ zor_add_task_test(WatchdogNotifierTest
   ${task_support}/ConditionSeams.cpp)
 zor_add_task_test(TaskStressTest TaskStressTest.cpp)
 zor_add_task_test(NumbersTest NumbersTest.cpp)
+zor_add_task_test(LayoutTableTest LayoutTableTest.cpp)
+target_compile_definitions(LayoutTableTest PRIVATE ZOR_CORE_VERSION="${PROJECT_VERSION}")
