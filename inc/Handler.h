@@ -52,6 +52,8 @@ class ZOR_CORE_API TCHandler
     bool FlagCreate() const { return m_created.load(std::memory_order_relaxed) == CREATED; }
 
  private:
+    friend class zor::LayoutTable;
+
     static constexpr std::uint32_t CREATED = 0x12C272B;
 
     /// Read without a lock by every task that delivers an event to this handler.

@@ -85,6 +85,8 @@ class ZOR_CORE_API TCMultiQTask : public TCTask
     std::size_t Size();
 
  private:
+    friend class zor::LayoutTable;
+
     ZOR_CORE_LOCAL static const TSFurtherQueues FURTHER_QUEUES;
 
     static bool m_Send(TSEvent* event, bool sync, bool priority, unsigned int nQueueIndex);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <new>
@@ -131,6 +132,7 @@ class ZOR_CORE_API TCQueue : public TCMutex
 
  private:
     friend class TCMultiQTask;
+    friend class zor::LayoutTable;
 
     static constexpr std::uint64_t CAPACITY = 256;
     static constexpr std::uint64_t RESERVED_FOR_PRIORITY = 16;
@@ -193,8 +195,18 @@ class ZOR_CORE_API TCQueue : public TCMutex
     std::uint64_t m_head = 0;
     std::uint64_t m_count = 0;
     alignas(TSEvent) unsigned char m_ring[CAPACITY * sizeof(TSEvent)]; ///< room for the records
+
+    // Numbers for tools that look at the process from outside; nothing in the process asks. Each is
+    // written as the ring is guarded, by the thread that puts. They start at 0 with Create().
+    std::atomic<std::uint64_t> m_puts{0};    ///< events that have been queued
+    std::atomic<std::uint64_t> m_refused{0}; ///< puts that found the queue full
+    std::atomic<std::uint64_t> m_peak{0};    ///< the most events that were queued at once
+
+    /// Keeps what follows in memory, which in a task the consumer reads at every event, out of the
+    /// line of the cache that every put writes to.
+    [[maybe_unused]] unsigned char m_apart[40] = {};
 };
 
 static_assert(sizeof(TCQueue) == sizeof(TCMutex) + sizeof(TCSemaphore) + 3 * sizeof(std::uint64_t) +
-                                     256 * sizeof(TSEvent),
+                                     256 * sizeof(TSEvent) + 64,
               "the two marks of the ring must fit behind the mutex's last field");

@@ -72,5 +72,7 @@ class ZOR_CORE_API TCSyncDet
     static PTSyncDetInfo* m_arrPCSyncDet;
 
  private:
+    friend class zor::LayoutTable;
+
     static TCMutex* m_pLock; ///< owned
 };

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "Event.h"
+#include "HandledEvents.h"
 #include "Handler.h"
 #include "Queue.h"
 #include "ReleasedData.h"
@@ -86,11 +87,9 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     /// Hook for EVENT_EXIT; the loop ends whatever it returns.
     virtual bool t_OnExit(const TSEvent* event);
 
-    /// Hook for EVENT_USER.
-    virtual bool t_OnUser(const TSEvent* event);
+    virtual bool t_OnUser(const TSEvent* event); ///< Hook for EVENT_USER.
 
     /// Hook for EVENT_CLEAR_QUEUE: deletes the queued events of the task's own handler.
-    ///
     /// @return whether there were any
     virtual bool t_OnClearQueue(const TSEvent* event);
 
@@ -118,7 +117,6 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     virtual bool ResumeAsync();
 
     /// One turn of the loop: waits for one event and has it handled, or runs t_Idle().
-    ///
     /// @return false when the loop is to end
     virtual bool ExecuteEvent();
 
@@ -154,8 +152,8 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     bool GetEventCallback(int type, EventCallback* before, EventCallback* after,
                           const void** context);
 
-    /// Whether the task is paused. Waits while a Pause() or ResumeAsync() is under way, except on
-    /// the task's own thread, which knows. Asserts nothing.
+    /// Whether the task is paused. Waits while a Pause() or ResumeAsync() is under way, but not on
+    /// the task's own thread. Asserts nothing.
     bool IsPaused();
 
     /// The task's name.
@@ -245,6 +243,7 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     friend class TCHandler;
     friend class TCMultiQTask;
     friend class TCWatchdogNotifier;
+    friend class zor::LayoutTable;
 
     static constexpr int CALLBACK_TYPES = 4;
     static constexpr std::size_t NAME_SIZE = 16;
@@ -294,6 +293,7 @@ class ZOR_CORE_API TCTask : public TCThread, public TCQueue, public TCHandler
     zor::ReleaseLink* m_firstRelease = nullptr; ///< listed attachments; guarded by the queue's lock
     std::atomic<bool> m_hasReleases{false};     ///< whether there are any; written under that lock
     const TSFurtherQueues* m_furtherQueues = nullptr; ///< set before the thread starts; may be null
+    zor::HandledEvents m_handledEvents;               ///< for tools, which look from outside
 };
 
 // Both kinds of task have always come with this header. It uses nothing of the second.

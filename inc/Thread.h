@@ -80,6 +80,7 @@ class ZOR_CORE_API TCSemaphore
 
  private:
     friend class TCQueue;
+    friend class zor::LayoutTable;
     friend class zor::Reply;
 
     struct State;
@@ -151,6 +152,7 @@ class ZOR_CORE_API TCMutex
 
  private:
     friend class TCQueue;
+    friend class zor::LayoutTable;
 
     static constexpr pthread_t NO_OWNER = 0;
 
@@ -235,6 +237,7 @@ class ZOR_CORE_API TCThread
 
  private:
     friend void* _Process(void* thread);
+    friend class zor::LayoutTable;
 
     static constexpr int NO_KERNEL_ID = -1;
     static constexpr std::size_t NAME_SIZE = 16;

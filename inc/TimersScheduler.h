@@ -98,6 +98,8 @@ class ZOR_CORE_API TCTimersScheduler
     bool DestroyTimer(std::size_t id);
 
  private:
+    friend class zor::LayoutTable;
+
     using Clock = std::chrono::steady_clock;
 
     struct TimerSchedule

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "FailedAssertion.h"
 #include "TCDebugPrint.h"
 #include "ZorApiLite.h"
 #include "dlog.h"
@@ -20,6 +21,8 @@ std::function<void(const char* file, unsigned long line)> test::TSCustomAssert::
 /// Numbers the lines of TCDebug::Print. Relaxed, because the number orders nothing; numbers that
 /// repeat or are left out would be accepted too.
 std::atomic<unsigned long> lineCount{0};
+
+zor::FailedAssertion zor_core_failed_assertion = {};
 
 namespace {
 
@@ -32,6 +35,38 @@ constexpr size_t PROFILING_BUFFER_SIZE = 128;
 
 constexpr char PRINT_TAG[] = "ZOR";
 constexpr char PRINT_MODULE[] = "ZOR_CORE";
+
+using zor::FailedAssertion;
+
+template <size_t SIZE>
+void CopyText(char (&to)[SIZE], const char* from)
+{
+    strncpy(to, from == nullptr ? "(null)" : from, SIZE - 1);
+}
+
+/// Tells the platform log and whoever looks at the process what has failed: a console there may not
+/// be. Threads that fail at the same time all tell the log; the record is the first one's.
+void Tell(const char* expr, const char* file, unsigned long line)
+{
+    const auto threadId = static_cast<std::int32_t>(syscall(SYS_gettid));
+    char threadName[THREAD_NAME_SIZE] = "";
+    prctl(PR_GET_NAME, threadName);
+    __dlog_print(LOG_ID_MAIN, DLOG_FATAL, PRINT_TAG,
+                 "%s: %s(%d) > Assertion failed: %s (%lu) - %s, thread %d (%s)", PRINT_MODULE,
+                 "_TCAssert", __LINE__, file, line, expr, threadId, threadName);
+
+    FailedAssertion& record = zor_core_failed_assertion;
+    std::uint32_t expected = FailedAssertion::NONE;
+    if (record.state.compare_exchange_strong(expected, FailedAssertion::WRITING,
+                                             std::memory_order_relaxed)) {
+        record.thread = threadId;
+        record.line = line;
+        CopyText(record.threadName, threadName);
+        CopyText(record.file, file);
+        CopyText(record.expression, expr);
+        record.state.store(FailedAssertion::COMPLETE, std::memory_order_release);
+    }
+}
 
 void PrintFrames(FILE* stream, void* const* frames, int count)
 {
@@ -60,6 +95,7 @@ void _TCAssert(const char* expr, const char* file, unsigned long line)
     if (console != nullptr) {
         fclose(console);
     }
+    Tell(expr, file, line);
     ZorApiLite::LiteUtility::SleepMs(CONSOLE_DRAIN_MSEC);
     if (ZorApiLite::LiteUtility::IsRelease()) {
         return;

@@ -134,6 +134,9 @@ bool TCQueue::Create()
     m_tail = 0;
     m_head = 0;
     m_count = 0;
+    m_puts.store(0, std::memory_order_relaxed);
+    m_refused.store(0, std::memory_order_relaxed);
+    m_peak.store(0, std::memory_order_relaxed);
     return true;
 }
 
@@ -228,6 +231,7 @@ bool TCQueue::Place(Entry* entry, bool priority)
 bool TCQueue::PlaceLocked(Entry* entry, bool priority)
 {
     if (IsFullLocked(priority)) {
+        m_refused.store(m_refused.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         return false;
     }
     const std::uint64_t index = NextSlotLocked(priority);
@@ -238,6 +242,10 @@ bool TCQueue::PlaceLocked(Entry* entry, bool priority)
         m_tail = Wrap(index + 1);
     }
     ++m_count;
+    m_puts.store(m_puts.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    if (m_count > m_peak.load(std::memory_order_relaxed)) {
+        m_peak.store(m_count, std::memory_order_relaxed);
+    }
     return true;
 }
 

@@ -101,6 +101,7 @@ void TCTask::InitLoop(const char* name, unsigned int waitTime, unsigned long wat
     m_waitTime = waitTime;
     m_watchdogTime = watchdogTime == 0 ? 0 : std::max(watchdogTime, LEAST_WATCHDOG_TIME);
     m_paused.store(false);
+    m_handledEvents.Restart();
     memset(m_taskName, 0, sizeof(m_taskName));
     memcpy(m_taskName, name, strnlen(name, sizeof(m_taskName) - 1));
     for (const int type : {EVENT_EXIT, EVENT_USER, EVENT_CLEAR_QUEUE}) {
@@ -176,7 +177,10 @@ void TCTask::Deliver(const TSEvent& event)
     if (!event.appName.empty()) {
         debugPrint->SetAppData(event.appName.c_str(), static_cast<signed char>(event.appFlag));
     }
-    event.receiver->OnEvent(&event);
+    {
+        const zor::HandledEvents::InHand inHand(&m_handledEvents, event.receiver, event.type);
+        event.receiver->OnEvent(&event);
+    }
     debugPrint->SetAppName("");
     if (event.sync != nullptr) {
         event.sync->Give();

@@ -1,18 +1,14 @@
 #include <cstring>
 
-#include "Immortal.h"
+#include "ProcessObjects.h"
 #include "Task.h"
 #include "TaskListUse.h"
 
-namespace {
+zor::Immortal<TCMutex> zor::g_registryMutex;
+zor::Immortal<std::list<const TCTask*>> zor::g_registryList;
 
-zor::Immortal<TCMutex> registryMutex;
-zor::Immortal<std::list<const TCTask*>> registryList;
-
-} // namespace
-
-TCMutex& TCTaskList::m_mutex = registryMutex.object;
-std::list<const TCTask*>& TCTaskList::m_taskList = registryList.object;
+TCMutex& TCTaskList::m_mutex = zor::g_registryMutex.object;
+std::list<const TCTask*>& TCTaskList::m_taskList = zor::g_registryList.object;
 std::list<const TCTask*>::iterator TCTaskList::m_currentTask = TCTaskList::m_taskList.end();
 
 zor::UseGate zor::TaskListUse::GATE;

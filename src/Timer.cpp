@@ -3,26 +3,26 @@
 #include <utility>
 
 #include "Debug.h"
-#include "Immortal.h"
+#include "ProcessObjects.h"
 #include "Task.h"
 #include "Undo.h"
 
-namespace {
+zor::Immortal<TCTimersScheduler> zor::g_scheduler;
 
-zor::Immortal<TCTimersScheduler> processScheduler;
+namespace {
 
 /// Ends the thread in place of the scheduler's destructor, which would free what tasks that still
 /// run use through their timers.
 struct ThreadEnd
 {
-    ~ThreadEnd() { processScheduler.object.EndThread(); }
+    ~ThreadEnd() { zor::g_scheduler.object.EndThread(); }
 };
 
 const ThreadEnd threadEnd;
 
 } // namespace
 
-TCTimersScheduler& TCTimer::m_scheduler = processScheduler.object;
+TCTimersScheduler& TCTimer::m_scheduler = zor::g_scheduler.object;
 
 ITimerListener::~ITimerListener() = default;
 ITimer::~ITimer() = default;

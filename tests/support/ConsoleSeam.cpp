@@ -7,6 +7,7 @@
 #include <cstring>
 #include <mutex>
 #include <string_view>
+#include <utility>
 
 #include "ZorApiLite.h"
 
@@ -38,6 +39,13 @@ Captured& TheCapture()
 {
     static Captured* const captured = new Captured;
     return *captured;
+}
+
+/// Never destroyed, for the same reason.
+std::function<void()>& PauseHook()
+{
+    static auto* const hook = new std::function<void()>;
+    return *hook;
 }
 
 /// Set from the opening of the console to the pause that follows: the pause belongs to an
@@ -117,6 +125,11 @@ void SetConsoleMissing(bool missing)
     gConsoleMissing = missing;
 }
 
+void OnAssertionPause(std::function<void()> function)
+{
+    PauseHook() = std::move(function);
+}
+
 void SetRelease(bool release)
 {
     gRelease = release;
@@ -161,6 +174,9 @@ void ZorApiLite::LiteUtility::SleepMs(unsigned long msec)
         return;
     }
     zortest::tReporting = false;
+    if (zortest::PauseHook()) {
+        zortest::PauseHook()();
+    }
     std::lock_guard<std::mutex> lock(zortest::TheCapture().mutex);
     zortest::TheCapture().pauses.push_back(msec);
 }

@@ -46,6 +46,9 @@ class ConsoleCapture
 /// Makes opening "/dev/console" fail with ENOENT, or work again.
 void SetConsoleMissing(bool missing);
 
+/// What is called when a failed assertion pauses, once for each, on its thread.
+void OnAssertionPause(std::function<void()> function);
+
 /// What `ZorApiLite::LiteUtility::IsRelease()` answers.
 void SetRelease(bool release);
 

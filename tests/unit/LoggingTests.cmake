@@ -1,7 +1,8 @@
 # Debug print, assertions, logging front and loggers.
 set(zor_support ${CMAKE_CURRENT_SOURCE_DIR}/../support)
 
-zor_add_test(AssertTest SOURCES AssertTest.cpp ${zor_support}/ConsoleSeam.cpp)
+zor_add_test(AssertTest
+  SOURCES AssertTest.cpp FailedAssertionTest.cpp ${zor_support}/ConsoleSeam.cpp ${zor_log_seam})
 zor_add_test(CallstackTest
   SOURCES CallstackTest.cpp DiagnosticSeams.cpp ${zor_support}/ConsoleSeam.cpp)
 zor_add_test(DebugTest

@@ -85,7 +85,8 @@ class QueueProbe
     static constexpr std::size_t COUNT_OFFSET = 72;
     static constexpr std::size_t RING_OFFSET = 80;
 
-    static_assert(sizeof(TCQueue) == RING_OFFSET + CAPACITY * sizeof(TSEvent));
+    static constexpr std::size_t NUMBERS = 64; // for tools, behind the ring
+    static_assert(sizeof(TCQueue) == RING_OFFSET + CAPACITY * sizeof(TSEvent) + NUMBERS);
 
     const TCQueue& m_queue;
 };

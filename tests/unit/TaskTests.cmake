@@ -25,3 +25,6 @@ zor_add_task_test(WatchdogNotifierTest
   WatchdogNotifierTest.cpp TaskAppDataSeam.cpp
   ${task_support}/ConditionSeams.cpp)
 zor_add_task_test(TaskStressTest TaskStressTest.cpp)
+zor_add_task_test(NumbersTest NumbersTest.cpp)
+zor_add_task_test(LayoutTableTest LayoutTableTest.cpp)
+target_compile_definitions(LayoutTableTest PRIVATE ZOR_CORE_VERSION="${PROJECT_VERSION}")

@@ -381,5 +381,124 @@ TEST(UseGateTest, NeedsTheOneOrder)
     ExpectFails<UseGate<false>>(DATA_RACE);
 }
 
+/// TCQueue's numbers of puts, of refusals and its peak: read and written one after the other, by
+/// whoever has the mutex that guards the ring. Who looks from outside has none.
+template <bool UNDER_THE_MUTEX>
+struct CountedPuts : rl::test_suite<CountedPuts<UNDER_THE_MUTEX>, 3>
+{
+    Mutex mutex;
+    Atomic<int> puts{0};
+
+    void thread(unsigned index)
+    {
+        if (index == 2) {
+            const int before = puts.Load(RELAXED);
+            Claim(puts.Load(RELAXED) >= before, "the number never falls");
+            return;
+        }
+        if (UNDER_THE_MUTEX) {
+            mutex.Lock();
+        }
+        puts.Store(puts.Load(RELAXED) + 1, RELAXED);
+        if (UNDER_THE_MUTEX) {
+            mutex.Unlock();
+        }
+    }
+
+    void after() { Claim(puts.Load(RELAXED) == 2, "each put was counted"); }
+};
+
+TEST(CountedPutsTest, AreAllCounted)
+{
+    ExpectHolds<CountedPuts<true>>();
+}
+
+TEST(CountedPutsTest, NeedTheMutex)
+{
+    ExpectFails<CountedPuts<false>>(CLAIM_BROKEN);
+}
+
+enum class Stores
+{
+    AS_THEY_ARE,
+    IN_ANY_ORDER,
+    OUTER_STAYS,
+};
+
+/// zor::HandledEvents, and a tool that looks from outside: what it takes for the event in hand was
+/// in hand when so many had been handled. The first event has one of another type handled meanwhile
+/// by the same receiver, and the second is of a third type.
+template <Stores STORES>
+struct InHand : rl::test_suite<InHand<STORES>, 2>
+{
+    static constexpr rl::memory_order ORDER = STORES == Stores::IN_ANY_ORDER ? RELAXED : RELEASE;
+    static constexpr int OUTER = 1;
+    static constexpr int INNER = 2;
+    static constexpr int LATER = 3;
+
+    Atomic<int> count{0};
+    Atomic<int> receiver{0};
+    Atomic<int> type{0};
+
+    void thread(unsigned index)
+    {
+        if (index == 1) {
+            Look();
+            return;
+        }
+        Take(7, OUTER);
+        if (STORES != Stores::OUTER_STAYS) {
+            receiver.Store(0, ORDER);
+        }
+        Take(8, INNER);
+        Leave(1);
+        Take(7, OUTER);
+        Leave(2);
+        Take(8, LATER);
+        Leave(3);
+    }
+
+    void Take(int by, int of)
+    {
+        type.Store(of, ORDER);
+        receiver.Store(by, ORDER);
+    }
+
+    void Leave(int handled)
+    {
+        receiver.Store(0, ORDER);
+        count.Store(handled, ORDER);
+    }
+
+    void Look()
+    {
+        const int handled = count.Load(ACQUIRE);
+        const int by = receiver.Load(ACQUIRE);
+        const int of = type.Load(ACQUIRE);
+        if (by == 0 || receiver.Load(ACQUIRE) != by || count.Load(ACQUIRE) != handled) {
+            return; // it would look again
+        }
+        const bool isOuter = by == 7 && of == OUTER && handled <= 1;
+        const bool isInner = by == 8 && of == INNER && handled == 0;
+        const bool isLater = by == 8 && of == LATER && handled == 2;
+        Claim(isOuter || isInner || isLater, "receiver, type and number belong together");
+    }
+};
+
+TEST(InHandTest, ReceiverTypeAndNumberBelongTogether)
+{
+    ExpectHolds<InHand<Stores::AS_THEY_ARE>>();
+}
+
+TEST(InHandTest, NeedsTheOrderOfItsStores)
+{
+    ExpectFails<InHand<Stores::IN_ANY_ORDER>>(CLAIM_BROKEN);
+}
+
+TEST(InHandTest, NeedsTheOuterEventToStepBack)
+{
+    ExpectFails<InHand<Stores::OUTER_STAYS>>(CLAIM_BROKEN);
+}
+
 } // namespace
 } // namespace zormemory

@@ -2,10 +2,12 @@
 
 import json
 import os
+import subprocess
 
 import documents
 import jsonschema
-from support import EVENTS_SHOWN, SCHEMA, TROUBLED, InspectCase, line_of, text
+from support import EVENTS_SHOWN, LIBRARIES, SCHEMA, TROUBLED, InspectCase, line_of, text
+from zor_gdb.problems import NO_PROGRAM
 
 SOURCE = "TroubledDaemon.cpp"
 
@@ -54,6 +56,19 @@ class Death(InspectCase):
             f"died of a failed assertion: event != NULL at Task.cpp:{reason['line']} (SIGABRT)",
         )
         self.check_place(shown, "// misuse")
+
+    def test_AFailedAssertionIsToldOfAStrippedLibraryToo(self):
+        folder = self.folder()
+        library = os.path.join(folder, "libzor-core.so.1")
+        source = os.path.join(LIBRARIES, "libzor-core.so.1")
+        subprocess.run(["strip", "--strip-all", "-o", library, source], check=True)
+        paths = {"LD_LIBRARY_PATH": f"{folder}:{LIBRARIES}"}
+        daemon, core = self.core_of_death("misuse", environment=paths)
+        self.assertRegex(
+            self.fail_tool(NO_PROGRAM, core),
+            r"an assertion has failed: event != NULL at Task\.cpp:\d+, in Doomed "
+            rf"\(thread {daemon.tasks['Doomed']}\); more cannot be said: .*debug information",
+        )
 
     def test_AnUncaughtExceptionIsToldWithTypeAndText(self):
         _, death, shown = self.look_at_death("throw")

@@ -4,7 +4,7 @@ gdb.
 
 import gdb
 
-from . import memory, rtti
+from . import layout, memory, rtti
 
 ABORT = 6
 ASSERTION = "_TCAssert"
@@ -28,13 +28,17 @@ STRING = "NSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"
 INTEGERS = {"i": (4, True), "j": (4, False), "l": (8, True), "m": (8, False)}
 
 
-def reason_of(signal, frames):
+def reason_of(signal, thread, frames):
     """What is known behind the signal, as plain data; None if it is the signal alone.
 
-    frames: those of the selected thread, innermost first, as (name, frame of gdb's)
+    thread: kernel id of the selected thread
+    frames: those of that thread, innermost first, as (name, frame of gdb's)
     """
     if signal != ABORT:
         return None
+    recorded = recorded_assertion(thread)
+    if recorded:
+        return recorded
     for index, (name, frame) in enumerate(frames):
         if name == ASSERTION:
             return _assertion(frame, frames[index + 1 :])
@@ -45,6 +49,15 @@ def reason_of(signal, frames):
         if name.startswith(TERMINATE):
             return _exception(frames)
     return None
+
+
+def recorded_assertion(thread):
+    """The failed assertion of that thread, if the process has recorded it. Of threads that fail at
+    the same time the process records one, and another may be the one that aborts."""
+    found = layout.failed_assertion()
+    if found is None or found["thread"] != thread:
+        return None
+    return {"kind": "assertion"} | {name: found[name] for name in ("expression", "file", "line")}
 
 
 def _assertion(frame, callers):

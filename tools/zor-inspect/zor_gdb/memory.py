@@ -25,8 +25,14 @@ def pointer_size():
     return type_named("TCThread").pointer().sizeof
 
 
+@functools.lru_cache(maxsize=None)
+def word_size():
+    """Of a pointer, where there is no debug information to ask."""
+    return gdb.lookup_type("long").sizeof
+
+
 def read(address, size):
-    if not 0 <= address < 1 << 8 * pointer_size():
+    if not 0 <= address < 1 << 8 * word_size():
         raise gdb.MemoryError(f"there is no memory at {address:#x}")  # a null table's entry
     return bytes(gdb.selected_inferior().read_memory(address, size))
 

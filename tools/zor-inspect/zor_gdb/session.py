@@ -117,9 +117,21 @@ def _failure(output):
     return Problem(FAILED, f"gdb has failed: {lines[-1]}" if lines else "gdb has failed in silence")
 
 
+def _assertion(failed):
+    """What comes before the words about missing debug information."""
+    if not failed:
+        return ""
+    return (
+        f"an assertion has failed: {failed['expression']} at"
+        f" {os.path.basename(failed['file'])}:{failed['line']}, in {failed['name']}"
+        f" (thread {failed['thread']}); more cannot be said: "
+    )
+
+
 def _problem(target, snapshot):
     text = snapshot["text"]
     if snapshot["error"] == "runtime":
+        text = _assertion(snapshot["assertion"]) + text
         if target.core:
             text += f"; is {target.program} the program of {target.core}, with its libraries?"
             return Problem(NO_PROGRAM, text)

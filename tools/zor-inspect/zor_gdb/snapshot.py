@@ -14,7 +14,9 @@ import gdb
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
-from zor_gdb import activity, copying, death, enumerations, memory, model, typenames  # noqa: E402
+from zor_gdb import (  # noqa: E402
+    activity, copying, death, enumerations, layout, memory, model, typenames,
+)
 
 MOST_FRAMES = 64  # in which the reason of a death is looked for
 TICKS_PER_SECOND = os.sysconf("SC_CLK_TCK")
@@ -110,7 +112,7 @@ def _reason(end):
             while frame is not None and len(frames) < MOST_FRAMES:
                 frames.append((frame.name() or "??", frame))
                 frame = frame.older()
-            return death.reason_of(end["number"], frames)
+            return death.reason_of(end["number"], end["thread"], frames)
     return None
 
 
@@ -146,7 +148,11 @@ def main():
     try:
         answer = _run(request)
     except model.NotTheRuntime as error:
-        answer = {"error": "runtime", "text": str(error)}
+        answer = {
+            "error": "runtime",
+            "text": str(error),
+            "assertion": layout.failed_assertion(),  # all that can be said without
+        }
     except (gdb.error, gdb.MemoryError) as error:
         answer = {"error": "gdb", "text": str(error).strip()}
     with open(request["answer"], "w", encoding="utf-8") as file:
