@@ -40,7 +40,7 @@ zor_add_test(ThreadUtilTest
           ${zor_support}/TimesSeams.cpp)
 zor_add_test(RWLockTest
   SOURCES RWLockTest.cpp RWLockFailureTest.cpp
-          ${zor_support}/ConsoleSeam.cpp ${zor_support}/RWLockSeams.cpp)
+          ${zor_support}/ConsoleSeam.cpp ${zor_log_seam} ${zor_support}/RWLockSeams.cpp)
 
 # Every public header compiles by itself, and twice in a row.
 file(GLOB zor_headers CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/inc
