@@ -12,6 +12,10 @@
 #include "TaskList.h"
 #include "WatchdogNotifier.h"
 #include "dlog.h"
+#include "step_aside.h"
+
+// A platform may be without it.
+#pragma weak zor_note_step_aside
 
 int gArgc = 0;
 char** gArgv = nullptr;
@@ -70,12 +74,15 @@ void ReserveStandardStreams()
 
 /// Makes the pid file, which is what keeps a second daemon from starting: the create is exclusive,
 /// and the file is left behind at the end, by a clean one too.
-bool WritePidFile()
+///
+/// @param error  gets the error number if it could not be made; 0 if it took only a part
+bool WritePidFile(int* error)
 {
     const int file = open(PID_FILE, O_RDWR | O_CREAT | O_EXCL, PID_FILE_MODE);
     if (file < 0) {
+        *error = errno;
         __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, LOG_TAG, "%s: %s(%d) > failed to open (%s:%d)",
-                     LOG_MODULE, IN_WRITE_PID, LINE_OPEN_FAILED, PID_FILE, errno);
+                     LOG_MODULE, IN_WRITE_PID, LINE_OPEN_FAILED, PID_FILE, *error);
         return false;
     }
 
@@ -84,6 +91,7 @@ bool WritePidFile()
     const int length = static_cast<int>(strlen(text));
     const int written = static_cast<int>(write(file, text, strlen(text)));
     if (written != length) {
+        *error = written < 0 ? errno : 0;
         __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, LOG_TAG,
                      "%s: %s(%d) > failed to write (%d:%d)/len(%d)", LOG_MODULE, IN_WRITE_PID,
                      LINE_WRITE_FAILED, written, errno, length);
@@ -98,9 +106,12 @@ bool WritePidFile()
 }
 
 /// Steps aside for the instance that made the pid file, at once: no exit handler runs.
-[[noreturn]] void StepAside()
+[[noreturn]] void StepAside(int error)
 {
     PrintProfiling(PROFILING_OPTION, "ZOR pid file result %d", -1);
+    if (zor_note_step_aside != nullptr) {
+        zor_note_step_aside(PID_FILE, error);
+    }
     __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, LOG_TAG, "%s: %s(%d) > Exiting...", LOG_MODULE, IN_MAIN,
                  LINE_EXITING);
     _exit(0);
@@ -142,8 +153,9 @@ ZOR_CORE_API int main(int argc, char** argv)
     ReserveStandardStreams();
     PrintProfiling(PROFILING_OPTION, "ZOR main begin");
     LogBanner();
-    if (!WritePidFile()) {
-        StepAside();
+    int error = 0;
+    if (!WritePidFile(&error)) {
+        StepAside(error);
     }
     PrintProfiling(PROFILING_OPTION, "ZOR pid file result %d", 0);
     __dlog_print(LOG_ID_MAIN, DLOG_DEBUG, LOG_TAG, "%s: %s(%d) > QLN No sched_yield()", LOG_MODULE,

@@ -363,6 +363,13 @@ int Print(int priority, const char* tag, const char* fmt, va_list args)
 }
 
 } // namespace
+
+bool LogShowsOnStandardError(int priority)
+{
+    const int least = LeastPriority();
+    return g_config.fd == STDERR_FILENO && priority >= least;
+}
+
 } // namespace zorhost
 
 int __dlog_print(log_id_t /*id*/, int priority, const char* tag, const char* fmt, ...)

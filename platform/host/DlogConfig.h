@@ -36,4 +36,7 @@ struct TSDlogConfig
 /// there needs a level behind it. ZOR_DLOG_SIZE limits a file; it is a number with K, M or G.
 TSDlogConfig ReadDlogConfig();
 
+/// Whether an entry of this priority is seen on standard error.
+bool LogShowsOnStandardError(int priority);
+
 } // namespace zorhost

@@ -2,20 +2,21 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <xxhash.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <string_view>
 
+#include "DlogConfig.h"
 #include "HtClock.h"
-#include "OutputFile.h"
+#include "HtRecordPlace.h"
+#include "Notice.h"
 #include "dlog.h"
 
 namespace zorhost {
@@ -58,43 +59,23 @@ void StoreWord(std::uint64_t* to, const unsigned char* from)
     __atomic_store_n(to, word, __ATOMIC_RELAXED);
 }
 
+/// Says why nothing is recorded: in the platform log, and where that does not go there, on standard
+/// error.
 void Refuse(const std::string& path, const char* why)
 {
-    __dlog_print(LOG_ID_MAIN, DLOG_ERROR, TAG,
-                 "ZOR_RECORD: '%s' cannot be recorded into: %s; no "
-                 "calls are recorded",
-                 path.c_str(), why);
+    constexpr char TEXT[] = "ZOR_RECORD: %s: '%s' cannot be recorded into; no calls are recorded";
+    __dlog_print(LOG_ID_MAIN, DLOG_ERROR, TAG, TEXT, why, path.c_str());
+    if (!LogShowsOnStandardError(DLOG_ERROR)) {
+        Notice(TEXT, why, path.c_str());
+    }
 }
 
-/// Opens and locks the file. Returns -1, having said why, if it cannot be had.
-int OpenFile(const std::string& path)
-{
-    const int fd = OpenOutputFile(path.c_str(), O_RDWR, 0600);
-    if (fd < 0) {
-        Refuse(path, strerror(errno));
-        return -1;
-    }
-    struct stat info = {};
-    const char* why = nullptr;
-    if (fstat(fd, &info) != 0) {
-        why = strerror(errno);
-    } else if (!S_ISREG(info.st_mode)) {
-        why = "it is no regular file";
-    } else if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        why = errno == EWOULDBLOCK ? "another process is recording into it" : strerror(errno);
-    }
-    if (why == nullptr) {
-        return fd;
-    }
-    Refuse(path, why);
-    close(fd);
-    return -1;
-}
-
-/// Gives the file its size and maps it. Returns null, with errno set, if that is impossible.
+/// Gives the empty file its size and maps it. Returns null, with errno set, if that is impossible.
 void* MapFile(int fd, std::uint64_t size)
 {
-    if (ftruncate(fd, 0) != 0) {
+    // First of all: a process that is killed from here on leaves a recording, if an empty one, and
+    // not a file that nobody dares to replace.
+    if (pwrite(fd, &format::FILE_MAGIC, sizeof(format::FILE_MAGIC), 0) < 0) {
         return nullptr;
     }
     errno = posix_fallocate(fd, 0, static_cast<off_t>(size));
@@ -154,8 +135,10 @@ std::string Describe(const ht::TCCallLocation& location, unsigned int id)
 
 TCRecordFile* TCRecordFile::Create(const std::string& path, std::uint64_t ringSize)
 {
-    const int fd = OpenFile(path);
+    std::string why;
+    const int fd = OpenRecordPlace(path, &why);
     if (fd < 0) {
+        Refuse(path, why.c_str());
         return nullptr;
     }
     const std::uint64_t size = format::HEADER_SIZE + format::LOCATIONS_SIZE + ringSize;
@@ -169,8 +152,9 @@ TCRecordFile* TCRecordFile::Create(const std::string& path, std::uint64_t ringSi
         close(fd);
         return nullptr;
     }
-    // The descriptor stays open for the sake of the lock.
-    auto* const file = new TCRecordFile(mapping, ringSize);
+    // The descriptor stays open for the sake of the lock. There is one file in a process.
+    alignas(TCRecordFile) static unsigned char storage[sizeof(TCRecordFile)];
+    auto* const file = new (storage) TCRecordFile(mapping, ringSize);
     file->WriteHeader();
     return file;
 }

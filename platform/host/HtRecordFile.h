@@ -25,11 +25,14 @@ namespace zorhost {
 class TCRecordFile
 {
  public:
-    /// Makes the file, in place of one that may be there, and maps it. All of its blocks are
-    /// allocated: a full disk shows here and not as a signal at some write.
+    /// Makes the file and maps it; a recording that lies there is moved away first (see
+    /// OpenRecordPlace()). All blocks are allocated: a full disk shows here and not as a signal at
+    /// some write.
     ///
     /// @param ringSize  a multiple of 4096
-    /// @return the file, which is never destroyed; null, having said why in the platform log
+    /// @return the file, which is never destroyed; null, having said why in the platform log and on
+    ///         standard error
+    /// @throws std::bad_alloc, having made nothing or an empty file
     static TCRecordFile* Create(const std::string& path, std::uint64_t ringSize);
 
     /// Appends the description of a call site and returns its id. Said in the platform log if there

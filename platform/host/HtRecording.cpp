@@ -2,8 +2,11 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <utility>
 
 #include "HtClock.h"
 #include "HtRecordConfig.h"
@@ -19,8 +22,37 @@ std::atomic<bool> TIStorageManagerState::enabled{false};
 
 namespace {
 
-/// Set before recording is enabled, never cleared.
-TCRecordFile* g_file = nullptr;
+/// What the environment asks for. Set before recording is enabled, and never destroyed: threads may
+/// record until the process is gone.
+const zorhost::TSRecordConfig* g_config = nullptr;
+
+/// Held while the file is made, and around a fork: no child starts in the middle of that.
+std::mutex g_makingFile;
+
+/// The file, once the first record has made it. Published (release) when it is complete.
+std::atomic<TCRecordFile*> g_file{nullptr};
+
+__attribute__((noinline)) TCRecordFile* MakeFile()
+{
+    const std::lock_guard<std::mutex> lock(g_makingFile);
+    TCRecordFile* file = g_file.load(std::memory_order_relaxed);
+    if (file == nullptr && TIStorageManagerState::enabled.load(std::memory_order_relaxed)) {
+        file = TCRecordFile::Create(g_config->path, g_config->ringSize);
+        if (file == nullptr) {
+            TIStorageManagerState::enabled.store(false, std::memory_order_relaxed);
+        } else {
+            g_file.store(file, std::memory_order_release);
+        }
+    }
+    return file;
+}
+
+/// The file; made now if there is none yet. Null if it cannot be had.
+TCRecordFile* File()
+{
+    TCRecordFile* const file = g_file.load(std::memory_order_acquire);
+    return file != nullptr ? file : MakeFile();
+}
 
 class TCHostStorage final : public ht::TCStorage
 {};
@@ -28,8 +60,13 @@ class TCHostStorage final : public ht::TCStorage
 class TCHostStorageManager final : public TIStorageManager
 {
  public:
-    ht::TCStorage* CurrentStorage() override { return &m_storage; }
-    unsigned int SessionId() override { return g_file->Session(); }
+    ht::TCStorage* CurrentStorage() override { return File() != nullptr ? &m_storage : nullptr; }
+
+    unsigned int SessionId() override
+    {
+        const TCRecordFile* const file = g_file.load(std::memory_order_acquire);
+        return file != nullptr ? file->Session() : 0;
+    }
 
  private:
     TCHostStorage m_storage;
@@ -40,28 +77,45 @@ TCHostStorageManager g_manager;
 /// What the thread's last measurement took: that of the call which is recorded next.
 thread_local std::uint64_t t_lastCpuNsec = 0;
 
-/// Reads the environment while the program is loaded, before it has a second thread.
+void BeforeFork()
+{
+    g_makingFile.lock();
+}
+
+void AfterForkInParent()
+{
+    g_makingFile.unlock();
+}
+
+void AfterForkInChild()
+{
+    g_makingFile.unlock();
+    if (TCRecordFile* const file = g_file.load(std::memory_order_relaxed)) {
+        file->AfterForkInChild();
+    }
+}
+
+/// Reads the environment while the program is loaded, before it has a second thread. The file is
+/// left to the first record: a daemon that steps aside for another one records nothing, and must
+/// not take the place of that one's recording.
 struct TSStart
 {
     TSStart()
     {
-        const zorhost::TSRecordConfig config = zorhost::ReadRecordConfig();
+        zorhost::TSRecordConfig config = zorhost::ReadRecordConfig();
         if (config.path.empty()) {
             return;
         }
-        g_file = TCRecordFile::Create(config.path, config.ringSize);
-        if (g_file == nullptr) {
-            return;
-        }
-        pthread_atfork(nullptr, nullptr, [] { g_file->AfterForkInChild(); });
+        g_config = new zorhost::TSRecordConfig(std::move(config));
+        pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
         TIStorageManagerState::enabled.store(true, std::memory_order_relaxed);
     }
 
     /// Other threads may still record; what they were doing ends now too.
     ~TSStart()
     {
-        if (g_file != nullptr) {
-            g_file->NoteEnd();
+        if (TCRecordFile* const file = g_file.load(std::memory_order_acquire)) {
+            file->NoteEnd();
         }
     }
 };
@@ -72,7 +126,7 @@ const TSStart g_start;
 
 TIStorageManager* TIStorageManager::Instance()
 {
-    return g_file != nullptr ? &g_manager : nullptr;
+    return g_config != nullptr ? &g_manager : nullptr;
 }
 
 namespace ht {
@@ -94,12 +148,12 @@ std::string TSDemangler::Demangle(const char* name)
 
 unsigned int TCStorage::SaveLocation(const TCCallLocation& location)
 {
-    return g_file->AddLocation(location);
+    return g_file.load(std::memory_order_acquire)->AddLocation(location);
 }
 
 void TCStorage::Commit(TSCallItemHelper& record)
 {
-    g_file->AddRecord(record.m_record, record.m_size);
+    g_file.load(std::memory_order_acquire)->AddRecord(record.m_record, record.m_size);
 }
 
 TSCallItemHelper::TSCallItemHelper(TCStorage* /*storage*/, int kind, unsigned int location)

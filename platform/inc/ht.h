@@ -166,25 +166,26 @@ class ZOR_PLATFORM_API TCDirection
 
 } // namespace ht
 
-/// Whether calls are recorded. Read it relaxed: what a record goes to was made before it is set,
-/// which happens before the process has a second thread.
+/// Whether calls are recorded. Read it relaxed: it is set before the process has a second thread,
+/// and what a record goes to is asked for with each.
 struct ZOR_PLATFORM_API TIStorageManagerState
 {
-    static std::atomic<bool> enabled; ///< set at most once, while the process is loaded
+    static std::atomic<bool>
+        enabled; ///< set while the process is loaded, cleared if no record can be had
 };
 
-/// The recording storage manager. To be used while TIStorageManagerState::enabled is set.
+/// The recording storage manager. To be used where TIStorageManagerState::enabled was seen set.
 class ZOR_PLATFORM_API TIStorageManager
 {
  public:
-    /// The one instance; it lives as long as the process. Null if nothing was ever recorded.
+    /// The one instance; it lives as long as the process. Null if recording was never enabled.
     static TIStorageManager* Instance();
 
-    /// Where records go at present; null if nowhere.
+    /// Where records go at present; null if nowhere. The first call may make it, and then blocks.
     virtual ht::TCStorage* CurrentStorage() = 0;
 
-    /// Names the recording process, not 0: the child of a fork has another one. Ids of call sites
-    /// are good within one session.
+    /// Names the recording process: the child of a fork has another one. Ids of call sites are good
+    /// within one session. Not 0 where there is a storage.
     virtual unsigned int SessionId() = 0;
 
  protected:

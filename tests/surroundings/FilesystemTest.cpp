@@ -80,8 +80,8 @@ TEST_F(FilesystemTest, FullDiskForTheRecordIsLoggedAndTheDaemonWorks)
             {{"ZOR_RECORD", "/tmp/calls.zor"}, {"ZOR_DLOG", "stderr:W"}});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_THAT(result.out, IsTableOfSample());
-    EXPECT_THAT(result.err, EndsWith("ZOR_RECORD: '/tmp/calls.zor' cannot be recorded into: No "
-                                     "space left on device; no calls are recorded\n"));
+    EXPECT_THAT(result.err, EndsWith("ZOR_RECORD: No space left on device: '/tmp/calls.zor' cannot "
+                                     "be recorded into; no calls are recorded\n"));
 }
 
 // The console.

@@ -238,6 +238,28 @@ void RunFork()
     printf("%d\n", static_cast<int>(child));
 }
 
+/// The child is the first to record; its parent comes while it lives.
+void RunForkFirst()
+{
+    int ends[2][2];
+    char byte = 0;
+    if (pipe(ends[0]) != 0 || pipe(ends[1]) != 0) {
+        return;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        Call(2, 2);
+        const bool told = write(ends[0][1], &byte, 1) == 1 && read(ends[1][0], &byte, 1) == 1;
+        _exit(told ? 0 : 1);
+    }
+    const bool told = read(ends[0][0], &byte, 1) == 1;
+    Call(1, 1);
+    puts(told && TIStorageManagerState::enabled ? "on" : "off");
+    const bool released = write(ends[1][1], &byte, 1) == 1;
+    waitpid(child, nullptr, 0);
+    printf("%d\n", released ? static_cast<int>(child) : 0);
+}
+
 /// One call is made inside another, which throws; the outer one ends.
 void RunThrow()
 {
@@ -262,6 +284,7 @@ int main(int argc, char** argv)
     const std::string what = argc > 1 ? argv[1] : "";
     const auto count = static_cast<std::uint32_t>(argc > 2 ? atoi(argv[2]) : 0);
     if (what == "state") {
+        Call(0, 0);
         puts(TIStorageManagerState::enabled ? "on" : "off");
     } else if (what == "tasks") {
         RunTasks();
@@ -286,6 +309,8 @@ int main(int argc, char** argv)
         puts("leaves");
         fflush(stdout);
         exit(0);
+    } else if (what == "fork-first") {
+        RunForkFirst();
     } else if (what == "throw") {
         RunThrow();
     } else {
