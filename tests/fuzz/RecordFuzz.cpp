@@ -19,10 +19,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::ostringstream text;
         zorrecord::PrintSummary(recording, text);
         const std::vector<zorrecord::Call> calls = zorrecord::CallsOf(recording);
-        zorrecord::PrintRecords(recording, zorrecord::TaskNames(calls), false, text);
-        zorrecord::PrintTop(recording, false, text);
+        zorrecord::PrintRecords(recording, zorrecord::TaskNames(calls), {}, false, text);
+        zorrecord::PrintTop(recording, {}, false, text);
         if (zorrecord::LongestCall(recording, calls, {}) != zorrecord::Call::NONE) {
-            zorrecord::PrintPath(recording, {}, false, text);
+            zorrecord::PrintPath(recording, {}, {}, false, text);
         }
     } catch (const zorrecord::FormatError&) {
         // refused, with a reason
