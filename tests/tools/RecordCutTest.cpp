@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstring>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <set>
 #include <sstream>
@@ -12,6 +13,8 @@
 #include "Calls.h"
 #include "Flows.h"
 #include "HtRecordFormat.h"
+#include "Page.h"
+#include "PageData.h"
 #include "Path.h"
 #include "ProgramRun.h"
 #include "Reader.h"
@@ -239,6 +242,7 @@ TEST_F(RecordCutTest, NoDamageIsTooMuch)
             zorrecord::Call::NONE) {
             zorrecord::PrintPath(recording, {}, {}, true, out);
         }
+        zorrecord::PrintPage(zorrecord::PageData(recording, {}, {}), out);
         zorrecord::PrintSummary(recording, out);
         EXPECT_FALSE(out.str().empty());
     }

@@ -3,7 +3,7 @@
 // Draws a part of the recording. What is narrower than a pixel is drawn once for all that share it, so
 // that a drawing costs what there is to see and not what there is.
 
-const LANE_NAMES = 168;
+const LANE_NAMES = 190;
 const AXIS = 34;
 const ROW = 17;
 const LANE_PAD = 6;

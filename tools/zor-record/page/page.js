@@ -77,7 +77,7 @@ class Page {
     this.stats = stats;
     const [from, to] = x.domain();
     byId('range').textContent = `${durationText(to - from)} shown` + (stats.arrowsLeftOut === 0 ? '' :
-      `; ${countText(stats.arrowsLeftOut, 'arrow')} when zoomed in`);
+      `; zoom in for ${countText(stats.arrowsLeftOut, 'arrow')}`);
   }
 
   redrawSoon() {
