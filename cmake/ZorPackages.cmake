@@ -69,8 +69,8 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
     "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (>= ${PROJECT_VERSION}), gdb, mount, python3")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
-    "Tools for engineers: zor-record prints what a daemon has recorded and exports
-it as a trace, zor-inspect shows what a running, hung or dead daemon is doing,
+    "Tools for engineers: zor-record prints what a daemon has recorded and shows it
+in a browser, zor-inspect shows what a running, hung or dead daemon is doing,
 zor-sim runs programs by seed and in virtual time, and zor-apart gives each
 daemon a /tmp of its own. infobox shows a daemon's messages on a terminal, and
 zor-tsmon is an example daemon that monitors a transport stream.")
@@ -95,8 +95,15 @@ file(READ ${PROJECT_SOURCE_DIR}/LICENSE ZOR_LICENSE)
 string(STRIP "${ZOR_LICENSE}" ZOR_LICENSE)
 string(REPLACE "\n\n" "\n.\n" ZOR_LICENSE " ${ZOR_LICENSE}")
 string(REPLACE "\n" "\n " ZOR_LICENSE "${ZOR_LICENSE}")
+# And those of what the tools hand on.
+set(zor_d3_license ${PROJECT_SOURCE_DIR}/tools/zor-record/page/LICENSE.d3)
+file(READ ${zor_d3_license} ZOR_D3_LICENSE)
+string(STRIP "${ZOR_D3_LICENSE}" ZOR_D3_LICENSE)
+string(REPLACE "\n\n" "\n.\n" ZOR_D3_LICENSE " ${ZOR_D3_LICENSE}")
+string(REPLACE "\n" "\n " ZOR_D3_LICENSE "${ZOR_D3_LICENSE}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/package/copyright.in ${PROJECT_BINARY_DIR}/package/copyright @ONLY)
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/LICENSE)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/LICENSE
+             ${zor_d3_license})
 
 # Every package has its own folder of documents; Debian wants the change log compressed.
 find_program(GZIP_PROGRAM gzip REQUIRED)

@@ -1,9 +1,11 @@
 #include "HtRecordConfig.h"
 
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <charconv>
 #include <cstdlib>
+#include <cstring>
 
 #include "HtRecordFormat.h"
 #include "dlog.h"
@@ -75,6 +77,9 @@ TSRecordConfig ReadRecordConfig()
     }
     config.path = ExpandPath(path);
     config.ringSize = DEFAULT_RING_SIZE;
+    char name[format::NAME_SIZE] = "";
+    prctl(PR_GET_NAME, name, 0, 0, 0); // of the first thread, as yet
+    config.process.assign(name, strnlen(name, sizeof(name)));
     const char* const size = getenv("ZOR_RECORD_SIZE");
     if (size == nullptr || *size == '\0') {
         return config;

@@ -11,6 +11,7 @@ struct TSRecordConfig
 {
     std::string path; ///< of the record file; empty if nothing is to be recorded
     std::uint64_t ringSize = 0;
+    std::string process; ///< its name, when this was read
 };
 
 constexpr std::uint64_t DEFAULT_RING_SIZE = UINT64_C(16) << 20;

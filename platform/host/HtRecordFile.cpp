@@ -133,15 +133,16 @@ std::string Describe(const ht::TCCallLocation& location, unsigned int id)
 
 } // namespace
 
-TCRecordFile* TCRecordFile::Create(const std::string& path, std::uint64_t ringSize)
+TCRecordFile* TCRecordFile::Create(const TSRecordConfig& config)
 {
+    const std::string& path = config.path;
     std::string why;
     const int fd = OpenRecordPlace(path, &why);
     if (fd < 0) {
         Refuse(path, why.c_str());
         return nullptr;
     }
-    const std::uint64_t size = format::HEADER_SIZE + format::LOCATIONS_SIZE + ringSize;
+    const std::uint64_t size = format::HEADER_SIZE + format::LOCATIONS_SIZE + config.ringSize;
     void* const mapping = MapFile(fd, size);
     if (mapping == nullptr) {
         Refuse(path, strerror(errno));
@@ -154,8 +155,8 @@ TCRecordFile* TCRecordFile::Create(const std::string& path, std::uint64_t ringSi
     }
     // The descriptor stays open for the sake of the lock. There is one file in a process.
     alignas(TCRecordFile) static unsigned char storage[sizeof(TCRecordFile)];
-    auto* const file = new (storage) TCRecordFile(mapping, ringSize);
-    file->WriteHeader();
+    auto* const file = new (storage) TCRecordFile(mapping, config.ringSize);
+    file->WriteHeader(config.process);
     return file;
 }
 
@@ -167,7 +168,7 @@ TCRecordFile::TCRecordFile(void* mapping, std::uint64_t ringSize)
       m_session(static_cast<unsigned int>(getpid()))
 {}
 
-void TCRecordFile::WriteHeader()
+void TCRecordFile::WriteHeader(const std::string& process)
 {
     format::TSFileHeader header = {};
     header.magic = format::FILE_MAGIC;
@@ -179,7 +180,7 @@ void TCRecordFile::WriteHeader()
     header.ringSize = m_ringWords * WORD;
     header.startMonotonicNsec = NowNsec(CLOCK_MONOTONIC);
     header.startRealtimeNsec = NowNsec(CLOCK_REALTIME);
-    ThreadName(header.process); // this is the first thread, whose name is the process'
+    memcpy(header.process, process.data(), std::min(process.size(), sizeof(header.process)));
     header.checksum = XXH3_64bits(&header, offsetof(format::TSFileHeader, checksum));
     *m_header = header;
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "HtRecordConfig.h"
 #include "HtRecordFormat.h"
 #include "ht.h"
 
@@ -29,11 +30,11 @@ class TCRecordFile
     /// OpenRecordPlace()). All blocks are allocated: a full disk shows here and not as a signal at
     /// some write.
     ///
-    /// @param ringSize  a multiple of 4096
+    /// @param config  with a path
     /// @return the file, which is never destroyed; null, having said why in the platform log and on
     ///         standard error
     /// @throws std::bad_alloc, having made nothing or an empty file
-    static TCRecordFile* Create(const std::string& path, std::uint64_t ringSize);
+    static TCRecordFile* Create(const TSRecordConfig& config);
 
     /// Appends the description of a call site and returns its id. Said in the platform log if there
     /// is no room for it.
@@ -63,7 +64,7 @@ class TCRecordFile
     TCRecordFile(void* mapping, std::uint64_t ringSize);
     ~TCRecordFile() = delete;
 
-    void WriteHeader();
+    void WriteHeader(const std::string& process);
 
     // Fixed after creation.
     format::TSFileHeader* m_header;

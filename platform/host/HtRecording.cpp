@@ -37,7 +37,7 @@ __attribute__((noinline)) TCRecordFile* MakeFile()
     const std::lock_guard<std::mutex> lock(g_makingFile);
     TCRecordFile* file = g_file.load(std::memory_order_relaxed);
     if (file == nullptr && TIStorageManagerState::enabled.load(std::memory_order_relaxed)) {
-        file = TCRecordFile::Create(g_config->path, g_config->ringSize);
+        file = TCRecordFile::Create(*g_config);
         if (file == nullptr) {
             TIStorageManagerState::enabled.store(false, std::memory_order_relaxed);
         } else {

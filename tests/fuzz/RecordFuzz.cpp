@@ -1,10 +1,13 @@
 // A record file of any bytes is read or refused, and what was read can be printed.
 #include <cstddef>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <vector>
 
 #include "Calls.h"
+#include "Page.h"
+#include "PageData.h"
 #include "Path.h"
 #include "Reader.h"
 #include "Summary.h"
@@ -19,11 +22,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::ostringstream text;
         zorrecord::PrintSummary(recording, text);
         const std::vector<zorrecord::Call> calls = zorrecord::CallsOf(recording);
-        zorrecord::PrintRecords(recording, zorrecord::TaskNames(calls), false, text);
-        zorrecord::PrintTop(recording, false, text);
+        zorrecord::PrintRecords(recording, zorrecord::TaskNames(calls), {}, false, text);
+        zorrecord::PrintTop(recording, {}, false, text);
         if (zorrecord::LongestCall(recording, calls, {}) != zorrecord::Call::NONE) {
-            zorrecord::PrintPath(recording, {}, false, text);
+            zorrecord::PrintPath(recording, {}, {}, false, text);
         }
+        zorrecord::PrintPage(zorrecord::PageData(recording, {}, {}), text);
     } catch (const zorrecord::FormatError&) {
         // refused, with a reason
     }

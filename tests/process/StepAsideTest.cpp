@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -97,6 +98,27 @@ TEST_F(StepAsideTest, PidFileThatCannotBeReadIsSaid)
               "zor-test-daemon: the pid file /tmp/.zor-daemon.pid is there already, and cannot be "
               "read: Is a directory; nothing was started\n");
     EXPECT_EQ(rmdir(zortest::PID_FILE), 0);
+}
+
+TEST_F(StepAsideTest, StandardErrorThatNobodyReadsChangesNothing)
+{
+    LeavePidFile("left over");
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    close(ends[0]);
+    const std::string daemon = DaemonProcess(DAEMON, {"3"}).Path();
+    const pid_t child = fork();
+    if (child == 0) {
+        signal(SIGPIPE, SIG_DFL);
+        dup2(ends[1], STDERR_FILENO);
+        setenv("ZOR_DLOG", "none", 1);
+        execl(daemon.c_str(), daemon.c_str(), "3", nullptr);
+        _exit(1);
+    }
+    close(ends[1]);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(StepAsideTest, RecordingOfTheFirstIsLeftAlone)

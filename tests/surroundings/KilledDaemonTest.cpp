@@ -136,10 +136,10 @@ TEST_F(KilledDaemonTest, RecordIsReadableOrSaidNotToBeThereWheneverItIsKilledAtI
             ExpectWhole(&recording);
             continue;
         }
-        // The kill came before the file was, or before its header was written.
+        // The kill came before the first record, or before the header was written.
         EXPECT_EQ(printed.exitCode, 1);
         EXPECT_EQ(printed.out, "");
-        EXPECT_THAT(printed.err, AnyOf(HasSubstr(m_path + ": No such file or directory\n"),
+        EXPECT_THAT(printed.err, AnyOf(HasSubstr(m_path + ": No such file or directory; "),
                                        HasSubstr(m_path + ": the file is empty\n"),
                                        HasSubstr(m_path + ": this is no record of calls\n"),
                                        HasSubstr(m_path + ": the header is damaged\n")));

@@ -50,7 +50,7 @@ class PathTest : public testing::Test
     std::vector<Line> Path(std::size_t index) const
     {
         std::vector<Line> lines;
-        for (const Stretch& stretch : zorrecord::PathOf(m_calls, index)) {
+        for (const Stretch& stretch : zorrecord::PathOf(m_calls, {}, index)) {
             lines.emplace_back(stretch.beginNsec / 1000, stretch.endNsec / 1000, stretch.depth,
                                stretch.thread, stretch.what);
         }
@@ -108,12 +108,12 @@ TEST_F(PathTest, SynchronousSendIsWaitHandlingAndWayBack)
 
 TEST_F(PathTest, WaitInTheQueueShowsWhatTheReceiverDidMeanwhile)
 {
-    Handle(STORE, STORE, 4, 0, 120);
+    Handle(STORE, STORE, 14, 0, 120);
     const std::size_t send = Send(SCAN, 8, 100, 190);
     Handle(STORE, STORE, 6, 130, 150);
     Handle(STORE, SCAN, 8, 150, 190);
     EXPECT_THAT(Path(send),
-                ElementsAre(Line{100, 120, 1, "store", "handles type 4"},
+                ElementsAre(Line{100, 120, 1, "store", "handles type 14"},
                             Line{120, 130, 0, "scan", "type 8 waits in the queue of store"},
                             Line{130, 150, 1, "store", "handles type 6"},
                             Line{150, 190, 1, "store", "handles type 8"}));
@@ -153,7 +153,8 @@ TEST_F(PathTest, ShortStretchesAreLeftInWhatIsAroundThem)
 TEST_F(PathTest, NothingWantedIsAnError)
 {
     std::ostringstream out;
-    EXPECT_THROW(zorrecord::PrintPath(zorrecord::Recording(), {}, false, out), std::runtime_error);
+    EXPECT_THROW(zorrecord::PrintPath(zorrecord::Recording(), {}, {}, false, out),
+                 std::runtime_error);
     EXPECT_EQ(out.str(), "");
 }
 
@@ -166,7 +167,7 @@ class HangPathTest : public testing::Test
     static std::string Print(const zorrecord::Selection& selection, bool asJson)
     {
         std::ostringstream out;
-        zorrecord::PrintPath(sRecording, selection, asJson, out);
+        zorrecord::PrintPath(sRecording, selection, {}, asJson, out);
         return out.str();
     }
 

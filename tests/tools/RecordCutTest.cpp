@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstring>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <set>
 #include <sstream>
@@ -12,6 +13,8 @@
 #include "Calls.h"
 #include "Flows.h"
 #include "HtRecordFormat.h"
+#include "Page.h"
+#include "PageData.h"
 #include "Path.h"
 #include "ProgramRun.h"
 #include "Reader.h"
@@ -208,7 +211,7 @@ TEST_F(RecordCutTest, RecordsOfALostLocationAreStillRead)
     EXPECT_EQ(recording.records.size(), 8U);
     EXPECT_EQ(recording.LocationOf(recording.records[0]), nullptr);
     std::ostringstream text;
-    zorrecord::PrintRecords(recording, zorrecord::TaskNames({}), false, text);
+    zorrecord::PrintRecords(recording, zorrecord::TaskNames({}), {}, false, text);
     EXPECT_NE(text.str().find("location 1 "), std::string::npos);
 }
 
@@ -232,13 +235,14 @@ TEST_F(RecordCutTest, NoDamageIsTooMuch)
         EXPECT_LE(recording.records.size(), original.records.size());
         std::ostringstream out;
         const zorrecord::TaskNames names(zorrecord::CallsOf(recording));
-        zorrecord::PrintRecords(recording, names, true, out);
-        zorrecord::ExportTrace(recording, names, out);
-        zorrecord::PrintTop(recording, true, out);
+        zorrecord::PrintRecords(recording, names, {}, true, out);
+        zorrecord::ExportTrace(recording, names, {}, out);
+        zorrecord::PrintTop(recording, {}, true, out);
         if (zorrecord::LongestCall(recording, zorrecord::CallsOf(recording), {}) !=
             zorrecord::Call::NONE) {
-            zorrecord::PrintPath(recording, {}, true, out);
+            zorrecord::PrintPath(recording, {}, {}, true, out);
         }
+        zorrecord::PrintPage(zorrecord::PageData(recording, {}, {}), out);
         zorrecord::PrintSummary(recording, out);
         EXPECT_FALSE(out.str().empty());
     }

@@ -1,7 +1,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -185,6 +188,109 @@ void RunHang()
     }
 }
 
+void Work(unsigned int microseconds)
+{
+    std::this_thread::sleep_for(std::chrono::microseconds(microseconds));
+}
+
+/// Four tasks that work for a while, until one does not come back and two wait for each other.
+/// Names are as bad as names can be. Never ends, as Hang.
+struct Circle
+{
+    explicit Circle(const std::vector<std::string>& names)
+    {
+        TCSyncDet::Create();
+        TCTaskList::m_mutex.Create();
+        for (std::size_t i = 0; i < 4; ++i) {
+            tasks[i].Create(names[i].c_str(), 1000, STACK_SIZE, 0);
+        }
+        storing.Create(0);
+        entered.Create(0);
+        never.Create(0);
+    }
+
+    std::array<TCTask, 4> tasks;
+    TCSemaphore storing;
+    TCSemaphore entered;
+    TCSemaphore never;
+    Handler tuner{"tuner", &tasks[1], [](const TSEvent* event) {
+                      Work(400 + event->param1 % 5 * 700);
+                      return true;
+                  }};
+    Handler guide{"guide", &tasks[3], [this](const TSEvent* event) {
+                      Work(900);
+                      if (event->type == 402) {
+                          entered.Give();
+                          never.Take();
+                      }
+                      return true;
+                  }};
+    Handler store{"store", &tasks[2], [this](const TSEvent* event) {
+                      if (event->type == 303) {
+                          storing.Give();
+                          return Send(&scan, 103, true);
+                      }
+                      Work(300);
+                      return event->type == 301 ? Send(&guide, 401, false) : true;
+                  }};
+    Handler scan{"scan", &tasks[0], [this](const TSEvent* event) {
+                     if (event->type == 102) {
+                         storing.Take();
+                         return Send(&store, 302, true);
+                     }
+                     TSEvent tune = Flagged(&tuner, 201, event->param1);
+                     TCTask::Send(&tune, true, false);
+                     Work(200);
+                     return Send(&store, 301, false);
+                 }};
+};
+
+void RunCircle(const std::vector<std::string>& names)
+{
+    auto* const circle = new Circle(names);
+    for (std::uint32_t round = 1; round <= 12; ++round) {
+        TSEvent event = Flagged(&circle->scan, 101, round);
+        TCTask::Send(&event, false, false);
+        Work(1500);
+    }
+    Send(&circle->scan, 101, true);
+    Send(&circle->store, 304, true);
+    Send(&circle->guide, 402, false);
+    circle->entered.Take();
+    Send(&circle->scan, 102, false);
+    Work(20000);
+    Send(&circle->store, 303, false);
+    // Until each has its event in the other's queue.
+    while (static_cast<TCQueue&>(circle->tasks[0]).Size() == 0 ||
+           static_cast<TCQueue&>(circle->tasks[2]).Size() == 0) {
+        std::this_thread::yield();
+    }
+    Work(60000);
+}
+
+/// As many events as may be, from one thread to two tasks.
+void RunMany(std::uint32_t count)
+{
+    TCSyncDet::Create();
+    TCTaskList::m_mutex.Create();
+    TCTask alpha;
+    TCTask beta;
+    alpha.Create("alpha", 1000, STACK_SIZE, 0);
+    beta.Create("beta", 1000, STACK_SIZE, 0);
+    {
+        Handler first("first", &alpha, [](const TSEvent*) { return true; });
+        Handler last("last", &beta, [](const TSEvent*) { return true; });
+        for (std::uint32_t i = 0; i < count; ++i) {
+            TSEvent event = Flagged(i / 50 % 2 == 0 ? &first : &last, 700 + i % 7, i);
+            TCTask::Send(&event, i % 50 == 49, false); // before a queue is full
+        }
+    }
+    Exit(&alpha);
+    Exit(&beta);
+    TCTaskList::Finalize();
+    TCSyncDet::Destroy();
+}
+
 bool Call(std::uint32_t caller, std::uint32_t number)
 {
     static TSCodeLocation location("bool Call(TSEvent*, bool, bool)", "RecordedProgram.cpp", 1);
@@ -311,6 +417,13 @@ int main(int argc, char** argv)
         exit(0);
     } else if (what == "fork-first") {
         RunForkFirst();
+    } else if (what == "many") {
+        RunMany(count);
+    } else if (what == "circle") {
+        RunCircle(std::vector<std::string>(argv + 2, argv + std::min(argc, 6)));
+        puts("leaves");
+        fflush(stdout);
+        exit(0);
     } else if (what == "throw") {
         RunThrow();
     } else {

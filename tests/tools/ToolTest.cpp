@@ -68,7 +68,7 @@ TEST_F(ToolTest, HelpTellsOfCommandsAndExitCodes)
 {
     EXPECT_EQ(Run({"--help"}), 0);
     for (const char* part :
-         {"print", "export", "top", "path", "info", "ZOR_RECORD", "Exit codes:"}) {
+         {"print", "export", "page", "top", "path", "info", "ZOR_RECORD", "Exit codes:"}) {
         EXPECT_THAT(out, HasSubstr(part));
     }
     EXPECT_EQ(err, "");
@@ -96,7 +96,9 @@ TEST_F(ToolTest, BadOptionsAreRefused)
 TEST_F(ToolTest, MissingFileIsSaid)
 {
     EXPECT_EQ(Run({"print", path}), 1);
-    EXPECT_EQ(err, "zor-record: " + path + ": No such file or directory\n");
+    EXPECT_EQ(err, "zor-record: " + path +
+                       ": No such file or directory; a recording begins with the first event that "
+                       "has its flag set\n");
     EXPECT_EQ(Run({"info", directory.Path("")}), 1);
     EXPECT_THAT(err, HasSubstr("Is a directory"));
 }

@@ -25,7 +25,7 @@ class TopTest : public testing::Test
     static std::string Print(const zorrecord::Recording& recording, bool asJson)
     {
         std::ostringstream out;
-        zorrecord::PrintTop(recording, asJson, out);
+        zorrecord::PrintTop(recording, {}, asJson, out);
         return out.str();
     }
 

@@ -26,7 +26,7 @@ class TraceExportTest : public testing::Test
     {
         std::ostringstream out;
         const zorrecord::TaskNames names(zorrecord::CallsOf(recording));
-        zorrecord::ExportTrace(recording, names, out);
+        zorrecord::ExportTrace(recording, names, {}, out);
         return json::parse(out.str());
     }
 

@@ -30,16 +30,17 @@ struct Interval
     std::uint64_t endNsec;
 };
 
-std::string TypeOf(const Call& call)
+std::string TypeOf(const Call& call, const TypeNames& types)
 {
-    return call.event ? "type " + std::to_string(call.event->type) : "no event";
+    return call.event ? "type " + types.TextOf(call.event->type) : "no event";
 }
 
 /// Follows one call into the calls that it waited for.
 class Explanation
 {
  public:
-    explicit Explanation(const std::vector<Call>& calls) : m_calls(calls), m_names(calls)
+    Explanation(const std::vector<Call>& calls, const TypeNames& types)
+        : m_calls(calls), m_names(calls), m_types(types)
     {
         for (const Flow& flow : FlowsOf(calls)) {
             m_handlingOf[flow.send] = flow.handling;
@@ -99,7 +100,7 @@ class Explanation
     {
         const Call& call = m_calls[index];
         const std::string what = (call.shape == Shape::HANDLING ? "handles " : "sends ") +
-                                 TypeOf(call) + (call.finished ? "" : ", not finished");
+                                 TypeOf(call, m_types) + (call.finished ? "" : ", not finished");
         Parts(m_inside[index], part, depth, call.record->threadName, what);
     }
 
@@ -143,7 +144,7 @@ class Explanation
             answered = std::clamp(handling.endNsec, handled, part.endNsec);
         }
         Parts(m_onThread[task], {part.beginNsec, handled}, depth, send.record->threadName,
-              TypeOf(send) + " waits in the queue of " + receiver);
+              TypeOf(send, m_types) + " waits in the queue of " + receiver);
         if (found != m_handlingOf.end()) {
             Explain(found->second, {handled, answered}, depth + 1);
         }
@@ -153,6 +154,7 @@ class Explanation
 
     const std::vector<Call>& m_calls;
     const TaskNames m_names;
+    const TypeNames& m_types;
     std::map<std::size_t, std::size_t> m_handlingOf;          ///< of a send
     std::map<std::size_t, std::vector<std::size_t>> m_inside; ///< of a call, directly
     std::map<std::string, std::vector<std::size_t>> m_onThread;
@@ -161,14 +163,14 @@ class Explanation
     std::vector<Stretch> m_path;
 };
 
-void PrintTable(const Recording& recording, const Call& call, const std::vector<Stretch>& path,
-                std::ostream& out)
+void PrintTable(const Recording& recording, const Call& call, const TypeNames& types,
+                const std::vector<Stretch>& path, std::ostream& out)
 {
     const std::uint64_t start = recording.startMonotonicNsec;
     const double whole = static_cast<double>(call.endNsec - call.beginNsec);
     out << Escaped(call.record->threadName) << '(' << call.record->thread << ") "
-        << (call.shape == Shape::HANDLING ? "handled " : "sent ") << TypeOf(call) << " for "
-        << Seconds(static_cast<std::int64_t>(call.endNsec - call.beginNsec)) << " s"
+        << (call.shape == Shape::HANDLING ? "handled " : "sent ") << Escaped(TypeOf(call, types))
+        << " for " << Seconds(static_cast<std::int64_t>(call.endNsec - call.beginNsec)) << " s"
         << (call.finished ? "" : " and has not finished") << ":\n"
         << "        from, s     duration, ms  share\n";
     for (const Stretch& stretch : path) {
@@ -182,7 +184,9 @@ void PrintTable(const Recording& recording, const Call& call, const std::vector<
     }
 }
 
-nlohmann::json JsonOf(const Recording& recording, const Call& call,
+} // namespace
+
+nlohmann::json JsonOf(const Recording& recording, const Call& call, const TypeNames& types,
                       const std::vector<Stretch>& path)
 {
     const std::uint64_t start = recording.startMonotonicNsec;
@@ -203,15 +207,17 @@ nlohmann::json JsonOf(const Recording& recording, const Call& call,
                              {"path", stretches}};
     if (call.event) {
         object["type"] = call.event->type;
+        if (const std::string& name = types.NameOf(call.event->type); !name.empty()) {
+            object["type_name"] = name;
+        }
     }
     return object;
 }
 
-} // namespace
-
-std::vector<Stretch> PathOf(const std::vector<Call>& calls, std::size_t call)
+std::vector<Stretch> PathOf(const std::vector<Call>& calls, const TypeNames& types,
+                            std::size_t call)
 {
-    return Explanation(calls).Of(call);
+    return Explanation(calls, types).Of(call);
 }
 
 std::size_t LongestCall(const Recording& recording, const std::vector<Call>& calls,
@@ -236,21 +242,21 @@ std::size_t LongestCall(const Recording& recording, const std::vector<Call>& cal
     return longest;
 }
 
-void PrintPath(const Recording& recording, const Selection& selection, bool asJson,
-               std::ostream& out)
+void PrintPath(const Recording& recording, const Selection& selection, const TypeNames& types,
+               bool asJson, std::ostream& out)
 {
     const std::vector<Call> calls = CallsOf(recording);
     const std::size_t longest = LongestCall(recording, calls, selection);
     if (longest == Call::NONE) {
-        throw std::runtime_error("no handling and no synchronous send is as asked for");
+        throw std::runtime_error(NO_SUCH_CALL);
     }
-    const std::vector<Stretch> path = PathOf(calls, longest);
+    const std::vector<Stretch> path = PathOf(calls, types, longest);
     if (asJson) {
-        out << JsonOf(recording, calls[longest], path)
+        out << JsonOf(recording, calls[longest], types, path)
                    .dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
             << '\n';
     } else {
-        PrintTable(recording, calls[longest], path, out);
+        PrintTable(recording, calls[longest], types, path, out);
     }
 }
 

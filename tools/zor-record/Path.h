@@ -2,12 +2,14 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
 #include "Calls.h"
 #include "Reader.h"
 #include "Selection.h"
+#include "TypeNames.h"
 
 namespace zorrecord {
 
@@ -25,17 +27,25 @@ struct Stretch
 /// synchronous send inside it the wait in the receiver's queue, with what the receiver did
 /// meanwhile, the handling, and the way back. Stretches below a thousandth of the whole are left in
 /// what is around them. A circle of calls that wait for each other ends where it closes.
-std::vector<Stretch> PathOf(const std::vector<Call>& calls, std::size_t call);
+std::vector<Stretch> PathOf(const std::vector<Call>& calls, const TypeNames& types,
+                            std::size_t call);
 
 /// The longest wanted call: a handling or a synchronous send. Call::NONE if none is wanted.
 std::size_t LongestCall(const Recording& recording, const std::vector<Call>& calls,
                         const Selection& selection);
 
+/// What is said if no call is wanted.
+constexpr const char* NO_SUCH_CALL = "no handling and no synchronous send is as asked for";
+
 /// Writes the path of the longest wanted call.
 ///
 /// @param asJson  an object with the call and an array of stretches, times in nanoseconds
 /// @throws std::runtime_error if no call is wanted
-void PrintPath(const Recording& recording, const Selection& selection, bool asJson,
-               std::ostream& out);
+void PrintPath(const Recording& recording, const Selection& selection, const TypeNames& types,
+               bool asJson, std::ostream& out);
+
+/// A call and its path as an object.
+nlohmann::json JsonOf(const Recording& recording, const Call& call, const TypeNames& types,
+                      const std::vector<Stretch>& path);
 
 } // namespace zorrecord

@@ -39,12 +39,24 @@ std::string AppName(const EventFields& event)
     return '"' + Escaped(event.appName) + '"';
 }
 
-std::string EventText(const EventFields& event, const std::string& task)
+/// What a record's bare numbers are called.
+struct Called
 {
-    const std::string name = task.empty() ? "" : '(' + Escaped(task) + ')';
+    const TypeNames& types;
+    std::string task; ///< of the event's receiver; or empty
+};
+
+std::string InBrackets(const std::string& name)
+{
+    return name.empty() ? "" : '(' + Escaped(name) + ')';
+}
+
+std::string EventText(const EventFields& event, const Called& called)
+{
     return "{address=" + Hex(event.address) + " sync=" + Hex(event.sync) +
-           " receiver=" + Hex(event.receiver) + name + " sender=" + Hex(event.sender) +
-           " type=" + Decimal(event.type) + " param1=" + Decimal(event.param1) +
+           " receiver=" + Hex(event.receiver) + InBrackets(called.task) +
+           " sender=" + Hex(event.sender) + " type=" + Decimal(event.type) +
+           InBrackets(called.types.NameOf(event.type)) + " param1=" + Decimal(event.param1) +
            " param2=" + Decimal(event.param2) + " param3=" + Hex(event.param3) +
            " param4=" + Hex(event.param4) + " param5=" + Hex(event.param5) +
            " param6=" + Decimal(event.param6) + " flag=" + (event.flag ? "true" : "false") +
@@ -52,14 +64,14 @@ std::string EventText(const EventFields& event, const std::string& task)
            " wrappedData=" + Hex(event.wrappedData) + "}";
 }
 
-std::string ItemText(const Item& item, const std::string& type, const std::string& task = "")
+std::string ItemText(const Item& item, const std::string& type, const Called& called)
 {
     switch (item.kind) {
         case Item::Kind::NULL_POINTER:
             return "null";
         case Item::Kind::BLOCK:
             if (const auto event = EventFrom(item); event && type == EVENT_TYPE) {
-                return EventText(*event, task);
+                return EventText(*event, called);
             }
             return Decimal(item.bytes.size()) + " bytes at " + Hex(item.address);
         case Item::Kind::FIXED:
@@ -71,7 +83,7 @@ std::string ItemText(const Item& item, const std::string& type, const std::strin
     return Decimal(item.Number());
 }
 
-std::string ArgumentsText(const Record& record, const Location* location, const std::string& task)
+std::string ArgumentsText(const Record& record, const Location* location, const Called& called)
 {
     const bool isCall = location != nullptr && ShapeOf(*location) != Shape::OTHER;
     std::string text;
@@ -88,19 +100,19 @@ std::string ArgumentsText(const Record& record, const Location* location, const 
         }
         const bool isNamed = isCall && argument < SEND_NAMES.size();
         text += ' ' + (isNamed ? SEND_NAMES[argument] : "arg" + Decimal(argument + 1)) + '=' +
-                ItemText(item, type, task);
+                ItemText(item, type, called);
         ++argument;
     }
     return text;
 }
 
-std::string AfterText(const Record& record, const Location* location)
+std::string AfterText(const Record& record, const Location* location, const Called& called)
 {
     std::string text;
     for (std::size_t i = 0; i < record.items.size(); ++i) {
         const std::string name = i < AFTER_NAMES.size() ? AFTER_NAMES[i] : "item" + Decimal(i);
         const std::string type = i == 0 && location != nullptr ? location->resultType : "";
-        text += ' ' + name + '=' + ItemText(record.items[i], type);
+        text += ' ' + name + '=' + ItemText(record.items[i], type, called);
     }
     return text + " cpu_ns=" + Decimal(record.cpuNsec);
 }
@@ -169,8 +181,8 @@ std::string Escaped(const std::string& text)
     return escaped;
 }
 
-void PrintRecords(const Recording& recording, const TaskNames& names, bool isWallTime,
-                  std::ostream& out)
+void PrintRecords(const Recording& recording, const TaskNames& names, const TypeNames& types,
+                  bool isWallTime, std::ostream& out)
 {
     const std::vector<Call> calls = CallsOf(recording);
     std::map<const Record*, const Call*> callOf;
@@ -185,9 +197,9 @@ void PrintRecords(const Recording& recording, const TaskNames& names, bool isWal
             << Escaped(record.threadName) << '(' << record.thread << ") "
             << (call != callOf.end() ? "> " : "< ") << LocationText(record, location);
         if (call == callOf.end()) {
-            out << AfterText(record, location);
+            out << AfterText(record, location, {types, ""});
         } else {
-            out << ArgumentsText(record, location, names.ReceiverOf(*call->second))
+            out << ArgumentsText(record, location, {types, names.ReceiverOf(*call->second)})
                 << Lasting(*call->second);
         }
         out << (record.truncated ? " ...\n" : "\n");

@@ -7,10 +7,16 @@
 #include <exception>
 #include <fstream>
 #include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
 #include <ostream>
+#include <stdexcept>
 #include <string>
+#include <system_error>
 
 #include "Calls.h"
+#include "Page.h"
+#include "PageData.h"
 #include "Path.h"
 #include "Reader.h"
 #include "Selection.h"
@@ -19,6 +25,7 @@
 #include "TextPrint.h"
 #include "Top.h"
 #include "TraceExport.h"
+#include "TypeNames.h"
 
 namespace zorrecord {
 
@@ -42,6 +49,7 @@ constexpr const char* FOOTER =
     "  zor-record print calls.zor\n"
     "  zor-record print --unfinished calls.zor     (what hangs)\n"
     "  zor-record path --task Scan calls.zor       (where its longest call's time went)\n"
+    "  zor-record page calls.zor -o calls.html     (all of it, for a browser)\n"
     "  zor-record export calls.zor -o calls.json   (for a viewer of trace events)\n";
 
 struct Options
@@ -49,11 +57,18 @@ struct Options
     std::string file;
     std::string output; ///< standard output if it is empty
     Selection selection;
+    std::string typesFile; ///< with names of event types; or empty
+    std::string type;      ///< of the selection: a number or a name; or empty
+    TypeNames types;
     bool isWallTime = false;
     bool asJson = false;
 };
 
-using Show = std::function<void(const Recording&, std::ostream&)>;
+/// Writes what a command shows.
+using Show = std::function<void(std::ostream&)>;
+
+/// Looks at the recording for that: what a command cannot show is known before a file is made.
+using Prepare = std::function<Show(const Recording&)>;
 
 void Complain(std::ostream& err, const std::string& what)
 {
@@ -82,11 +97,10 @@ void TellLosses(const Recording& recording, const Options& options, std::ostream
     }
 }
 
-bool Write(const Recording& recording, const Show& show, const Options& options, std::ostream& out,
-           std::ostream& err)
+bool Write(const Show& show, const Options& options, std::ostream& out, std::ostream& err)
 {
     if (options.output.empty()) {
-        show(recording, out);
+        show(out);
         out.flush();
         if (!out) {
             Complain(err, "standard output cannot be written");
@@ -96,7 +110,7 @@ bool Write(const Recording& recording, const Show& show, const Options& options,
     errno = 0;
     std::ofstream file(options.output, std::ios::binary | std::ios::trunc);
     if (file) {
-        show(recording, file);
+        show(file);
         file.close();
     }
     if (!file) {
@@ -105,23 +119,31 @@ bool Write(const Recording& recording, const Show& show, const Options& options,
     return static_cast<bool>(file);
 }
 
-int Run(const Show& show, const Options& options, std::ostream& out, std::ostream& err)
+int Run(const Prepare& prepare, const Options& options, std::ostream& out, std::ostream& err)
 {
     try {
         const Recording recording = ReadFile(options.file);
         TellLosses(recording, options, err);
-        if (!Write(recording, show, options, out, err)) {
+        if (!Write(prepare(recording), options, out, err)) {
             return EXIT_FAILURE;
         }
         return recording.cut ? EXIT_CUT : EXIT_SUCCESS;
+    } catch (const std::system_error& error) {
+        const bool isMissing = error.code() == std::errc::no_such_file_or_directory;
+        Complain(err, options.file + ": " + error.code().message() +
+                          (isMissing ? "; a recording begins with the first event that has its "
+                                       "flag set"
+                                     : ""));
+        return EXIT_FAILURE;
     } catch (const std::exception& error) {
         Complain(err, options.file + ": " + error.what());
         return EXIT_FAILURE;
     }
 }
 
-void AddSelection(CLI::App* command, Selection* selection)
+void AddSelection(CLI::App* command, Options* options)
 {
+    Selection* const selection = &options->selection;
     command
         ->add_option("--thread", selection->thread, "Only calls made by this thread (name or id)")
         ->option_text("NAME");
@@ -129,8 +151,8 @@ void AddSelection(CLI::App* command, Selection* selection)
         ->add_option("--task", selection->task,
                      "Only calls made by this task, and sends to its handlers")
         ->option_text("NAME");
-    command->add_option("--type", selection->type, "Only calls with events of this type")
-        ->option_text("NUMBER");
+    command->add_option("--type", options->type, "Only calls with events of this type")
+        ->option_text("NUMBER|NAME");
     command->add_option("--since", selection->since, "Only calls that ended at this time or later")
         ->option_text("SECONDS");
     command
@@ -140,6 +162,10 @@ void AddSelection(CLI::App* command, Selection* selection)
         ->check(CLI::NonNegativeNumber)
         ->option_text("SECONDS");
     command->add_flag("--unfinished", selection->unfinished, "Only calls that have not finished");
+    command
+        ->add_option("--types", options->typesFile,
+                     "Names of event types, in lines such as '101 EV_ASK'")
+        ->option_text("FILE");
 }
 
 CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, Options* options)
@@ -151,27 +177,51 @@ CLI::App* AddCommand(CLI::App& app, const char* name, const char* description, O
     return command;
 }
 
-/// What a command shows of a recording.
-Show ShowFor(const std::string& command, const Options& options)
+/// Reads the names of event types, and finds the type that is asked for.
+void TakeTypes(Options* options)
 {
-    if (command == "info") {
-        return PrintSummary;
+    if (!options->typesFile.empty()) {
+        options->types.ReadFile(options->typesFile);
     }
-    if (command == "path") { // which looks at all calls to explain one
-        return [&options](const Recording& recording, std::ostream& out) {
-            PrintPath(recording, options.selection, options.asJson, out);
+    if (!options->type.empty()) {
+        options->selection.type = options->types.Find(options->type);
+        if (!options->selection.type) {
+            throw std::runtime_error("'" + options->type +
+                                     "' is neither a number nor the name of an event type");
+        }
+    }
+}
+
+/// What a command shows of a recording. What is returned lives as long as that and the options.
+Prepare ShowFor(const std::string& command, const Options& options)
+{
+    if (command == "page") { // which shows all calls, and explains one
+        return [&options](const Recording& recording) -> Show {
+            const auto data = std::make_shared<nlohmann::json>(
+                PageData(recording, options.selection, options.types));
+            return [data](std::ostream& out) { PrintPage(*data, out); };
         };
     }
-    return [&options, command](const Recording& recording, std::ostream& out) {
-        const Recording selected = Select(recording, options.selection);
-        const TaskNames names(CallsOf(recording));
-        if (command == "print") {
-            PrintRecords(selected, names, options.isWallTime, out);
-        } else if (command == "export") {
-            ExportTrace(selected, names, out);
-        } else {
-            PrintTop(selected, options.asJson, out);
-        }
+    return [&options, command](const Recording& recording) -> Show {
+        return [&options, &recording, command](std::ostream& out) {
+            if (command == "info") {
+                PrintSummary(recording, out);
+                return;
+            }
+            if (command == "path") { // which looks at all calls to explain one
+                PrintPath(recording, options.selection, options.types, options.asJson, out);
+                return;
+            }
+            const Recording selected = Select(recording, options.selection);
+            const TaskNames names(CallsOf(recording));
+            if (command == "print") {
+                PrintRecords(selected, names, options.types, options.isWallTime, out);
+            } else if (command == "export") {
+                ExportTrace(selected, names, options.types, out);
+            } else {
+                PrintTop(selected, options.types, options.asJson, out);
+            }
+        };
     };
 }
 
@@ -195,7 +245,6 @@ int RunTool(int argc, const char* const* argv, std::ostream& out, std::ostream& 
                     "The time of day, not seconds since the recording began");
     CLI::App* const trace = AddCommand(
         app, "export", "Write trace-event JSON, to standard output unless -o is given", &options);
-    trace->add_option("-o,--output", options.output, "The file to write")->option_text("OUT");
     CLI::App* const top = AddCommand(
         app, "top", "Print how long events waited and were handled, by task and type", &options);
     CLI::App* const path =
@@ -203,14 +252,28 @@ int RunTool(int argc, const char* const* argv, std::ostream& out, std::ostream& 
     for (CLI::App* const command : {top, path}) {
         command->add_flag("--json", options.asJson, "JSON, times in nanoseconds");
     }
-    for (CLI::App* const command : {print, trace, top, path}) {
-        AddSelection(command, &options.selection);
+    CLI::App* const page = AddCommand(app, "page",
+                                      "Write a page for a browser, to standard output unless -o is "
+                                      "given. Options choose the call\n"
+                                      "whose path it shows.",
+                                      &options);
+    for (CLI::App* const command : {trace, page}) {
+        command->add_option("-o,--output", options.output, "The file to write")->option_text("OUT");
+    }
+    for (CLI::App* const command : {print, trace, top, path, page}) {
+        AddSelection(command, &options);
     }
     AddCommand(app, "info", "Print a summary", &options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return app.exit(error, out, err) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    }
+    try {
+        TakeTypes(&options);
+    } catch (const std::exception& error) {
+        Complain(err, error.what());
+        return EXIT_FAILURE;
     }
     return Run(ShowFor(app.get_subcommands().front()->get_name(), options), options, out, err);
 }

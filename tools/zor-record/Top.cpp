@@ -91,7 +91,7 @@ std::string Cells(const Durations& durations)
     return cells;
 }
 
-void PrintTable(const std::vector<Row>& rows, std::ostream& out)
+void PrintTable(const std::vector<Row>& rows, const TypeNames& types, std::ostream& out)
 {
     out << "                                         waiting, ms                      "
            "handling, ms\n"
@@ -102,6 +102,9 @@ void PrintTable(const std::vector<Row>& rows, std::ostream& out)
         std::snprintf(head, sizeof(head), "%-16s %9llu %8zu", Escaped(row.task).c_str(),
                       static_cast<unsigned long long>(row.type), row.handling.size());
         out << head << Cells(row.waiting) << Cells(row.handling);
+        if (const std::string& name = types.NameOf(row.type); !name.empty()) {
+            out << "  " << Escaped(name);
+        }
         if (row.unfinished != 0) {
             out << "  " << row.unfinished << " unfinished";
         }
@@ -119,22 +122,32 @@ nlohmann::json JsonOf(const Durations& durations)
 
 } // namespace
 
-void PrintTop(const Recording& recording, bool asJson, std::ostream& out)
+nlohmann::json TopOf(const std::vector<Call>& calls, const TypeNames& types)
 {
-    const std::vector<Row> rows = RowsOf(CallsOf(recording));
+    nlohmann::json list = nlohmann::json::array();
+    for (const Row& row : RowsOf(calls)) {
+        nlohmann::json object = {{"task", row.task},
+                                 {"type", row.type},
+                                 {"unfinished", row.unfinished},
+                                 {"waiting", JsonOf(row.waiting)},
+                                 {"handling", JsonOf(row.handling)}};
+        if (const std::string& name = types.NameOf(row.type); !name.empty()) {
+            object["type_name"] = name;
+        }
+        list.push_back(std::move(object));
+    }
+    return list;
+}
+
+void PrintTop(const Recording& recording, const TypeNames& types, bool asJson, std::ostream& out)
+{
+    const std::vector<Call> calls = CallsOf(recording);
     if (!asJson) {
-        PrintTable(rows, out);
+        PrintTable(RowsOf(calls), types, out);
         return;
     }
-    nlohmann::json list = nlohmann::json::array();
-    for (const Row& row : rows) {
-        list.push_back({{"task", row.task},
-                        {"type", row.type},
-                        {"unfinished", row.unfinished},
-                        {"waiting", JsonOf(row.waiting)},
-                        {"handling", JsonOf(row.handling)}});
-    }
-    out << list.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+    out << TopOf(calls, types).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+        << '\n';
 }
 
 } // namespace zorrecord

@@ -1,8 +1,12 @@
 #pragma once
 
 #include <iosfwd>
+#include <nlohmann/json_fwd.hpp>
+#include <vector>
 
+#include "Calls.h"
 #include "Reader.h"
+#include "TypeNames.h"
 
 namespace zorrecord {
 
@@ -12,6 +16,9 @@ namespace zorrecord {
 /// finished counts with what it has taken so far.
 ///
 /// @param asJson  an array of objects, times in nanoseconds, instead of a table
-void PrintTop(const Recording& recording, bool asJson, std::ostream& out);
+void PrintTop(const Recording& recording, const TypeNames& types, bool asJson, std::ostream& out);
+
+/// The same as an array of objects.
+nlohmann::json TopOf(const std::vector<Call>& calls, const TypeNames& types);
 
 } // namespace zorrecord

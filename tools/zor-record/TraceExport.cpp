@@ -46,8 +46,13 @@ class ArrayWriter
 class Export
 {
  public:
-    Export(const Recording& recording, const TaskNames& names, std::ostream& out)
-        : m_recording(recording), m_calls(CallsOf(recording)), m_names(names), m_events(out)
+    Export(const Recording& recording, const TaskNames& names, const TypeNames& types,
+           std::ostream& out)
+        : m_recording(recording),
+          m_calls(CallsOf(recording)),
+          m_names(names),
+          m_types(types),
+          m_events(out)
     {}
 
     void AddTracks()
@@ -130,16 +135,16 @@ class Export
         return "call";
     }
 
-    static std::string Name(const Call& call)
+    std::string Name(const Call& call) const
     {
         return NameOf(call) + (call.finished ? "" : " (unfinished)");
     }
 
-    static std::string NameOf(const Call& call)
+    std::string NameOf(const Call& call) const
     {
         if (call.event) {
             const std::string verb = call.shape == Shape::SEND ? "send " : "handle ";
-            return verb + std::to_string(call.event->type);
+            return verb + m_types.TextOf(call.event->type);
         }
         return call.location != nullptr ? call.location->function
                                         : "location " + std::to_string(call.record->location);
@@ -154,6 +159,9 @@ class Export
         }
         if (call.event) {
             AddEvent(*call.event, &arguments);
+            if (const std::string& name = m_types.NameOf(call.event->type); !name.empty()) {
+                arguments["type_name"] = name;
+            }
             if (const std::string& task = m_names.ReceiverOf(call); !task.empty()) {
                 arguments["receiver_task"] = task;
             }
@@ -197,15 +205,17 @@ class Export
     const Recording& m_recording;
     const std::vector<Call> m_calls;
     const TaskNames& m_names;
+    const TypeNames& m_types;
     ArrayWriter m_events;
 };
 
 } // namespace
 
-void ExportTrace(const Recording& recording, const TaskNames& names, std::ostream& out)
+void ExportTrace(const Recording& recording, const TaskNames& names, const TypeNames& types,
+                 std::ostream& out)
 {
     out << R"({"displayTimeUnit":"ns","traceEvents":[)";
-    Export trace(recording, names, out);
+    Export trace(recording, names, types, out);
     trace.AddTracks();
     trace.AddSlices();
     trace.AddFlows();

@@ -4,6 +4,7 @@
 
 #include "Reader.h"
 #include "TaskNames.h"
+#include "TypeNames.h"
 
 namespace zorrecord {
 
@@ -12,6 +13,7 @@ namespace zorrecord {
 /// recording began.
 ///
 /// @param names  of the whole recording, if this is a part of it
-void ExportTrace(const Recording& recording, const TaskNames& names, std::ostream& out);
+void ExportTrace(const Recording& recording, const TaskNames& names, const TypeNames& types,
+                 std::ostream& out);
 
 } // namespace zorrecord

@@ -102,7 +102,7 @@ def _report(target, snapshot, options, beside):
         path = records.find_recording(target, snapshot.get("environment"), options.record_file)
         if path:
             tool = records.find_tool(beside)
-            report["records"] = records.last_records(path, options.records, tool)
+            report["records"] = records.last_records(path, options.records, tool, options.types)
     return report
 
 

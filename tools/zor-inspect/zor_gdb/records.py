@@ -48,14 +48,17 @@ def find_tool(beside):
     return here if os.access(here, os.X_OK) else shutil.which("zor-record")
 
 
-def last_records(path, count, tool):
-    """The last lines of the recording, with what went wrong, if anything."""
+def last_records(path, count, tool, types=None):
+    """The last lines of the recording, with what went wrong, if anything.
+
+    types: a file with names of event types
+    """
     records = {"file": path, "lines": [], "problem": None}
     if tool is None:
         records["problem"] = "zor-record, which reads it, is not installed"
         return records
     run = subprocess.run(
-        [tool, "print", path],
+        [tool, "print", *(["--types", types] if types else []), path],
         stdin=subprocess.DEVNULL,
         capture_output=True,
         text=True,

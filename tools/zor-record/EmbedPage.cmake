@@ -1,0 +1,50 @@
+# Makes PageParts.cpp: the page with its style, its library and its script in it, cut in two where the
+# data goes. Run with -D PAGE=folder -D LIBRARY=files -D OUTPUT=file.
+cmake_minimum_required(VERSION 3.25)
+
+file(READ ${PAGE}/page.html text)
+file(READ ${PAGE}/page.css style)
+file(READ ${PAGE}/LICENSE.d3 license)
+set(library "/*\n${license}*/\n")
+foreach(file IN LISTS LIBRARY)
+  file(READ ${file} part)
+  string(APPEND library "${part}\n")
+endforeach()
+set(script "")
+foreach(file model.js drawing.js page.js)
+  file(READ ${PAGE}/${file} part)
+  string(APPEND script "${part}\n")
+endforeach()
+foreach(part style library script)
+  string(TOLOWER "${${part}}" lower)
+  if(lower MATCHES "</(script|style)" OR lower MATCHES "<!--")
+    message(FATAL_ERROR "the page's ${part} has a text that would end it")
+  endif()
+endforeach()
+string(REPLACE "@STYLE@" "${style}" text "${text}")
+string(REPLACE "@LIBRARY@" "${library}" text "${text}")
+string(REPLACE "@SCRIPT@" "${script}" text "${text}")
+
+string(FIND "${text}" "@DATA@" middle)
+if(middle EQUAL -1)
+  message(FATAL_ERROR "${PAGE}/page.html has no place for the data")
+endif()
+string(SUBSTRING "${text}" 0 ${middle} head)
+math(EXPR middle "${middle} + 6")
+string(SUBSTRING "${text}" ${middle} -1 tail)
+
+set(source "#include \"PageParts.h\"\n\nnamespace zorrecord {\nnamespace {\n\n")
+foreach(part head tail)
+  file(WRITE ${OUTPUT}.${part} "${${part}}")
+  file(READ ${OUTPUT}.${part} bytes HEX)
+  file(REMOVE ${OUTPUT}.${part})
+  string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${bytes}")
+  string(REGEX REPLACE "(................................................................................)" "\\1\n"
+         bytes "${bytes}")
+  string(APPEND source "constexpr unsigned char ${part}[] = {\n${bytes}};\n\n")
+endforeach()
+string(APPEND source "} // namespace\n\n"
+  "const std::string_view PAGE_HEAD(reinterpret_cast<const char*>(head), sizeof(head));\n"
+  "const std::string_view PAGE_TAIL(reinterpret_cast<const char*>(tail), sizeof(tail));\n\n"
+  "} // namespace zorrecord\n")
+file(WRITE ${OUTPUT} "${source}")
