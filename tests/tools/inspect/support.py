@@ -155,7 +155,7 @@ class InspectCase(unittest.TestCase):
 
     def core_of_death(self, mode, **settings):
         """A troubled daemon that has died, and its core, made by gdb at the signal."""
-        daemon = self.start(mode, program=TROUBLED, **settings)
+        daemon = self.start(mode, **{"program": TROUBLED} | settings)
         core = os.path.join(self.folder(), "core")
         command = ["gdb", "-nx", "-batch", "-iex", "set debuginfod enabled off"]
         command += ["-p", str(daemon.pid), "-ex", "handle SIG34 SIG64 nostop noprint"]
