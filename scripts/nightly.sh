@@ -2,14 +2,15 @@
 # What every change should stand but takes too long for each one: run it over night, and before a release.
 #   scripts/nightly.sh [HOURS]
 # In HOURS (default 1) for each: the storm in an ordinary build and under both sanitizers. Then all tests 50
-# times under each sanitizer, once in clang's build and once on an emulated aarch64, each fuzzer for ten minutes,
-# the packages built twice, the unit tests under the simulator, and README's commands and the packages in minimal
-# systems of both Debian releases. Goes on after a failure; ends with status 0 if nothing failed.
+# times under each sanitizer, once for their coverage and once in clang's build, the packages for aarch64, each
+# fuzzer for ten minutes, the packages built twice, the unit tests under the simulator, and README's commands and
+# the packages in minimal systems of both Debian releases. Goes on after a failure; ends with status 0 if nothing
+# failed.
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 case ${1:-} in
 -h | --help)
-    sed -n '2,7s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
+    sed -n '2,8s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
     exit 0
     ;;
 esac
@@ -33,8 +34,8 @@ done
 for preset in asan tsan; do
     part "50 times all tests in $preset" scripts/test.sh "$preset" --repeat until-fail:50
 done
+part "coverage" scripts/coverage.sh
 part "tests of clang's build" scripts/test.sh clang
-part "tests on aarch64, emulated" scripts/aarch64.sh
 part "packages for aarch64" scripts/aarch64.sh --packages
 part "fuzzers" scripts/fuzz.sh 600
 part "packages built twice" scripts/reproducible.sh

@@ -35,7 +35,8 @@ class Stripped(InspectCase):
                     ],
                 )
                 told = {t["name"]: t["summary"] for d in report["deadlocks"] for t in d["threads"]}
-                self.assertRegex(told["Scan"], "^synchronous send of type 101 to Store.*, behind 1 event$")
+                send = "^synchronous send of type 101 to Store.*, behind 1 event$"
+                self.assertRegex(told["Scan"], send)
                 for name, wanted, holder in (
                     ("Store", "TCMutex", "Scan"),
                     ("Left", "mutex", "Right"),
