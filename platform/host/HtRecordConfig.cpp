@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <charconv>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -68,6 +69,15 @@ std::string ExpandPath(std::string_view path)
     }
 }
 
+std::string AbsolutePath(std::string path)
+{
+    char folder[PATH_MAX];
+    if (path[0] == '/' || getcwd(folder, sizeof(folder)) == nullptr) {
+        return path;
+    }
+    return std::string(folder) + '/' + path;
+}
+
 TSRecordConfig ReadRecordConfig()
 {
     TSRecordConfig config;
@@ -75,7 +85,7 @@ TSRecordConfig ReadRecordConfig()
     if (path == nullptr || *path == '\0') {
         return config;
     }
-    config.path = ExpandPath(path);
+    config.path = AbsolutePath(ExpandPath(path));
     config.ringSize = DEFAULT_RING_SIZE;
     char name[format::NAME_SIZE] = "";
     prctl(PR_GET_NAME, name, 0, 0, 0); // of the first thread, as yet

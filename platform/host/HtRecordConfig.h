@@ -26,6 +26,11 @@ std::uint64_t ParseRingSize(std::string_view text);
 /// Puts the process id in place of each "%p".
 std::string ExpandPath(std::string_view path);
 
+/// The path from the root: the file is made later, and the process may have gone elsewhere by then.
+///
+/// @param path  not empty
+std::string AbsolutePath(std::string path);
+
 /// Makes the configuration from ZOR_RECORD (the path; each "%p" stands for the process id) and
 /// ZOR_RECORD_SIZE (the ring's size, rounded up to whole pages). Says in the platform log what is
 /// wrong with a size that cannot be followed, and takes the default.

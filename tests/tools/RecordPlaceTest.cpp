@@ -116,6 +116,16 @@ TEST_F(RecordPlaceTest, OldFileThatIsNoRecordingIsLeftAlone)
     EXPECT_EQ(RecordsIn(path), 6U);
 }
 
+TEST_F(RecordPlaceTest, RelativePathIsFromWhereTheProcessBegan)
+{
+    const zortest::ProgramResult result = zortest::RunProgram(
+        "/bin/sh",
+        {"-c", "cd \"$1\" && exec \"$2\" elsewhere", "sh", directory.Path(""), RECORDED_PROGRAM},
+        {{"ZOR_RECORD", "calls.zor"}});
+    EXPECT_EQ(result.out, "called\n");
+    EXPECT_EQ(RecordsIn(path), 2U);
+}
+
 TEST_F(RecordPlaceTest, EmptyFilesAreTaken)
 {
     zortest::WriteText(path, "");

@@ -252,11 +252,11 @@ int RunTool(int argc, const char* const* argv, std::ostream& out, std::ostream& 
     for (CLI::App* const command : {top, path}) {
         command->add_flag("--json", options.asJson, "JSON, times in nanoseconds");
     }
-    CLI::App* const page = AddCommand(app, "page",
-                                      "Write a page for a browser, to standard output unless -o is "
-                                      "given. Options choose the call\n"
-                                      "whose path it shows.",
-                                      &options);
+    CLI::App* const page = AddCommand(
+        app, "page",
+        "Write a page for a browser, to standard output unless -o is given; of the calls that\n"
+        "options ask for it shows the longest one's path",
+        &options);
     for (CLI::App* const command : {trace, page}) {
         command->add_option("-o,--output", options.output, "The file to write")->option_text("OUT");
     }
