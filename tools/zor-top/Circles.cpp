@@ -53,6 +53,16 @@ std::string Words(pid_t thread, const Edge& edge, const Snapshot& snapshot)
     return name + ": synchronous send to " + edge.what + text;
 }
 
+/// The place of a thread's task among the tasks; behind them if it has none.
+std::size_t PlaceOf(pid_t thread, const Snapshot& snapshot)
+{
+    std::size_t place = 0;
+    while (place < snapshot.tasks.size() && snapshot.tasks[place].thread != thread) {
+        ++place;
+    }
+    return place;
+}
+
 /// Whether a thread has not run between two looks, at which it slept.
 bool HasSlept(pid_t thread, const Snapshot& before, const Snapshot& now)
 {
@@ -89,6 +99,9 @@ std::vector<Circle> FindCircles(const Snapshot& before, const Snapshot& now)
         if (begin == path.end()) {
             continue;
         }
+        const auto first = std::min_element(
+            begin, path.end(), [&](pid_t a, pid_t b) { return PlaceOf(a, now) < PlaceOf(b, now); });
+        std::rotate(begin, first, path.end()); // it is told from the oldest task on
         Circle circle;
         for (auto thread = begin; thread != path.end(); ++thread) {
             circle.threads.push_back(*thread);
