@@ -85,9 +85,15 @@ class Numbers(TopCase):
         (notice,) = notices_of(report, "handler")
         self.assertRegex(notice, r"^Filled has been handling 100 of Tuner for at least [\d.]+ s$")
 
-    def test_ADeadlockIsToldWithEveryWait(self):
+    def start_circle(self):
+        """A daemon whose circle is closed: that takes a moment after it has been told to."""
         daemon = self.start("circle")
-        report = self.report(daemon.pid, number=2)
+        self.assertTrue(eventually(lambda: self.report(daemon.pid)["deadlocks"]))
+        return daemon
+
+    def test_ADeadlockIsToldWithEveryWait(self):
+        daemon = self.start_circle()
+        report = self.report(daemon.pid)
         (circle,) = report["deadlocks"]
         self.assertCountEqual(circle["names"], ["First", "Second"])
         self.assertCountEqual(circle["threads"], daemon.threads.values())
@@ -101,7 +107,7 @@ class Numbers(TopCase):
         self.assertEqual(task_named(report, "Second")["state"], "lock")
 
     def test_TheTextTellsADeadlockFirst(self):
-        daemon = self.start("circle")
+        daemon = self.start_circle()
         run = self.run_tool("--batch", 1, "--interval", 1200, daemon.pid)
         self.assertEqual((run.returncode, run.stderr), (0, ""))
         self.assertEqual(run.stdout.splitlines()[1], "! deadlock: First -> Second -> First")
