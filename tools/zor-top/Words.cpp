@@ -1,10 +1,11 @@
 #include "Words.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <vector>
 
@@ -23,6 +24,22 @@ const char* RuntimeName(const InHand& inHand)
         return OWN_TYPES[inHand.type];
     }
     return nullptr;
+}
+
+/// A whole number, decimal or with 0x, 0o or 0b before it.
+std::optional<std::uint64_t> NumberIn(std::string text)
+{
+    static const std::map<std::string, int> BASES{{"0x", 16}, {"0o", 8}, {"0b", 2}};
+    int base = 10;
+    const auto found = BASES.find(text.substr(0, 2));
+    if (found != BASES.end()) {
+        base = found->second;
+        text.erase(0, 2);
+    }
+    std::uint64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number, base);
+    return error == std::errc() && rest == end ? std::optional(number) : std::nullopt;
 }
 
 std::string HandlingWords(const TaskReport& task, const Report& report)
@@ -149,13 +166,12 @@ std::map<std::uint64_t, std::string> ReadTypeNames(const std::string& path)
         if (found.empty()) {
             continue;
         }
-        char* end = nullptr;
-        const std::uint64_t type = std::strtoull(found[0].c_str(), &end, 0);
-        if (found.size() != 2 || *end != '\0') {
+        const std::optional<std::uint64_t> type = NumberIn(found[0]);
+        if (found.size() != 2 || !type) {
             throw Problem(USAGE, "'" + path + "', line " + std::to_string(number) +
                                      ": not a number and a name, as in '101 EV_ASK'");
         }
-        names[type] = found[1];
+        names[*type] = found[1];
     }
     return names;
 }

@@ -136,9 +136,11 @@ TEST(WordsTest, TheRuntimesTypesAndThoseOfAFileHaveNames)
 TEST(WordsTest, AFileOfNamesHasRemarksAndNumbersOfAnyBase)
 {
     const std::string path = testing::TempDir() + "zor-top-types";
-    std::ofstream(path) << "# of the tuner\n101 EV_ASK\n\n0x10 EV_RUN # hexadecimal\n";
+    std::ofstream(path)
+        << "# of the tuner\n101 EV_ASK\n\n0x10 EV_RUN # not 10\n010 EV_TEN\n0b11 EV_THREE\n";
     EXPECT_EQ(ReadTypeNames(path),
-              (std::map<std::uint64_t, std::string>{{101, "EV_ASK"}, {16, "EV_RUN"}}));
+              (std::map<std::uint64_t, std::string>{
+                  {101, "EV_ASK"}, {16, "EV_RUN"}, {10, "EV_TEN"}, {3, "EV_THREE"}}));
     std::ofstream(path) << "101 EV_ASK\nEV_RUN 100\n";
     try {
         ReadTypeNames(path);
