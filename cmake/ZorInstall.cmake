@@ -74,7 +74,7 @@ if(TARGET qv-win-util)
   install(TARGETS qv-win-util LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/zor-core
           COMPONENT platform)
 endif()
-foreach(tool zor-record zor-tsmon infobox)
+foreach(tool zor-record zor-top zor-tsmon infobox)
   if(TARGET ${tool})
     install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   endif()

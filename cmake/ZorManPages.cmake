@@ -43,6 +43,7 @@ zor_man_page(zor-apart "runs a command with a /tmp of its own")
 zor_man_page(zor-inspect "shows what a running, hung or dead daemon is doing")
 zor_man_page(zor-record "shows the calls that a daemon has recorded")
 zor_man_page(zor-sim "runs a program with threads by seed and in virtual time")
+zor_man_page(zor-top "shows what the tasks of a running daemon do, again and again")
 if(TARGET zor-tsmon-help)
   # A daemon makes its pid file before it reads its arguments, so another program says its help.
   zor_man_page(zor-tsmon "monitors the services of a transport stream"

@@ -22,6 +22,10 @@
 // not. Those that this library is built with do: no class here has a virtual base.
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"
 
+// What is measured here are members as they lie in memory: pointers and containers themselves.
+// Names of types and members cannot stand in parentheses.
+// NOLINTBEGIN(bugprone-sizeof-expression,bugprone-sizeof-container,bugprone-macro-parentheses)
+
 namespace zor {
 namespace {
 
@@ -289,3 +293,5 @@ using ZorCoreLayout = decltype(zor::Make());
 ZOR_CORE_API extern const ZorCoreLayout zor_core_layout;
 const ZorCoreLayout zor_core_layout = zor::Make();
 }
+
+// NOLINTEND(bugprone-sizeof-expression,bugprone-sizeof-container,bugprone-macro-parentheses)

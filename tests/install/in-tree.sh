@@ -15,7 +15,7 @@ cmake --build "$build"
 ctest --test-dir "$build" --output-on-failure
 expected=$(page_block "output of greeter")
 run_daemon "" "$build/greeter" "$expected"
-for program in zor-record zor-sim zor-tsmon infobox; do
+for program in zor-record zor-sim zor-top zor-tsmon infobox; do
     [ -z "$(find "$build" -name "$program")" ] || fail "$program was built, which nobody has asked for"
 done
 

@@ -7,7 +7,7 @@ unset LD_LIBRARY_PATH PYTHONPATH
 stream=$SCRATCH/stream.ts # the sources may lie in /tmp
 cp "$SOURCE_DIR/examples/data/three-services.ts" "$stream"
 
-for tool in zor-apart zor-inspect zor-record zor-sim; do
+for tool in zor-apart zor-inspect zor-record zor-sim zor-top; do
     [ "$(command -v $tool)" = "/usr/bin/$tool" ] || fail "$tool is $(command -v $tool)"
     [[ $($tool --version) == "$tool 1."* ]] || fail "$tool says: $($tool --version)"
 done
@@ -69,7 +69,7 @@ else
 fi
 
 if command -v man >/dev/null; then
-    for page in infobox zor-apart zor-inspect zor-record zor-sim zor-tsmon zor-core; do
+    for page in infobox zor-apart zor-inspect zor-record zor-sim zor-top zor-tsmon zor-core; do
         # The line with the name may be stretched.
         log=$(MANPAGER=cat man "$page" 2>&1) && grep -q "^ *$page \+[^ ]\+ \+[^ ]" <<<"$log" || fail "man $page: $log"
     done

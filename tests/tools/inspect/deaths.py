@@ -64,8 +64,10 @@ class Death(InspectCase):
         subprocess.run(["strip", "--strip-all", "-o", library, source], check=True)
         paths = {"LD_LIBRARY_PATH": f"{folder}:{LIBRARIES}"}
         daemon, core = self.core_of_death("misuse", environment=paths)
+        said = self.fail_tool(NO_PROGRAM, core)
+        self.assertRegex(said, rf"\n  Doomed +{daemon.tasks['Doomed']} +0 +\d+  handling 100\n")
         self.assertRegex(
-            self.fail_tool(NO_PROGRAM, core),
+            said,
             r"an assertion has failed: event != NULL at Task\.cpp:\d+, in Doomed "
             rf"\(thread {daemon.tasks['Doomed']}\); more cannot be said: .*debug information",
         )

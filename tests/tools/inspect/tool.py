@@ -258,8 +258,13 @@ class Errors(InspectCase):
         subprocess.run(["strip", "--strip-all", "-o", program, DAEMON], check=True)
         paths = {"LD_LIBRARY_PATH": f"{folder}:{LIBRARIES}"}
         daemon = self.start("idle", program=program, environment=paths)
-        self.assertIn("debug", self.fail_tool(NOT_ZOR_CORE, daemon.pid))
+        said = self.fail_tool(NOT_ZOR_CORE, daemon.pid)
+        self.assertIn("debug", said)
         self.assertTrue(daemon.is_alive())
+        # Its table tells of the tasks nevertheless.
+        self.assertIn("What the library tells without it:", said)
+        for name, thread in daemon.tasks.items():
+            self.assertRegex(said, rf"(?m)^  {name} +{thread} +0 +\d+  idle$")
 
     def test_ACoreTakesItsOwnProgramOnly(self):
         core = self.core_of(self.start("idle"))

@@ -112,14 +112,35 @@ def base_of(type_, name):
     raise KeyError(f"{type_} has no base {name}")
 
 
+def reader():
+    """Reads the file at addresses, as it is loaded. Not by gdb, for which the room of thread-local
+    variables may lie over what is there."""
+    with open(gdb.current_progspace().filename, "rb") as file:
+        data = file.read()
+    begin, size, count = struct.unpack_from("=Q", data, 32) + struct.unpack_from("=HH", data, 54)
+    parts = []
+    for i in range(count):
+        kind, _, offset, address, _, length = struct.unpack_from("=IIQQQQ", data, begin + i * size)
+        if kind == 1:  # is loaded
+            parts.append((address, offset, length))
+
+    def read(at, wanted):
+        for address, offset, length in parts:
+            if address <= at and at + wanted <= address + length:
+                return data[offset + at - address :][:wanted]
+        raise KeyError(f"{at:#x} is not in the file")
+
+    return read
+
+
 def text(data):
     return data.split(b"\0")[0].decode()
 
 
 def main():
     table = int(gdb.parse_and_eval("(unsigned long)&zor_core_layout"))
-    read = gdb.selected_inferior().read_memory
-    head = HEAD.unpack(bytes(read(table, HEAD.size)))
+    read = reader()
+    head = HEAD.unpack(read(table, HEAD.size))
     magic, form, size, _, objects_at, object_size, object_count, at, step, count = head
     problems = []
     if text(magic) != "zor-core-layout" or form != 1 or not count or not object_count:
@@ -128,9 +149,9 @@ def main():
         problems.append(f"the table has {size} bytes by its own account")
     names = []
     for i in range(object_count):
-        names.append(text(OBJECT.unpack(bytes(read(table + objects_at + i * object_size, OBJECT.size)))[0]))
+        names.append(text(OBJECT.unpack(read(table + objects_at + i * object_size, OBJECT.size))[0]))
     for i in range(count):
-        raw, *stated = ENTRY.unpack(bytes(read(table + at + i * step, ENTRY.size)))
+        raw, *stated = ENTRY.unpack(read(table + at + i * step, ENTRY.size))
         name = text(raw)
         names.append(name)
         try:

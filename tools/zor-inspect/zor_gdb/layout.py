@@ -75,6 +75,49 @@ class Layout:
         }
 
 
+    def offset(self, name):
+        try:
+            return self._entries[name][0]
+        except KeyError:
+            raise Missing(f"the table of layouts has no {name}") from None
+
+    def tasks(self):
+        """The registered tasks, oldest first, as far as they can be read."""
+        found = []
+        head = self.object("TCTaskList::m_taskList")
+        node = self.number(head, "std::list.next")
+        while node != head and len(found) < memory.LONGEST_LIST:
+            task = self.number(node, "std::list.value")
+            try:
+                found.append(self._task(task))
+            except gdb.MemoryError:
+                pass  # it may be gone, or be damaged
+            node = self.number(node, "std::list.next")
+        return found
+
+    def _task(self, task):
+        thread = self.number(task + self.offset("TCTask:TCThread"), "TCThread.m_kernelId", True)
+        receiver = self.number(task, "TCTask.m_handledEvents.m_receiver")
+        return {
+            "name": self.text(task, "TCTask.m_taskName"),
+            "thread": thread if thread > 0 else None,
+            "queued": self.number(task + self.offset("TCTask:TCQueue"), "TCQueue.m_count"),
+            "handled": self.number(task, "TCTask.m_handledEvents.m_count"),
+            "in_hand": self.number(task, "TCTask.m_handledEvents.m_type") if receiver else None,
+            "paused": bool(self.number(task, "TCTask.m_paused")),
+        }
+
+
+def what_it_tells():
+    """What can be said of a process by the table alone."""
+    told = {"assertion": failed_assertion(), "tasks": []}
+    try:
+        told["tasks"] = Layout().tasks()
+    except (Missing, gdb.error, gdb.MemoryError):
+        pass
+    return told
+
+
 def failed_assertion():
     """What Layout says, as far as there is a table that can be read; None if not."""
     try:

@@ -7,7 +7,7 @@ out in `analysis`, when the process runs again.
 
 import gdb
 
-from . import locks, memory, objects, rtti, supervisor, threads
+from . import layout, locks, memory, objects, rtti, supervisor, threads
 from .analysis import LOOP_BODY
 
 ALL_ONES = (1 << 64) - 1
@@ -17,7 +17,12 @@ NEEDED = ("TCTaskList", "TCTask", "TCSyncDet", "TCTimersScheduler", "TSEvent")
 
 
 class NotTheRuntime(Exception):
-    """The process has no zor-core runtime, or one without debug information."""
+    """The process has no zor-core runtime, or one without debug information; the table of the
+    library may tell something of it all the same."""
+
+    def __init__(self, text):
+        super().__init__(text)
+        self.told = layout.what_it_tells()  # while the process is there to be read
 
 
 def check():

@@ -128,14 +128,31 @@ def _assertion(failed):
     )
 
 
+def _tasks(tasks):
+    """What the library tells of its tasks without debug information, behind the words about that."""
+    if not tasks:
+        return ""
+    lines = ["", "What the library tells without it:"]
+    lines.append(f"  {'TASK':<15}  {'THREAD':>7}  {'QUEUED':>6}  {'HANDLED':>10}  STATE")
+    for task in tasks:
+        state = "idle" if task["in_hand"] is None else f"handling {task['in_hand']}"
+        state = "paused" if task["paused"] else state
+        thread = task["thread"] or "-"
+        numbers = f"{thread:>7}  {task['queued']:>6}  {task['handled']:>10}"
+        lines.append(f"  {task['name']:<15}  {numbers}  {state}")
+    return "\n".join(lines)
+
+
 def _problem(target, snapshot):
     text = snapshot["text"]
     if snapshot["error"] == "runtime":
-        text = _assertion(snapshot["assertion"]) + text
+        told = snapshot["told"]
+        text = _assertion(told["assertion"]) + text
         if target.core:
             text += f"; is {target.program} the program of {target.core}, with its libraries?"
-            return Problem(NO_PROGRAM, text)
-        return Problem(NOT_ZOR_CORE, text + ": build it with -g, or install its debug symbols")
+            return Problem(NO_PROGRAM, text + _tasks(told["tasks"]))
+        text += ": build it with -g, or install its debug symbols"
+        return Problem(NOT_ZOR_CORE, text + _tasks(told["tasks"]))
     if "Operation not permitted" in text or "ptrace" in text:
         return Problem(NO_PERMISSION, f"{targets.refused(target.pid)} (gdb: {text})")
     if "No such process" in text:

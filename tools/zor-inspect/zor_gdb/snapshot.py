@@ -15,7 +15,7 @@ import gdb
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
 from zor_gdb import (  # noqa: E402
-    activity, copying, death, enumerations, layout, memory, model, typenames,
+    activity, copying, death, enumerations, memory, model, typenames,
 )
 
 MOST_FRAMES = 64  # in which the reason of a death is looked for
@@ -148,11 +148,7 @@ def main():
     try:
         answer = _run(request)
     except model.NotTheRuntime as error:
-        answer = {
-            "error": "runtime",
-            "text": str(error),
-            "assertion": layout.failed_assertion(),  # all that can be said without
-        }
+        answer = {"error": "runtime", "text": str(error), "told": error.told}
     except (gdb.error, gdb.MemoryError) as error:
         answer = {"error": "gdb", "text": str(error).strip()}
     with open(request["answer"], "w", encoding="utf-8") as file:

@@ -1,0 +1,216 @@
+#include "Reader.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "LayoutTable.h"
+#include "Problem.h"
+#include "TaskList.h"
+#include "Threads.h"
+
+// What is read of a process, here of this one: it has the runtime.
+
+namespace {
+
+using namespace zortop;
+
+/// What the process that a test makes fails with.
+std::string ProblemOf(pid_t pid, ExitCode code)
+{
+    try {
+        Reader reader(pid);
+        return "none";
+    } catch (const Problem& problem) {
+        EXPECT_EQ(problem.Code(), code) << problem.what();
+        return problem.what();
+    }
+}
+
+TEST(LayoutTest, TheTableIsFoundThroughTheMappingsAndTheSymbolsOfTheFile)
+{
+    ASSERT_FALSE(TCTaskList::FlagInitialize()); // the program needs the library
+    EXPECT_EQ(FindTable(getpid()),
+              reinterpret_cast<Address>(dlsym(RTLD_DEFAULT, zor::LAYOUT_SYMBOL)));
+}
+
+TEST(LayoutTest, AFileWithoutTheSymbolHasNone)
+{
+    EXPECT_FALSE(FindSymbol("/proc/self/exe", "zor_core_layout_of_nobody"));
+    EXPECT_FALSE(FindSymbol("/etc/passwd", zor::LAYOUT_SYMBOL));
+    EXPECT_FALSE(FindSymbol("/nowhere", zor::LAYOUT_SYMBOL));
+}
+
+TEST(LayoutTest, NamesThatTheLibraryDoesNotKnowAreAProblem)
+{
+    const Memory memory(getpid());
+    const Layout layout(memory, FindTable(getpid()));
+    EXPECT_EQ(layout.Size("TSEvent"), 128u);
+    EXPECT_THROW(layout.Offset("TCTask.m_unheardOf"), Problem);
+    EXPECT_THROW(layout.Object("TCUnheardOf::m_list"), Problem);
+}
+
+TEST(LayoutTest, WhatIsNoTableIsRefused)
+{
+    const Memory memory(getpid());
+    static zor::LayoutHead head = {};
+    EXPECT_THROW(Layout(memory, reinterpret_cast<Address>(&head)), Problem);
+    EXPECT_THROW(Layout(memory, 0), Problem);
+}
+
+TEST(LayoutTest, ALaterFormatIsNamed)
+{
+    const Memory memory(getpid());
+    static zor::LayoutHead head = {};
+    memcpy(head.magic, zor::LAYOUT_MAGIC, sizeof(head.magic));
+    head.format = 2;
+    memcpy(head.version, "9.8.7", 6);
+    try {
+        const Layout layout(memory, reinterpret_cast<Address>(&head));
+        ADD_FAILURE() << "it was read";
+    } catch (const Problem& problem) {
+        EXPECT_EQ(problem.Code(), NOT_ZOR_CORE);
+        EXPECT_EQ(
+            std::string(problem.what()),
+            "the library, version 9.8.7, has a table of layouts of format 2, and this zor-top "
+            "reads 1: take the one that came with the library");
+    }
+}
+
+TEST(LayoutTest, ADamagedTableIsRefused)
+{
+    const Memory memory(getpid());
+    static zor::LayoutHead head = {};
+    memcpy(head.magic, zor::LAYOUT_MAGIC, sizeof(head.magic));
+    head.format = zor::LAYOUT_FORMAT;
+    head.entrySize = sizeof(zor::LayoutEntry);
+    head.objectSize = sizeof(zor::LayoutObject);
+    head.entryCount = 0xFFFFFFFF;
+    EXPECT_THROW(Layout(memory, reinterpret_cast<Address>(&head)), Problem);
+    head.entryCount = 1;
+    head.entrySize = 1;
+    EXPECT_THROW(Layout(memory, reinterpret_cast<Address>(&head)), Problem);
+}
+
+TEST(MemoryTest, WhatCannotBeReadSaysSo)
+{
+    const Memory memory(getpid());
+    const int here = 7;
+    int found = 0;
+    EXPECT_TRUE(memory.Read(reinterpret_cast<Address>(&here), &found));
+    EXPECT_EQ(found, 7);
+    EXPECT_FALSE(memory.Read(Address{16}, &found));
+    EXPECT_FALSE(memory.Read(
+        {{reinterpret_cast<Address>(&here), &found, sizeof(found)}, {16, &found, sizeof(found)}}));
+}
+
+TEST(MemoryTest, MorePiecesThanTheSystemTakesAtOnceAreRead)
+{
+    const Memory memory(getpid());
+    std::vector<int> from(5000);
+    std::vector<int> to(from.size());
+    std::vector<Piece> pieces;
+    for (std::size_t i = 0; i < from.size(); ++i) {
+        from[i] = static_cast<int>(i) + 1;
+        pieces.push_back({reinterpret_cast<Address>(&from[i]), &to[i], sizeof(int)});
+    }
+    EXPECT_TRUE(memory.Read(pieces));
+    EXPECT_EQ(to, from);
+}
+
+TEST(MemoryTest, TextsEndWithAZeroAndCanBePrinted)
+{
+    const Memory memory(getpid());
+    std::string text;
+    const std::string whole(200, 'x');
+    EXPECT_TRUE(memory.ReadText(reinterpret_cast<Address>(whole.c_str()), 200, &text));
+    EXPECT_EQ(text, whole);
+    EXPECT_FALSE(memory.ReadText(reinterpret_cast<Address>(whole.c_str()), 199, &text));
+    EXPECT_FALSE(memory.ReadText(reinterpret_cast<Address>("a\x01"), 200, &text));
+}
+
+TEST(ThreadsTest, ASystemCallIsParsedAndARunningThreadIsInNone)
+{
+    const auto call = ParsedCall("202 0x7f01 0x189 0x0 0x7ffe 0x0 0xffffffff 0x7 0x8\n");
+    ASSERT_TRUE(call);
+    EXPECT_EQ(call->number, 202);
+    EXPECT_EQ(call->arguments[1], 0x189u);
+    EXPECT_FALSE(ParsedCall("running\n"));
+    EXPECT_FALSE(ParsedCall(""));
+    EXPECT_EQ(ParsedCall("-1 0x7ffe 0x7f00\n")->number, -1);
+}
+
+TEST(ThreadsTest, ThreadsComeAndGo)
+{
+    Threads threads(getpid());
+    const std::size_t before = threads.Read().size();
+    {
+        std::atomic<pid_t> id{0};
+        std::atomic<bool> end{false};
+        std::thread other([&] {
+            pthread_setname_np(pthread_self(), "the other");
+            id = gettid();
+            while (!end) {
+                std::this_thread::yield();
+            }
+        });
+        while (id == 0) {
+            std::this_thread::yield();
+        }
+        const auto found = threads.Read();
+        EXPECT_EQ(found.size(), before + 1);
+        EXPECT_EQ(found.at(id).name, "the other");
+        end = true;
+        other.join();
+    }
+    for (int i = 0; i < 1000 && threads.Read().size() != before; ++i) {
+        std::this_thread::sleep_for(
+            std::chrono::milliseconds(10)); // the kernel lists it for a while
+    }
+    EXPECT_EQ(threads.Read().size(), before);
+}
+
+TEST(ReaderTest, AProcessThatThereIsNotIsNamed)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(0);
+    }
+    siginfo_t info{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+    const std::string name = "process " + std::to_string(child);
+    EXPECT_EQ(ProblemOf(child, NO_TARGET),
+              name + " has ended; only its parent has not noticed yet");
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_EQ(ProblemOf(child, NO_TARGET), "there is no " + name);
+}
+
+TEST(ReaderTest, AProcessWithoutTheRuntimeIsNone)
+{
+    int pipes[2];
+    ASSERT_EQ(pipe(pipes), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(pipes[0], STDIN_FILENO);
+        close(pipes[1]);
+        execlp("cat", "cat", nullptr);
+        _exit(1);
+    }
+    for (std::string maps; maps.find("/cat") == std::string::npos;) {
+        maps = ReadProc("/proc/" + std::to_string(child) + "/maps");
+    }
+    EXPECT_EQ(ProblemOf(child, NOT_ZOR_CORE), "process " + std::to_string(child) +
+                                                  " is no zor-core process: it has no "
+                                                  "libzor-core.so");
+    close(pipes[1]);
+    close(pipes[0]);
+    waitpid(child, nullptr, 0);
+}
+
+} // namespace

@@ -1,0 +1,206 @@
+"""The screen of zor-top, through a terminal that keeps what it shows."""
+
+import fcntl
+import os
+import pty
+import select
+import struct
+import termios
+import time
+
+import pyte
+from support import DEADLINE, TOOL, TopCase
+
+
+class Terminal:
+    """zor-top on a terminal of its own."""
+
+    def __init__(self, *arguments, rows=24, columns=120, kind="xterm-256color"):
+        self._screen = pyte.Screen(columns, rows)
+        self._stream = pyte.ByteStream(self._screen)
+        self.pid, self._file = pty.fork()
+        if self.pid == 0:
+            os.environ["TERM"] = kind
+            os.execv(TOOL, [TOOL, *map(str, arguments)])
+        fcntl.ioctl(self._file, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+
+    def read(self, seconds=0.05):
+        """Takes what the tool has written; false when it has ended."""
+        ready, _, _ = select.select([self._file], [], [], seconds)
+        if ready:
+            try:
+                data = os.read(self._file, 65536)
+            except OSError:
+                data = b""
+            if not data:
+                return False
+            self._stream.feed(data)
+        return True
+
+    def shows(self, words):
+        """Waits until the screen has the words; the line, or None if it never does."""
+        end = time.monotonic() + DEADLINE
+        while time.monotonic() < end:
+            for line in self.lines():
+                if words in line:
+                    return line
+            if not self.read():
+                return None
+        return None
+
+    def hides(self, words):
+        end = time.monotonic() + DEADLINE
+        while any(words in line for line in self.lines()):
+            if time.monotonic() > end or not self.read():
+                return False
+        return True
+
+    def lines(self):
+        return [line.rstrip() for line in self._screen.display]
+
+    def colour_of(self, words):
+        for row, line in enumerate(self._screen.display):
+            if words in line:
+                return self._screen.buffer[row][line.index(words)].fg
+        return None
+
+    def type(self, keys):
+        os.write(self._file, keys)
+
+    def end(self):
+        """The exit code, once the tool has ended."""
+        while self.read():
+            pass
+        os.close(self._file)
+        return os.waitstatus_to_exitcode(os.waitpid(self.pid, 0)[1])
+
+
+class Screen(TopCase):
+    def show(self, daemon, *arguments, **settings):
+        return Terminal("--interval", 100, *arguments, daemon.pid, **settings)
+
+    def test_TheTableIsShownAndQEndsIt(self):
+        daemon = self.start("count")
+        terminal = self.show(daemon)
+        self.assertIsNotNone(terminal.shows("Counter"))
+        self.assertIn(f"process {daemon.pid}, library 1.0.0   h: help", terminal.lines()[0])
+        self.assertIn("THREAD CPU% BUSY% QUEUED PEAK EVENTS/S REFUSED STATE", terminal.lines()[1])
+        terminal.type(b"q")
+        self.assertEqual(terminal.end(), 0)
+
+    def test_WhatChangesIsShown(self):
+        daemon = self.start("count")
+        terminal = self.show(daemon)
+        self.assertIsNotNone(terminal.shows("Counter"))
+        rates = set()
+        end = time.monotonic() + DEADLINE
+        while len(rates) < 3 and time.monotonic() < end:
+            daemon.say(100)
+            terminal.read()
+            rates |= {line.split()[6] for line in terminal.lines() if "Counter" in line}
+        self.assertGreaterEqual(len(rates), 3, rates)
+        terminal.type(b"q")
+        self.assertEqual(terminal.end(), 0)
+
+    def test_FrozenStaysAsItIs(self):
+        daemon = self.start("fill")
+        terminal = self.show(daemon)
+        self.assertIsNotNone(terminal.shows("Filled"))
+        terminal.type(b"f")
+        self.assertIsNotNone(terminal.shows("frozen"))
+        daemon.say(7)
+        end = time.monotonic() + 0.5
+        while time.monotonic() < end:
+            terminal.read()
+        self.assertIsNone(next((l for l in terminal.lines() if "refused" in l), None))
+        terminal.type(b"f")
+        self.assertIsNotNone(terminal.shows("Filled refused 7 events since the last look"))
+        terminal.type(b"q")
+        self.assertEqual(terminal.end(), 0)
+
+    def test_HelpNamesTheKeys(self):
+        daemon = self.start("count")
+        terminal = self.show(daemon)
+        self.assertIsNotNone(terminal.shows("Counter"))
+        terminal.type(b"h")
+        self.assertIsNotNone(terminal.shows("filter by a part of the name"))
+        self.assertTrue(terminal.hides("Counter"))
+        terminal.type(b"?")
+        self.assertIsNotNone(terminal.shows("Counter"))
+        terminal.type(b"q")
+        self.assertEqual(terminal.end(), 0)
+
+    def test_AFilterIsTypedAndCleared(self):
+        daemon = self.start("many")
+        terminal = self.show(daemon)
+        self.assertIsNotNone(terminal.shows("Worker0"))
+        terminal.type(b"/worker1777\x7f")
+        self.assertIsNotNone(terminal.shows("filter: worker177_"))
+        terminal.type(b"\n")
+        self.assertTrue(terminal.hides("Worker0"))
+        self.assertIsNotNone(terminal.shows("Worker177"))
+        terminal.type(b"/\x1b")
+        self.assertIsNotNone(terminal.shows("Worker0"))
+        terminal.type(b"q")
+        self.assertEqual(terminal.end(), 0)
+
+    def test_ColumnsAreSortedByKeys(self):
+        daemon = self.start("many")
+        terminal = self.show(daemon)
+        self.assertIsNotNone(terminal.shows("Worker0 "))
+        terminal.type(b">")
+        self.assertIsNotNone(terminal.shows("TASKv"))
+        terminal.type(b">")
+        self.assertIsNotNone(terminal.shows("THREADv"))
+        self.assertIsNotNone(terminal.shows("Worker199"))  # made last
+        terminal.type(b"r")
+        self.assertIsNotNone(terminal.shows("THREAD^"))
+        self.assertTrue(terminal.hides("Worker199"))
+        terminal.type(b"o")
+        self.assertTrue(terminal.hides("THREAD^"))
+        terminal.type(b"q")
+        self.assertEqual(terminal.end(), 0)
+
+    def test_ALongListIsScrolled(self):
+        daemon = self.start("many")
+        terminal = self.show(daemon)
+        self.assertIsNotNone(terminal.shows("Worker0 "))
+        for _ in range(20):
+            terminal.type(b"\x1b[6~")
+        self.assertIsNotNone(terminal.shows("registry: free"))
+        self.assertIn("process", terminal.lines()[0])
+        for _ in range(20):
+            terminal.type(b"\x1b[5~")
+        self.assertIsNotNone(terminal.shows("Worker0 "))
+        terminal.type(b"q")
+        self.assertEqual(terminal.end(), 0)
+
+    def test_ADeadlockIsRed(self):
+        daemon = self.start("circle")
+        terminal = self.show(daemon)
+        self.assertIsNotNone(terminal.shows("! deadlock: "))
+        self.assertEqual(terminal.colour_of("! deadlock: "), "red")
+        self.assertIsNotNone(terminal.shows("held by First"))
+        terminal.type(b"q")
+        self.assertEqual(terminal.end(), 0)
+
+    def test_ATerminalWithoutColoursWillDo(self):
+        daemon = self.start("circle")
+        terminal = self.show(daemon, kind="vt100")
+        self.assertIsNotNone(terminal.shows("! deadlock: "))
+        terminal.type(b"q")
+        self.assertEqual(terminal.end(), 0)
+
+    def test_ADaemonThatEndsGivesTheTerminalBack(self):
+        daemon = self.start("count")
+        terminal = self.show(daemon)
+        self.assertIsNotNone(terminal.shows("Counter"))
+        daemon.stop()
+        self.assertIsNotNone(terminal.shows("has ended"))
+        self.assertEqual(terminal.end(), 2)
+
+    def test_AnUnknownTerminalIsTold(self):
+        daemon = self.start("count")
+        terminal = self.show(daemon, kind="nobody-has-this")
+        self.assertIsNotNone(terminal.shows("the terminal 'nobody-has-this' is not known"))
+        self.assertEqual(terminal.end(), 7)
