@@ -142,6 +142,7 @@ TEST_F(KilledDaemonTest, RecordIsReadableOrSaidNotToBeThereWheneverItIsKilledAtI
         EXPECT_THAT(printed.err, AnyOf(HasSubstr(m_path + ": No such file or directory; "),
                                        HasSubstr(m_path + ": the file is empty\n"),
                                        HasSubstr(m_path + ": this is no record of calls\n"),
+                                       HasSubstr(m_path + ": no call is recorded: "),
                                        HasSubstr(m_path + ": the header is damaged\n")));
     }
 }

@@ -129,6 +129,20 @@ TEST_F(RecordCutTest, OtherVersionIsRefused)
     }
 }
 
+TEST_F(RecordCutTest, FileThatWasOnlyBegunIsSaidToHaveNothing)
+{
+    std::string bytes = Record(1);
+    for (std::size_t i = sizeof(format::FILE_MAGIC); i < bytes.size(); ++i) {
+        bytes[i] = 0;
+    }
+    try {
+        ReadBytes(bytes, bytes.size());
+        FAIL();
+    } catch (const FormatError& error) {
+        EXPECT_STREQ(error.what(), "no call is recorded: the process ended while it made the file");
+    }
+}
+
 TEST_F(RecordCutTest, DamagedHeaderIsRefused)
 {
     std::string bytes = Record(1);

@@ -111,6 +111,9 @@ bool ReadHeader(const Bytes& file, format::TSFileHeader* header)
     if (!file.Get(0, header)) {
         return false;
     }
+    if (header->version == 0) { // written with all behind it, after the mark of what the file is
+        throw FormatError("no call is recorded: the process ended while it made the file");
+    }
     if (header->version != format::VERSION) {
         throw FormatError("the record has version " + std::to_string(header->version) +
                           " of the format; this program reads version " +
