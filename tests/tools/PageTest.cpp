@@ -165,6 +165,17 @@ TEST_F(PageTest, FileStaysAsItIsIfThereIsNoSuchCall)
     EXPECT_EQ(zortest::ReadText(page), sPage);
 }
 
+TEST_F(PageTest, ParametersThatAreSetAreShown)
+{
+    const std::string path = sDirectory->Path("tasks.zor");
+    zortest::RecordInto(path, {"tasks"});
+    const json params = DataIn(ToolOutput({"page", path})).at("calls").at("params");
+    EXPECT_THAT(params,
+                testing::Contains("param1=2 param2=22 param3=33 param4=44 param5=55 param6=66"));
+    EXPECT_THAT(params, testing::Contains(""));                  // of a send without any
+    EXPECT_THAT(params, testing::Contains("application=tuner")); // as it is handled
+}
+
 TEST_F(PageTest, RecordingWithoutEventsHasAPage)
 {
     const std::string path = sDirectory->Path("throw.zor");

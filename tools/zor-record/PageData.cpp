@@ -45,21 +45,25 @@ std::string Hex(std::uint64_t number)
     return text;
 }
 
-/// The parameters that are not 0.
+/// What stands in a parameter that is not set.
+constexpr std::uint64_t UNSET_16 = 0xFFFF;
+constexpr std::uint64_t UNSET_64 = ~std::uint64_t{0};
+
+/// The parameters that are set.
 std::string ParametersOf(const EventFields& event)
 {
     std::string text;
-    const auto add = [&text](const char* name, std::uint64_t value) {
-        if (value != 0) {
+    const auto add = [&text](const char* name, std::uint64_t value, std::uint64_t unset = 0) {
+        if (value != unset) {
             const std::string number = value < 1000000 ? std::to_string(value) : Hex(value);
             text += (text.empty() ? "" : " ") + std::string(name) + '=' + number;
         }
     };
     add("param1", event.param1);
     add("param2", event.param2);
-    add("param3", event.param3);
-    add("param4", event.param4);
-    add("param5", event.param5);
+    add("param3", event.param3, UNSET_16);
+    add("param4", event.param4, UNSET_16);
+    add("param5", event.param5, UNSET_64);
     add("param6", event.param6);
     if (!event.appName.empty()) {
         text += (text.empty() ? "" : " ") + std::string("application=") + event.appName;
