@@ -14,12 +14,14 @@
 #include "Problem.h"
 #include "TaskList.h"
 #include "Threads.h"
+#include "Wait.h"
 
 // What is read of a process, here of this one: it has the runtime.
 
 namespace {
 
 using namespace zortop;
+using zortest::Eventually;
 
 /// What the process that a test makes fails with.
 std::string ProblemOf(pid_t pid, ExitCode code)
@@ -149,31 +151,24 @@ TEST(ThreadsTest, ASystemCallIsParsedAndARunningThreadIsInNone)
 TEST(ThreadsTest, ThreadsComeAndGo)
 {
     Threads threads(getpid());
-    const std::size_t before = threads.Read().size();
-    {
-        std::atomic<pid_t> id{0};
-        std::atomic<bool> end{false};
-        std::thread other([&] {
-            pthread_setname_np(pthread_self(), "the other");
-            id = gettid();
-            while (!end) {
-                std::this_thread::yield();
-            }
-        });
-        while (id == 0) {
+    EXPECT_EQ(threads.Read().count(getpid()), 1u);
+    std::atomic<pid_t> id{0};
+    std::atomic<bool> end{false};
+    std::thread other([&] {
+        pthread_setname_np(pthread_self(), "the other");
+        id = gettid();
+        while (!end) {
             std::this_thread::yield();
         }
-        const auto found = threads.Read();
-        EXPECT_EQ(found.size(), before + 1);
-        EXPECT_EQ(found.at(id).name, "the other");
-        end = true;
-        other.join();
+    });
+    while (id == 0) {
+        std::this_thread::yield();
     }
-    for (int i = 0; i < 1000 && threads.Read().size() != before; ++i) {
-        std::this_thread::sleep_for(
-            std::chrono::milliseconds(10)); // the kernel lists it for a while
-    }
-    EXPECT_EQ(threads.Read().size(), before);
+    EXPECT_EQ(threads.Read().at(id).name, "the other");
+    end = true;
+    other.join();
+    // The kernel lists it for a while.
+    EXPECT_TRUE(Eventually([&] { return threads.Read().count(id) == 0; }));
 }
 
 TEST(ReaderTest, AProcessThatThereIsNotIsNamed)

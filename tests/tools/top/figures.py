@@ -196,6 +196,8 @@ class Numbers(TopCase):
 
 
 class Storm(TopCase):
+    """ZOR_TOP_STORM_SECONDS makes it last longer."""
+
     SECONDS = float(os.environ.get("ZOR_TOP_STORM_SECONDS", "8"))
 
     def test_NoValueIsTornOrWrong(self):
