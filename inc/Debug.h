@@ -28,8 +28,9 @@ struct ZOR_CORE_API TSCustomAssert
 ///
 /// The report (see PrintCallstack()) goes to "/dev/console", then one entry at FATAL with file,
 /// line, expression and thread to the platform log, and if it is the first, the same to the record
-/// in FailedAssertion.h. Then the thread sleeps 100 ms so that the console drains. In a release build (ZorApiLite::LiteUtility::IsRelease()) the call returns
-/// and the program goes on past the failed check; in any other build it aborts.
+/// in FailedAssertion.h. Then the thread sleeps 100 ms so that the console drains. In a release
+/// build (ZorApiLite::LiteUtility::IsRelease()) the call returns and the program goes on past the
+/// failed check; in any other build it aborts.
 ///
 /// @param expr  text of the failed expression
 /// @param file  source file of the assertion
