@@ -10,7 +10,8 @@ class TCHandler;
 namespace zor {
 
 /// How many events a task has handled and which one it handles now, for tools that look at the
-/// process from outside; nothing in the process asks. Written by the task's thread alone.
+/// process from outside; nothing in the process asks. Written by the task's thread alone. What a
+/// handler sends to its own task with priority is handled within the handler, and is no event here.
 ///
 /// A reader that finds receiver and count again as they were before it has read the type has a
 /// receiver and a type that belong together:

@@ -44,16 +44,14 @@ void CopyText(char (&to)[SIZE], const char* from)
     strncpy(to, from == nullptr ? "(null)" : from, SIZE - 1);
 }
 
-/// Tells the platform log and whoever looks at the process what has failed: a console there may not
-/// be. Threads that fail at the same time all tell the log; the record is the first one's.
+/// Tells whoever looks at the process, and the platform log, what has failed: a console there may
+/// not be. The record comes first, since the log may be stuck. Threads that fail at the same time
+/// all tell the log; the record is the first one's.
 void Tell(const char* expr, const char* file, unsigned long line)
 {
     const auto threadId = static_cast<std::int32_t>(syscall(SYS_gettid));
     char threadName[THREAD_NAME_SIZE] = "";
     prctl(PR_GET_NAME, threadName);
-    __dlog_print(LOG_ID_MAIN, DLOG_FATAL, PRINT_TAG,
-                 "%s: %s(%d) > Assertion failed: %s (%lu) - %s, thread %d (%s)", PRINT_MODULE,
-                 "_TCAssert", __LINE__, file, line, expr, threadId, threadName);
 
     FailedAssertion& record = zor_core_failed_assertion;
     std::uint32_t expected = FailedAssertion::NONE;
@@ -66,6 +64,10 @@ void Tell(const char* expr, const char* file, unsigned long line)
         CopyText(record.expression, expr);
         record.state.store(FailedAssertion::COMPLETE, std::memory_order_release);
     }
+
+    __dlog_print(LOG_ID_MAIN, DLOG_FATAL, PRINT_TAG,
+                 "%s: %s(%d) > Assertion failed: %s (%lu) - %s, thread %d (%s)", PRINT_MODULE,
+                 "_TCAssert", __LINE__, file, line, expr, threadId, threadName);
 }
 
 void PrintFrames(FILE* stream, void* const* frames, int count)

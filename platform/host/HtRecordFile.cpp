@@ -78,7 +78,9 @@ void* MapFile(int fd, std::uint64_t size)
     if (pwrite(fd, &format::FILE_MAGIC, sizeof(format::FILE_MAGIC), 0) < 0) {
         return nullptr;
     }
-    errno = posix_fallocate(fd, 0, static_cast<off_t>(size));
+    do {
+        errno = posix_fallocate(fd, 0, static_cast<off_t>(size));
+    } while (errno == EINTR);
     if (errno != 0) {
         return nullptr;
     }

@@ -114,8 +114,10 @@ EPlace Take(int fd, const std::string& path, std::string* why)
     // so. The size counts from here on as well.
     char real[PATH_MAX];
     struct stat there = {};
-    if (realpath(path.c_str(), real) == nullptr || stat(real, &there) != 0 ||
-        there.st_dev != info.st_dev || there.st_ino != info.st_ino) {
+    if (realpath(path.c_str(), real) == nullptr || stat(real, &there) != 0) {
+        return errno == ENOENT ? EPlace::MOVED : Refuse(why, strerror(errno));
+    }
+    if (there.st_dev != info.st_dev || there.st_ino != info.st_ino) {
         return EPlace::MOVED;
     }
     if (there.st_size == 0) {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "HtClock.h"
@@ -26,14 +27,30 @@ namespace {
 /// record until the process is gone.
 const zorhost::TSRecordConfig* g_config = nullptr;
 
-/// Held while the file is made, and around a fork: no child starts in the middle of that.
+/// Held while the file is made, which takes as long as the file system does. So a fork does not
+/// wait for it: whoever forks may hold locks that the whole process needs.
 std::mutex g_makingFile;
 
 /// The file, once the first record has made it. Published (release) when it is complete.
 std::atomic<TCRecordFile*> g_file{nullptr};
 
+/// Keeps the calling thread from being cancelled: half-way it would leave the file open and locked.
+class TCNoCancellation
+{
+ public:
+    TCNoCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before); }
+    ~TCNoCancellation() { pthread_setcancelstate(m_before, nullptr); }
+
+    TCNoCancellation(const TCNoCancellation&) = delete;
+    TCNoCancellation& operator=(const TCNoCancellation&) = delete;
+
+ private:
+    int m_before = PTHREAD_CANCEL_ENABLE;
+};
+
 __attribute__((noinline)) TCRecordFile* MakeFile()
 {
+    const TCNoCancellation whole;
     const std::lock_guard<std::mutex> lock(g_makingFile);
     TCRecordFile* file = g_file.load(std::memory_order_relaxed);
     if (file == nullptr && TIStorageManagerState::enabled.load(std::memory_order_relaxed)) {
@@ -77,19 +94,9 @@ TCHostStorageManager g_manager;
 /// What the thread's last measurement took: that of the call which is recorded next.
 thread_local std::uint64_t t_lastCpuNsec = 0;
 
-void BeforeFork()
-{
-    g_makingFile.lock();
-}
-
-void AfterForkInParent()
-{
-    g_makingFile.unlock();
-}
-
 void AfterForkInChild()
 {
-    g_makingFile.unlock();
+    new (&g_makingFile) std::mutex; // who had it is not here
     if (TCRecordFile* const file = g_file.load(std::memory_order_relaxed)) {
         file->AfterForkInChild();
     }
@@ -107,7 +114,7 @@ struct TSStart
             return;
         }
         g_config = new zorhost::TSRecordConfig(std::move(config));
-        pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
+        pthread_atfork(nullptr, nullptr, AfterForkInChild);
         TIStorageManagerState::enabled.store(true, std::memory_order_relaxed);
     }
 

@@ -86,6 +86,13 @@ extern "C" void zor_note_step_aside(const char* pidFile, int error)
             pidFile, strerror(errno));
         return;
     }
+    if (text[0] == '\0') { // made, and not written yet
+        zorhost::Notice(
+            "the pid file %s is there already, and empty: another start may be under way; nothing "
+            "was started",
+            pidFile);
+        return;
+    }
     const pid_t pid = PidIn(text);
     if (pid == 0) {
         zorhost::Notice(

@@ -82,13 +82,22 @@ TEST_F(StepAsideTest, ProcessThatNobodyHasWaitedForIsGone)
 TEST_F(StepAsideTest, PidFileWithoutANumberNamesNoProcess)
 {
     for (const char* text :
-         {"", "left over", "0", "-4", "12x", "99999999999", "99999999999999999999999999999999"}) {
+         {"left over", "0", "-4", "12x", "99999999999", "99999999999999999999999999999999"}) {
         LeavePidFile(text);
         EXPECT_EQ(StartedBeside(),
                   "zor-test-daemon: the pid file /tmp/.zor-daemon.pid is there already, and names "
                   "no process; remove it to start this daemon\n")
             << text;
     }
+}
+
+/// It is empty between its making and its writing.
+TEST_F(StepAsideTest, EmptyPidFileMayBeAnotherStarts)
+{
+    LeavePidFile("");
+    EXPECT_EQ(StartedBeside(),
+              "zor-test-daemon: the pid file /tmp/.zor-daemon.pid is there already, and empty: "
+              "another start may be under way; nothing was started\n");
 }
 
 TEST_F(StepAsideTest, PidFileThatCannotBeReadIsSaid)

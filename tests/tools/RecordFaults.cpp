@@ -1,6 +1,9 @@
+#include "RecordFaults.h"
+
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -8,7 +11,11 @@
 #include <cstring>
 
 // Takes calls over that the recording makes of the system, and lets the one fail that
-// ZOR_TEST_FAULT names, with an error of its kind: "rename", "fallocate", "flock", "realpath".
+// ZOR_TEST_FAULT names, with an error of its kind: "rename", "fallocate", "flock", "realpath",
+// "realpath-memory"; or hangs in "fallocate-hang" until the program lets it go on.
+
+std::atomic<bool> zortest::g_allocates{false};
+std::atomic<bool> zortest::g_allocationGoesOn{false};
 
 namespace {
 
@@ -37,6 +44,10 @@ extern "C" int rename(const char* from, const char* to) noexcept
 
 extern "C" int posix_fallocate(int fd, off_t offset, off_t length)
 {
+    while (Fails("fallocate-hang") && !zortest::g_allocationGoesOn) {
+        zortest::g_allocates = true;
+        usleep(1000);
+    }
     return Fails("fallocate")
                ? ENOSPC
                : Real<int (*)(int, off_t, off_t)>("posix_fallocate")(fd, offset, length);
@@ -53,8 +64,8 @@ extern "C" int flock(int fd, int operation) noexcept
 
 extern "C" char* realpath(const char* path, char* resolved) noexcept
 {
-    if (Fails("realpath")) {
-        errno = ENOENT;
+    if (Fails("realpath") || Fails("realpath-memory")) {
+        errno = Fails("realpath") ? ENOENT : ENOMEM;
         return nullptr;
     }
     return Real<char* (*)(const char*, char*)>("realpath")(path, resolved);

@@ -192,6 +192,20 @@ TEST_F(RecordPlaceTest, NameThatNeverLeadsToTheFileIsGivenUp)
     EXPECT_EQ(RecordsIn(path), 6U);
 }
 
+TEST_F(RecordPlaceTest, NameThatCannotBeFollowedIsSaid)
+{
+    Record(3);
+    Record(1, {{"ZOR_TEST_FAULT", "realpath-memory"}});
+    ExpectRefused("Cannot allocate memory");
+    EXPECT_EQ(RecordsIn(path), 6U);
+}
+
+TEST_F(RecordPlaceTest, ForkDoesNotWaitForTheFile)
+{
+    EXPECT_EQ(Run({"fork-while-making"}, {{"ZOR_TEST_FAULT", "fallocate-hang"}}), "forked\n");
+    EXPECT_GE(RecordsIn(path), 4U) << "the parent's";
+}
+
 TEST_F(RecordPlaceTest, RefusalIsSaidOnStandardErrorWhereverTheLogGoes)
 {
     zortest::WriteText(path, "no recording");

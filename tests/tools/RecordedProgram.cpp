@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "RecordFaults.h"
 #include "Sync.h"
 #include "TCDebugPrint.h"
 #include "Task.h"
@@ -366,6 +367,33 @@ void RunForkFirst()
     printf("%d\n", released ? static_cast<int>(child) : 0);
 }
 
+/// Forks while another thread makes the recording's file, and says whether that had to wait.
+void RunForkWhileMaking()
+{
+    std::thread first([] { Call(1, 1); });
+    while (!zortest::g_allocates) {
+        usleep(1000);
+    }
+    std::thread patience([] { // of a test that fails
+        for (int i = 0; i < 200 && !zortest::g_allocationGoesOn; ++i) {
+            usleep(100 * 1000);
+        }
+        zortest::g_allocationGoesOn = true;
+    });
+    const pid_t child = fork();
+    if (child == 0) {
+        zortest::g_allocationGoesOn = true;
+        _exit(Call(2, 2) ? 0 : 1);
+    }
+    const bool waited = zortest::g_allocationGoesOn.exchange(true);
+    int status = -1;
+    waitpid(child, &status, 0);
+    first.join();
+    patience.join();
+    Call(1, 3);
+    puts(waited ? "waited" : status == 0 ? "forked" : "the child failed");
+}
+
 /// One call is made inside another, which throws; the outer one ends.
 void RunThrow()
 {
@@ -419,6 +447,8 @@ int main(int argc, char** argv)
         exit(0);
     } else if (what == "fork-first") {
         RunForkFirst();
+    } else if (what == "fork-while-making") {
+        RunForkWhileMaking();
     } else if (what == "many") {
         RunMany(count);
     } else if (what == "circle") {
