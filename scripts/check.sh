@@ -23,7 +23,7 @@ include_rule() {
     [ -z "$found" ] || fail "$1 must not include this: $3"$'\n'"$found"
 }
 say "include directions"
-runtime='(Alarm|Debug|DebugMenuUtility|Event|KeyCombinationLoggerRegistration|Main|MultiQTask|Queue'
+runtime='(Alarm|Debug|DebugMenuUtility|Event|FailedAssertion|HandledEvents|LayoutTable|KeyCombinationLoggerRegistration|Main|MultiQTask|Queue'
 runtime+='|ReleasedData|RWLock'
 runtime+='|StateAlarm|Sync|Task|Thread|ThreadUtil|Timer|TimersScheduler|TrapPoint|TVInfoBox'
 runtime+='|WatchdogNotifier|ZorServiceDebug|ZorServiceDebugOverlay|ZorExport)\.h'

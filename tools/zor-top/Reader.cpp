@@ -330,6 +330,9 @@ void Reader::ReadThreads(Snapshot* snapshot)
                                m_layout.Offset("TCMultiQTask.m_notifySemaphore"));
         }
     }
+    if (!m_threads.TellsCalls()) {
+        snapshot->remarks.emplace_back("what threads wait for: this kernel does not tell");
+    }
     for (const auto& [id, kernel] : threads) {
         ThreadFacts thread;
         thread.name = kernel.name;

@@ -20,7 +20,7 @@ namespace {
 /// The whole of a small file that stays open. Empty if the thread has ended.
 std::string Again(int file)
 {
-    std::array<char, 512> text;
+    std::array<char, 4096> text;
     const ssize_t size = file < 0 ? -1 : pread(file, text.data(), text.size(), 0);
     return size > 0 ? std::string(text.data(), static_cast<std::size_t>(size)) : std::string();
 }
@@ -43,7 +43,7 @@ Threads::~Threads()
 
 void Threads::Close(const Files& files)
 {
-    for (const int file : {files.schedule, files.call, files.name}) {
+    for (const int file : {files.schedule, files.stat, files.status, files.call, files.name}) {
         if (file >= 0) {
             close(file);
         }
@@ -67,15 +67,28 @@ std::vector<pid_t> Threads::Ids() const
 Threads::Files& Threads::FilesOf(pid_t thread)
 {
     Files& files = m_files[thread];
-    if (files.schedule < 0) {
+    if (files.name < 0) {
         const std::string folder =
             "/proc/" + std::to_string(m_pid) + "/task/" + std::to_string(thread) + "/";
         const auto opened = [&](const char* name) {
             return open((folder + name).c_str(), O_RDONLY | O_CLOEXEC);
         };
-        files = {opened("schedstat"), opened("syscall"), opened("comm")};
+        files.name = opened("comm");
+        files.schedule = opened("schedstat");
+        if (files.schedule < 0) {
+            files.stat = opened("stat");
+            files.status = opened("status");
+        }
+        files.call = opened("syscall");
+        m_tellsCalls = files.call >= 0 || files.name < 0; // or it has just ended
     }
     return files;
+}
+
+bool Threads::ReadTimes(const Files& files, KernelFacts* facts)
+{
+    return files.schedule >= 0 ? ParseSchedule(Again(files.schedule), facts)
+                               : ParseStat(Again(files.stat), Again(files.status), facts);
 }
 
 std::map<pid_t, KernelFacts> Threads::Read()
@@ -83,16 +96,10 @@ std::map<pid_t, KernelFacts> Threads::Read()
     std::map<pid_t, KernelFacts> found;
     for (const pid_t thread : Ids()) {
         const Files& files = FilesOf(thread);
-        const std::string schedule = Again(files.schedule);
         KernelFacts facts;
-        long long cpu = 0;
-        long long waited = 0;
-        unsigned long long turns = 0;
-        if (sscanf(schedule.c_str(), "%lld %lld %llu", &cpu, &waited, &turns) != 3) {
+        if (!ReadTimes(files, &facts)) {
             continue; // it has just ended
         }
-        facts.cpuNsec = cpu;
-        facts.turns = turns;
         facts.sleeps = ParsedCall(Again(files.call));
         facts.name = Again(files.name);
         if (!facts.name.empty() && facts.name.back() == '\n') {
@@ -109,6 +116,41 @@ std::map<pid_t, KernelFacts> Threads::Read()
         }
     }
     return found;
+}
+
+bool ParseSchedule(const std::string& schedule, KernelFacts* facts)
+{
+    long long cpu = 0;
+    long long waited = 0;
+    unsigned long long turns = 0;
+    if (sscanf(schedule.c_str(), "%lld %lld %llu", &cpu, &waited, &turns) != 3) {
+        return false;
+    }
+    facts->cpuNsec = cpu;
+    facts->turns = turns;
+    return true;
+}
+
+bool ParseStat(const std::string& stat, const std::string& status, KernelFacts* facts)
+{
+    constexpr const char* BEHIND_NAME = // state, ten numbers, then time of its own and the system's
+        ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %llu %llu";
+    constexpr char OF_ITS_OWN[] = "\nvoluntary_ctxt_switches:";
+    constexpr char OF_OTHERS[] = "\nnonvoluntary_ctxt_switches:";
+    const std::size_t name = stat.rfind(')');
+    const std::size_t own = status.find(OF_ITS_OWN);
+    const std::size_t others = status.find(OF_OTHERS);
+    unsigned long long user = 0;
+    unsigned long long system = 0;
+    if (name == std::string::npos || own == std::string::npos || others == std::string::npos ||
+        sscanf(stat.c_str() + name, BEHIND_NAME, &user, &system) != 2) {
+        return false;
+    }
+    const auto ticks = static_cast<std::int64_t>(user + system);
+    facts->cpuNsec = ticks * (INT64_C(1000000000) / sysconf(_SC_CLK_TCK));
+    facts->turns = std::strtoull(status.c_str() + own + sizeof(OF_ITS_OWN) - 1, nullptr, 10) +
+                   std::strtoull(status.c_str() + others + sizeof(OF_OTHERS) - 1, nullptr, 10);
+    return true;
 }
 
 std::optional<SleepingCall> ParsedCall(const std::string& text)

@@ -52,21 +52,36 @@ class Threads
     /// Looks at all threads that there are now.
     std::map<pid_t, KernelFacts> Read();
 
+    /// Whether the kernel tells in which system calls threads sleep; some are built without.
+    bool TellsCalls() const { return m_tellsCalls; }
+
  private:
     struct Files
     {
-        int schedule = -1;
+        int schedule = -1; ///< "schedstat", which some kernels are built without
+        int stat = -1;     ///< opened in its place
+        int status = -1;   ///< likewise
         int call = -1;
         int name = -1;
     };
 
     static void Close(const Files& files);
+    static bool ReadTimes(const Files& files, KernelFacts* facts);
     std::vector<pid_t> Ids() const;
     Files& FilesOf(pid_t thread);
 
     const pid_t m_pid;
     std::map<pid_t, Files> m_files;
+    bool m_tellsCalls = true;
 };
+
+/// Processor time and turns of a thread by the text of its "schedstat".
+///
+/// @return whether it has them
+bool ParseSchedule(const std::string& schedule, KernelFacts* facts);
+
+/// The same by its "stat", in steps of a clock tick, and its "status".
+bool ParseStat(const std::string& stat, const std::string& status, KernelFacts* facts);
 
 /// What @p call waits for, if it is such a wait.
 std::optional<FutexWait> FutexWaitOf(const SleepingCall& call, const Memory& memory);

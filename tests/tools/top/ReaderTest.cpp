@@ -148,6 +148,32 @@ TEST(ThreadsTest, ASystemCallIsParsedAndARunningThreadIsInNone)
     EXPECT_EQ(ParsedCall("-1 0x7ffe 0x7f00\n")->number, -1);
 }
 
+TEST(ThreadsTest, TimesAreThoseOfTheSchedule)
+{
+    KernelFacts facts;
+    EXPECT_TRUE(ParseSchedule("1500000 20 7\n", &facts));
+    EXPECT_EQ(facts.cpuNsec, 1500000);
+    EXPECT_EQ(facts.turns, 7u);
+    EXPECT_FALSE(ParseSchedule("", &facts));
+}
+
+TEST(ThreadsTest, WithoutAScheduleTheyAreOfTheStatus)
+{
+    const std::string tick = std::to_string(sysconf(_SC_CLK_TCK));
+    const std::string stat = "12 (a) b (c) S 1 2 3 4 5 6 7 8 9 10 " + tick + " " + tick + " 0 0";
+    const std::string status =
+        "Name:\ta\nvoluntary_ctxt_switches:\t5\n"
+        "nonvoluntary_ctxt_switches:\t2\n";
+    KernelFacts facts;
+    EXPECT_TRUE(ParseStat(stat, status, &facts));
+    EXPECT_EQ(facts.cpuNsec, 2000000000);
+    EXPECT_EQ(facts.turns, 7u);
+    EXPECT_FALSE(ParseStat("", status, &facts));
+    EXPECT_FALSE(ParseStat(stat, "", &facts));
+    const std::string own = "/proc/self/task/" + std::to_string(getpid()) + "/";
+    EXPECT_TRUE(ParseStat(ReadProc(own + "stat"), ReadProc(own + "status"), &facts));
+}
+
 TEST(ThreadsTest, ThreadsComeAndGo)
 {
     Threads threads(getpid());
