@@ -382,6 +382,7 @@ void RunForkWhileMaking()
     });
     const pid_t child = fork();
     if (child == 0) {
+        alarm(30); // whatever it waits for
         zortest::g_allocationGoesOn = true;
         Call(2, 2);
         _exit(0);
