@@ -70,11 +70,11 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
     "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (>= ${PROJECT_VERSION}), gdb, mount, python3")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
     "Tools for engineers: zor-record prints what a daemon has recorded and shows it
-in a browser, zor-inspect shows what a running, hung or dead daemon is doing,
-zor-top shows what its tasks do, again and again, zor-sim runs programs by seed
-and in virtual time, and zor-apart gives each daemon a /tmp of its own. infobox
-shows a daemon's messages on a terminal, and zor-tsmon is an example daemon that
-monitors a transport stream.")
+in a browser, zor-inspect shows what a running, hung or dead daemon is
+doing, zor-top shows what its tasks do, again and again, zor-sim runs
+programs by seed and in virtual time, and zor-apart gives each daemon a /tmp
+of its own. infobox shows a daemon's messages on a terminal, and zor-tsmon is
+an example daemon that monitors a transport stream.")
 # zor-inspect reads the library by it.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME}-dbgsym")
 # zor_debug_package(GROUP): the package that split-debug.cmake fills with the debug information of GROUP's.

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "ZorExport.h"
+
 /// @file
 /// How a tool finds its way in the runtime's objects without debug information.
 ///
