@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Problem.h"
+#include "Terminfo.h"
 
 namespace zortop {
 namespace {
@@ -41,7 +42,9 @@ class Terminal
         if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) {
             throw Problem(FAILED, "there is no terminal; --batch prints reports");
         }
-        m_screen = newterm(nullptr, stdout, stdin);
+        if (IsKnownTerminal()) { // asked first: newterm() leaves memory behind where it fails
+            m_screen = newterm(nullptr, stdout, stdin);
+        }
         if (m_screen == nullptr) {
             throw Problem(FAILED, std::string("the terminal '") + (kind != nullptr ? kind : "") +
                                       "' is not known; --batch prints reports");
