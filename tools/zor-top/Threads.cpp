@@ -172,6 +172,14 @@ std::optional<SleepingCall> ParsedCall(const std::string& text)
     return call;
 }
 
+/// Whether seconds and nanoseconds may be those of a deadline: the thread may have gone on, and its
+/// stack have other things in that place.
+static bool IsTime(const std::int64_t (&time)[2])
+{
+    constexpr std::int64_t LONGEST_SEC = INT64_C(1) << 33;
+    return time[0] >= 0 && time[0] < LONGEST_SEC && time[1] >= 0 && time[1] < INT64_C(1000000000);
+}
+
 std::optional<FutexWait> FutexWaitOf(const SleepingCall& call, const Memory& memory)
 {
     if (call.number != SYS_futex) {
@@ -187,7 +195,7 @@ std::optional<FutexWait> FutexWaitOf(const SleepingCall& call, const Memory& mem
     wait.expected = static_cast<std::uint32_t>(call.arguments[2]);
     std::int64_t until[2] = {};
     if (command == FUTEX_WAIT_BITSET && call.arguments[3] != 0 &&
-        memory.Read(call.arguments[3], &until)) {
+        memory.Read(call.arguments[3], &until) && IsTime(until)) {
         wait.untilNsec = until[0] * INT64_C(1000000000) + until[1];
         if ((operation & FUTEX_CLOCK_REALTIME) != 0) {
             *wait.untilNsec += Nsec(CLOCK_MONOTONIC) - Nsec(CLOCK_REALTIME);

@@ -157,6 +157,27 @@ TEST(ThreadsTest, TimesAreThoseOfTheSchedule)
     EXPECT_FALSE(ParseSchedule("", &facts));
 }
 
+/// The thread may have gone on since, and its stack have other things there.
+TEST(ThreadsTest, WhatIsNoTimeIsNoDeadline)
+{
+    const Memory memory(getpid());
+    std::int64_t until[2] = {7, 5};
+    SleepingCall call;
+    call.number = 202;
+    call.arguments[1] = 0x189;
+    call.arguments[3] = reinterpret_cast<std::uint64_t>(until);
+    ASSERT_TRUE(FutexWaitOf(call, memory));
+    EXPECT_TRUE(FutexWaitOf(call, memory)->untilNsec);
+    for (const std::int64_t wrong : {INT64_C(139995335251904), INT64_C(-1)}) {
+        until[0] = wrong;
+        ASSERT_TRUE(FutexWaitOf(call, memory));
+        EXPECT_FALSE(FutexWaitOf(call, memory)->untilNsec);
+    }
+    until[0] = 7;
+    until[1] = INT64_C(1000000000);
+    EXPECT_FALSE(FutexWaitOf(call, memory)->untilNsec);
+}
+
 TEST(ThreadsTest, WithoutAScheduleTheyAreOfTheStatus)
 {
     const std::string tick = std::to_string(sysconf(_SC_CLK_TCK));
