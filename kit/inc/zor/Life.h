@@ -232,8 +232,8 @@ class Life
         }
     }
 
-    std::mutex m_mutex;   ///< guards all that follows
-    TCTask* const m_task; ///< not owned; may be used while m_lives
+    std::mutex m_mutex;      ///< guards all that follows
+    TCTask* const m_task;    ///< not owned; may be used while m_lives
     bool m_hasBegun = false; ///< since Prepare()
     bool m_lives = false;
     bool m_takesTickings = false;
