@@ -8,8 +8,8 @@
 namespace zortop {
 namespace {
 
-constexpr int GLANCES = 20; // from one look to the next
-constexpr int LEAST_MSEC = 2;
+constexpr int GLANCES = 20;    // from one look to the next, or fewer:
+constexpr int LEAST_MSEC = 20; // between two, so that frequent looks take little of the processor
 
 } // namespace
 
