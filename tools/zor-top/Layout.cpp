@@ -135,7 +135,7 @@ Layout::Layout(const Memory& memory, Address table)
 const Layout::Entry& Layout::EntryOf(const std::string& name) const
 {
     const auto found = m_entries.find(name);
-    if (found == m_entries.end()) {
+    if (found == m_entries.end() || found->second.size == 0) {
         throw Problem(NOT_ZOR_CORE, "the library, version " + m_version +
                                         ", does not say where it has " + name +
                                         ": take the zor-top that came with it");

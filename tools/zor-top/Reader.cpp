@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -380,24 +381,31 @@ bool Reader::ReadCalls(std::vector<SyncCall>* calls) const
     }
     for (std::size_t i = 0; i < ENTRIES; ++i) {
         const char* const entry = first.data() + i * size;
-        const auto at = [&](const char* name, void* to) {
+        // The sizes are the process's, and not to be trusted.
+        const auto at = [&](const char* name, auto* to) {
             const std::string full = std::string("PTSyncDetInfo.") + name;
-            memcpy(to, entry + m_layout.Offset(full), m_layout.Size(full));
+            const std::uint64_t offset = m_layout.Offset(full);
+            const std::uint64_t length = std::min<std::uint64_t>(m_layout.Size(full), sizeof(*to));
+            if (offset + length <= size) {
+                memcpy(to, entry + offset, length);
+            }
         };
-        if (entry[m_layout.Offset("PTSyncDetInfo.bValid")] == 0 ||
-            memcmp(entry, second.data() + i * size, size) != 0) {
+        std::uint8_t isValid = 0;
+        at("bValid", &isValid);
+        if (isValid == 0 || memcmp(entry, second.data() + i * size, size) != 0) {
             continue; // a call that has come or gone in this moment waits for nothing
         }
-        char caller[17] = "";
-        char receiver[17] = "";
+        std::array<char, 17> callerName{};
+        std::array<char, 17> receiverName{};
         SyncCall call;
         at("callerTid", &call.caller);
-        at("callerName", caller);
+        at("callerName", &callerName);
         at("receiverThread", &call.receiver);
-        at("receiverName", receiver);
+        at("receiverName", &receiverName);
         at("startTick", &call.startTickMsec);
-        call.callerName = caller;
-        call.receiverName = receiver;
+        callerName.back() = receiverName.back() = '\0';
+        call.callerName = callerName.data();
+        call.receiverName = receiverName.data();
         if (IsName(call.callerName) && IsName(call.receiverName)) {
             calls->push_back(call);
         }

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -98,6 +99,28 @@ TEST(LayoutTest, ADamagedTableIsRefused)
     head.entryCount = 1;
     head.entrySize = 1;
     EXPECT_THROW(Layout(memory, reinterpret_cast<Address>(&head)), Problem);
+}
+
+/// Whoever reads divides by sizes.
+TEST(LayoutTest, WhatHasNoSizeIsNotThere)
+{
+    static struct
+    {
+        zor::LayoutHead head;
+        zor::LayoutEntry entries[2];
+    } table = {};
+    memcpy(table.head.magic, zor::LAYOUT_MAGIC, sizeof(table.head.magic));
+    table.head.format = zor::LAYOUT_FORMAT;
+    table.head.entriesAt = offsetof(decltype(table), entries);
+    table.head.entrySize = sizeof(zor::LayoutEntry);
+    table.head.objectSize = sizeof(zor::LayoutObject);
+    table.head.entryCount = 2;
+    strcpy(table.entries[0].name, "Some");
+    table.entries[0].size = 8;
+    strcpy(table.entries[1].name, "None");
+    const Layout layout(Memory(getpid()), reinterpret_cast<Address>(&table));
+    EXPECT_EQ(layout.Size("Some"), 8u);
+    EXPECT_THROW(static_cast<void>(layout.Size("None")), Problem);
 }
 
 TEST(MemoryTest, WhatCannotBeReadSaysSo)
