@@ -5,7 +5,8 @@ import os
 
 import gdb
 
-# A process stands still while it is copied, some 2 ms for each million of bytes, and the copy takes room.
+# A process stands still while it is copied, half a millisecond and more for each million of bytes, and
+# the copy takes room.
 MOST_BYTES = 256 << 20
 ROOM = 32 << 20  # beside the memory: the notes, and what is mapped meanwhile
 ANONYMOUS = 3  # the bits of /proc/PID/coredump_filter for memory that comes from no file
