@@ -19,7 +19,7 @@ class Reply : public TCSemaphore
         if (!TCSemaphore::Create(0)) {
             return false;
         }
-        m_state->habit.CopyFrom(t_habit);
+        m_state->patience.CopyFrom(t_patience);
         return true;
     }
 
@@ -27,7 +27,7 @@ class Reply : public TCSemaphore
     void Wait()
     {
         Take();
-        t_habit.CopyFrom(m_state->habit);
+        t_patience.CopyFrom(m_state->patience);
     }
 
     ~Reply() override
@@ -40,7 +40,7 @@ class Reply : public TCSemaphore
  private:
     const NoCancellation m_noCancellation;
 
-    static inline thread_local WatchHabit t_habit;
+    static inline thread_local Patience t_patience;
 };
 
 } // namespace zor

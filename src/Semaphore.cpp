@@ -175,23 +175,6 @@ void TCSemaphore::State::LetGo()
     }
 }
 
-/// For how long a wait watches the count before it parks; 0 when it is to park at once.
-int TCSemaphore::State::NsecToWatch()
-{
-    // About what parking and waking cost, both threads' share together.
-    constexpr int WATCH_NSEC = 5000;
-    // Two threads that answer each other must both watch, or each finds the other asleep. A probe
-    // is long enough to see the answer of one that has to be woken first. It is worth several
-    // parkings, which is why probes are rare.
-    constexpr int PROBE_NSEC = 8 * WATCH_NSEC;
-
-    if (habit.credit.load(std::memory_order_relaxed) > 0) {
-        return WATCH_NSEC;
-    }
-    const unsigned skipped = habit.skipped.fetch_add(1, std::memory_order_relaxed) + 1;
-    return skipped % habit.interval.load(std::memory_order_relaxed) == 0 ? PROBE_NSEC : 0;
-}
-
 void TCSemaphore::State::Watch()
 {
     // All relaxed: the mutex decides, and a wrong guess about watching costs a little time only.
@@ -199,23 +182,11 @@ void TCSemaphore::State::Watch()
         return;
     }
     zor::Spin::Reconsider();
-    // Who watches is quicker than who is parked and has to be woken, and would take the units for
-    // which the other is woken in vain, each time anew.
-    if (!zor::Spin::CanHelp() || waiters.load(std::memory_order_relaxed) > 0) {
-        return;
+    // Who does not park is quicker than who is parked and has to be woken, and would take the units
+    // for which the other is woken in vain, each time anew.
+    if (waiters.load(std::memory_order_relaxed) == 0) {
+        patience.Wait(count);
     }
-    const int nsec = NsecToWatch();
-    if (nsec == 0) {
-        return;
-    }
-    for (int looks = zor::Spin::PausesIn(nsec); looks > 0; --looks) {
-        zor::Spin::Pause();
-        if (count.load(std::memory_order_relaxed) > 0) {
-            habit.Paid();
-            return;
-        }
-    }
-    habit.Failed();
 }
 
 void TCSemaphore::State::TakeLocked()
@@ -263,6 +234,7 @@ TCSemaphore::State::Waking TCSemaphore::State::GiveLocked()
     AddLocked(1);
     const Waking waking = WhomToWakeLocked();
     if (waking != Waking::NOBODY) {
+        patience.Encourage();
         holders.fetch_add(1, std::memory_order_relaxed); // the semaphore holds it at this moment
         wakingsOfAll += waking == Waking::ALL ? 1 : 0;
     }

@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "Patience.h"
 #include "Thread.h"
 
 /// What stands behind every semaphore (src/Semaphore.cpp), for the semaphore itself and for the
@@ -38,46 +39,6 @@ class TimeMutexLock
     bool m_held = true;
 };
 
-/// What waiting has taught about watching a count before parking: whether it pays off.
-///
-/// A watch that pays off earns credit for a few that do not. Without credit a wait parks at once,
-/// but for a probe now and then, and the more rarely the more probes have failed in a row. All
-/// relaxed: nothing hangs on it but time.
-struct WatchHabit
-{
-    static constexpr int CREDIT = 4;                    ///< watches
-    static constexpr unsigned LEAST_INTERVAL = 32;      ///< waits
-    static constexpr unsigned GREATEST_INTERVAL = 1024; ///< waits
-
-    std::atomic<int> credit{0};                     ///< how often in a row watching may still fail
-    std::atomic<unsigned> skipped{0};               ///< waits without credit
-    std::atomic<unsigned> interval{LEAST_INTERVAL}; ///< of these one is a probe
-
-    void Paid()
-    {
-        credit.store(CREDIT, std::memory_order_relaxed);
-        interval.store(LEAST_INTERVAL, std::memory_order_relaxed);
-    }
-
-    void Failed()
-    {
-        const int left = credit.load(std::memory_order_relaxed);
-        const unsigned rarer = 2 * interval.load(std::memory_order_relaxed);
-        if (left > 0) {
-            credit.store(left - 1, std::memory_order_relaxed);
-        } else if (rarer <= GREATEST_INTERVAL) {
-            interval.store(rarer, std::memory_order_relaxed);
-        }
-    }
-
-    void CopyFrom(const WatchHabit& other)
-    {
-        credit.store(other.credit.load(std::memory_order_relaxed), std::memory_order_relaxed);
-        skipped.store(other.skipped.load(std::memory_order_relaxed), std::memory_order_relaxed);
-        interval.store(other.interval.load(std::memory_order_relaxed), std::memory_order_relaxed);
-    }
-};
-
 } // namespace zor
 
 /// The state block of a semaphore.
@@ -108,7 +69,7 @@ struct __attribute__((visibility("hidden"))) TCSemaphore::State
     unsigned wakingsOfAll = 0;      ///< guarded by the mutex
     unsigned forks = 0;             ///< of which the members know; guarded by the mutex
     std::atomic<int> holders{1};    ///< the semaphore, and givers about to wake somebody
-    zor::WatchHabit habit;
+    zor::Patience patience;
 
     /// Makes the block of a semaphore that the parent of this process has made one of this
     /// process's. Needs the mutex.
@@ -149,7 +110,6 @@ struct __attribute__((visibility("hidden"))) TCSemaphore::State
  private:
     class Parking;
 
-    int NsecToWatch();
     void WakeNow(Waking waking);
     Waking WhomToWakeLocked() const;
     void PassOnLocked();

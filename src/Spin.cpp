@@ -13,22 +13,23 @@ namespace {
 constexpr std::int64_t USUAL_PAUSE_PSEC = 40000;
 
 /// Relaxed all of them: a stale value costs a little time and nothing else.
-std::atomic<bool> g_severalProcessors{false};
+std::atomic<int> g_processors{1};
 std::atomic<std::int64_t> g_pausePsec{USUAL_PAUSE_PSEC};
 
-bool HasSeveralProcessors()
+int CountProcessors()
 {
     cpu_set_t processors;
     CPU_ZERO(&processors);
-    return sched_getaffinity(0, sizeof(processors), &processors) == 0 && CPU_COUNT(&processors) > 1;
+    return sched_getaffinity(0, sizeof(processors), &processors) == 0 ? CPU_COUNT(&processors) : 1;
 }
 
-/// Nanoseconds on the monotonic clock; 0 if it cannot be read.
-std::int64_t Now()
+std::int64_t Read(clockid_t clock)
 {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+    constexpr std::int64_t NSEC_PER_SEC = 1000000000;
+
+    timespec time = {};
+    clock_gettime(clock, &time);
+    return static_cast<std::int64_t>(time.tv_sec) * NSEC_PER_SEC + time.tv_nsec;
 }
 
 /// Picoseconds that a pause takes. The shortest of a few rounds counts: the others may have been
@@ -41,11 +42,11 @@ std::int64_t MeasurePause()
 
     std::int64_t shortest = INT64_MAX;
     for (int round = 0; round < ROUNDS; ++round) {
-        const std::int64_t begin = Now();
+        const std::int64_t begin = zor::Spin::Now();
         for (int i = 0; i < PAUSES; ++i) {
             zor::Spin::Pause();
         }
-        shortest = std::min(shortest, Now() - begin);
+        shortest = std::min(shortest, zor::Spin::Now() - begin);
     }
     const std::int64_t psec = shortest * 1000 / PAUSES;
     return psec < LEAST_PSEC ? USUAL_PAUSE_PSEC : psec;
@@ -54,11 +55,21 @@ std::int64_t MeasurePause()
 /// At load; before, nothing is waited for.
 const bool g_measured = [] {
     g_pausePsec.store(MeasurePause(), std::memory_order_relaxed);
-    g_severalProcessors.store(HasSeveralProcessors(), std::memory_order_relaxed);
+    g_processors.store(CountProcessors(), std::memory_order_relaxed);
     return true;
 }();
 
 } // namespace
+
+std::int64_t zor::Spin::Now()
+{
+    return Read(CLOCK_MONOTONIC);
+}
+
+std::int64_t zor::Spin::Used()
+{
+    return Read(CLOCK_PROCESS_CPUTIME_ID);
+}
 
 int zor::Spin::PausesIn(int nsec)
 {
@@ -67,9 +78,9 @@ int zor::Spin::PausesIn(int nsec)
         std::max<std::int64_t>(1, psec / g_pausePsec.load(std::memory_order_relaxed)));
 }
 
-bool zor::Spin::CanHelp()
+int zor::Spin::Processors()
 {
-    return g_severalProcessors.load(std::memory_order_relaxed);
+    return g_processors.load(std::memory_order_relaxed);
 }
 
 void zor::Spin::Reconsider()
@@ -78,6 +89,6 @@ void zor::Spin::Reconsider()
 
     static thread_local unsigned t_calls = 0;
     if (++t_calls % CALLS == 0) {
-        g_severalProcessors.store(HasSeveralProcessors(), std::memory_order_relaxed);
+        g_processors.store(CountProcessors(), std::memory_order_relaxed);
     }
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 namespace zor {
 
 /// Waiting for a moment without giving the processor away, in time and not in instructions: what a
@@ -21,12 +23,25 @@ class Spin
 #endif
     }
 
+    /// Nanoseconds on the monotonic clock; 0 if it cannot be read.
+    static std::int64_t Now();
+
+    /// Nanoseconds of processor time that the process has used; 0 if that cannot be read.
+    static std::int64_t Used();
+
     /// How many pauses take about @p nsec nanoseconds on this processor; at least one.
     static int PausesIn(int nsec);
 
     /// Whether another thread can run while this one spins: whether the process may use several
     /// processors. The system was asked when the library was loaded, and by Reconsider().
-    static bool CanHelp();
+    static bool CanHelp()
+    {
+        return Processors() > 1;
+    }
+
+    /// How many processors the process may use, as the system said when it was asked last; one
+    /// until the library's objects are made.
+    static int Processors();
 
     /// Asks the system again, once in a thousand calls of a thread. The processors that a process
     /// may use can change while it runs.

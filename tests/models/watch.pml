@@ -1,12 +1,12 @@
-/* A semaphore: watching the count before parking, and waking after the mutex is free.
+/* A semaphore: watching the count or yielding before parking, and waking after the mutex is free.
  *
  * Mirrors TCSemaphore::State (src/Semaphore.cpp: Watch, Parking, TakeLocked, TryLocked,
  * GiveLocked, Wake, PassOnLocked, LetGo) and TCSemaphore::Take, Try, Give and Destroy. Two takers,
  * one of which may time out, and one or two givers; whoever took last destroys the semaphore, as
  * the sender does with its reply.
  *
- * Abstracted: how long is watched (the count is seen once, and is old at once), the credit for
- * watching, the clock (a timed wait may end at any time), the waking of all where there are more
+ * Abstracted: how long is watched or yielded (the count is seen once, and is old at once) and which
+ * of the two is done, what has been learnt (src/Patience.cpp), the clock (a timed wait may end at any time), the waking of all where there are more
  * than two. Memory is sequentially consistent. A condition variable wakes one of those parked, and
  * once in a run one that nobody signalled; a timed wait that has been signalled may all the same
  * end as a time-out.

@@ -136,57 +136,72 @@ TEST(HoldersTest, NeedTheOrderOfLettingGo)
     ExpectFails<Holders<false>>(DATA_RACE);
 }
 
-/// zor::WatchHabit: nothing is ordered by it, but its numbers stay where they may be, whoever
-/// changes them at once. The interval divides.
+/// zor::Habit: nothing is ordered by it, but its numbers stay where they may be, whoever changes
+/// them at once. The interval divides.
 template <bool STORES_WHAT_IT_CHECKED>
-struct WatchHabit : rl::test_suite<WatchHabit<STORES_WHAT_IT_CHECKED>, 2>
+struct Habit : rl::test_suite<Habit<STORES_WHAT_IT_CHECKED>, 2>
 {
-    static constexpr int CREDIT = 1;
+    static constexpr int MOST = 1;
+    static constexpr int RESCUE = -1;
     static constexpr unsigned LEAST = 1;
     static constexpr unsigned GREATEST = 2;
 
-    Atomic<int> credit{CREDIT};
+    Atomic<int> credit{MOST};
     Atomic<unsigned> interval{LEAST};
 
     void thread(unsigned index)
     {
-        Failed();
+        TryFailed();
         if (index == 0) {
-            Failed();
+            ProbeFailed();
         } else {
-            credit.Store(CREDIT, RELAXED);
-            interval.Store(LEAST, RELAXED);
+            TryPaid();
         }
         const int left = credit.Load(RELAXED);
-        Claim(left >= 0 && left <= CREDIT, "the credit is within its bounds");
+        Claim(left >= RESCUE && left <= MOST, "the credit is within its bounds");
         const unsigned divides = interval.Load(RELAXED);
         Claim(divides >= LEAST && divides <= GREATEST, "the interval is within its bounds");
     }
 
-    void Failed()
+    void TryFailed()
     {
         const int left = credit.Load(RELAXED);
+        if (!STORES_WHAT_IT_CHECKED) {
+            credit.Add(left == MOST ? RESCUE - MOST : -1, RELAXED);
+        } else if (left == MOST) {
+            credit.Store(RESCUE, RELAXED);
+        } else {
+            credit.Store(left > 0 ? left - 1 : 0, RELAXED);
+        }
+    }
+
+    void TryPaid()
+    {
+        const int left = credit.Load(RELAXED);
+        if (left < MOST) {
+            credit.Store((left > 0 ? left : 0) + 1, RELAXED);
+            interval.Store(LEAST, RELAXED);
+        }
+    }
+
+    void ProbeFailed()
+    {
+        credit.Store(0, RELAXED);
         const unsigned rarer = 2 * interval.Load(RELAXED);
-        if (left > 0) {
-            if (STORES_WHAT_IT_CHECKED) {
-                credit.Store(left - 1, RELAXED);
-            } else {
-                credit.Add(-1, RELAXED);
-            }
-        } else if (rarer <= GREATEST) {
+        if (rarer <= GREATEST) {
             interval.Store(rarer, RELAXED);
         }
     }
 };
 
-TEST(WatchHabitTest, NumbersStayWithinTheirBounds)
+TEST(HabitTest, NumbersStayWithinTheirBounds)
 {
-    ExpectHolds<WatchHabit<true>>();
+    ExpectHolds<Habit<true>>();
 }
 
-TEST(WatchHabitTest, NeedsToStoreWhatItChecked)
+TEST(HabitTest, NeedsToStoreWhatItChecked)
 {
-    ExpectFails<WatchHabit<false>>(CLAIM_BROKEN);
+    ExpectFails<Habit<false>>(CLAIM_BROKEN);
 }
 
 /// TCQueue::Place(), GetSync() and the lock of the queue: the ring is used in one critical section
