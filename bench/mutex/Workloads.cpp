@@ -1,0 +1,260 @@
+#include "Workloads.h"
+
+#include <pthread.h>
+#include <sched.h>
+#include <semaphore.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "Held.h"
+#include "Queue.h"
+#include "Runtime.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double NsecSince(Clock::time_point begin)
+{
+    return std::chrono::duration<double, std::nano>(Clock::now() - begin).count();
+}
+
+/// Prints what has been recorded for so many operations.
+void PrintSections(const char* figure, long operations)
+{
+    const held::Tally sum = held::Sum();
+    const auto sections = static_cast<double>(sum.sections);
+    const auto all = sections + static_cast<double>(sum.longSections);
+    const double heldNsec = std::max(
+        0.0, static_cast<double>(sum.ticks) * held::NsecPerTick() / sections - held::EmptyNsec());
+    std::printf("{\"figure\": \"%s\", \"held_ns\": %.2f, \"sections\": %.4f, \"long\": %llu}\n",
+                figure, heldNsec, all / static_cast<double>(operations),
+                static_cast<unsigned long long>(sum.longSections));
+}
+
+template <typename Operation, typename Counterpart>
+void MeasureOperation(const char* figure, const Operation& operation,
+                      const Counterpart& counterpart)
+{
+    constexpr int ROUNDS = 200;
+    constexpr int BATCH = 200; // less than a queue's room
+
+    held::Reset();
+    for (int round = 0; round < ROUNDS; ++round) {
+        held::Start();
+        for (int i = 0; i < BATCH; ++i) {
+            operation();
+        }
+        held::Stop();
+        for (int i = 0; i < BATCH; ++i) {
+            counterpart();
+        }
+    }
+    PrintSections(figure, static_cast<long>(ROUNDS) * BATCH);
+}
+
+/// Computes for a given time, which does not pass while others have the processor.
+class Work
+{
+ public:
+    explicit Work(long nsec)
+    {
+        constexpr long ROUNDS = 100000;
+        double least = 1e12;
+        for (int i = 0; i < 10; ++i) {
+            const auto begin = Clock::now();
+            Compute(ROUNDS);
+            least = std::min(least, NsecSince(begin));
+        }
+        m_rounds = static_cast<long>(static_cast<double>(nsec) * ROUNDS / least);
+    }
+
+    void Do() const { Compute(m_rounds); }
+
+ private:
+    static void Compute(long rounds)
+    {
+        std::uint64_t value = 1;
+        for (long i = 0; i < rounds; ++i) {
+            value = value * 6364136223846793005U + 1;
+            asm volatile("" : "+r"(value));
+        }
+    }
+
+    long m_rounds = 0;
+};
+
+/// Sends a token on to its partner until it has made its hops.
+class Player : public SilentTask
+{
+ public:
+    Player(const Work* work, sem_t* done) : m_work(work), m_done(done) {}
+
+    void Serve(std::uint32_t hops)
+    {
+        TSEvent token = EventTo();
+        token.param1 = hops;
+        Send(&token, false, false);
+    }
+
+    Player* partner = nullptr;
+
+ private:
+    bool t_OnUser(const TSEvent* event) override
+    {
+        if (event->param1 == 0) {
+            sem_post(m_done);
+        } else {
+            m_work->Do();
+            partner->Serve(event->param1 - 1);
+        }
+        return true;
+    }
+
+    const Work* const m_work;
+    sem_t* const m_done;
+};
+
+void Pin(int processor)
+{
+    cpu_set_t processors;
+    CPU_ZERO(&processors);
+    CPU_SET(processor, &processors);
+    pthread_setaffinity_np(pthread_self(), sizeof(processors), &processors);
+}
+
+/// The processors that the process may use.
+std::vector<int> Processors()
+{
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    sched_getaffinity(0, sizeof(set), &set);
+    std::vector<int> processors;
+    for (int i = 0; i < CPU_SETSIZE; ++i) {
+        if (CPU_ISSET(i, &set)) {
+            processors.push_back(i);
+        }
+    }
+    return processors;
+}
+
+} // namespace
+
+void workloads::MeasureOperations()
+{
+    std::printf("{\"figure\": \"clock\", \"ns\": %.2f}\n", held::EmptyNsec());
+    std::printf("{\"figure\": \"lock_unlock\", \"ns\": %.2f}\n", held::LockUnlockNsec());
+
+    TCQueue queue;
+    TCSemaphore semaphore;
+    if (!queue.Create() || !semaphore.Create(0)) {
+        std::abort();
+    }
+    TSEvent event;
+    event.receiver = reinterpret_cast<TCHandler*>(64); // nobody handles it
+    TSEvent taken;
+    const auto put = [&] { queue.Put(&event, false); };
+    const auto get = [&] { queue.Get(&taken, 0UL); };
+    for (int i = 0; i < 2; ++i) { // once for the pages
+        held::Reset();
+        for (int k = 0; k < 240; ++k) {
+            put();
+        }
+        for (int k = 0; k < 240; ++k) {
+            get();
+        }
+    }
+    MeasureOperation("put", put, get);
+    const auto give = [&] { semaphore.Give(); };
+    const auto take = [&] { semaphore.Take(); };
+    MeasureOperation("give", give, take);
+    // The other way round: the counterpart comes first.
+    for (int k = 0; k < 200; ++k) {
+        put();
+        give();
+    }
+    MeasureOperation("get", get, put);
+    MeasureOperation("take", take, give);
+    semaphore.Destroy();
+    queue.Destroy();
+}
+
+void workloads::MeasureHandover()
+{
+    constexpr std::uint32_t TRIPS = 1000000;
+
+    const std::vector<int> processors = Processors();
+    if (processors.size() < 2) {
+        return;
+    }
+    struct alignas(64) Turn
+    {
+        std::atomic<std::uint32_t> number{0};
+    };
+    static Turn
+        turn; // one line, as the mutex is: even numbers are one side's, odd ones the other's
+    const auto play = [&](int processor, std::uint32_t side) {
+        Pin(processor);
+        for (std::uint32_t i = side; i < 2 * TRIPS; i += 2) {
+            while (turn.number.load(std::memory_order_acquire) != i) {
+            }
+            turn.number.store(i + 1, std::memory_order_release);
+        }
+    };
+    std::thread other(play, processors[1], 1);
+    const auto begin = Clock::now();
+    std::thread one(play, processors[0], 0);
+    one.join();
+    other.join();
+    std::printf("{\"figure\": \"handover\", \"ns\": %.2f}\n", NsecSince(begin) / (2.0 * TRIPS));
+}
+
+void workloads::MeasurePairs(long pairs, long hops, long handlerNsec, bool records)
+{
+    const Work work(handlerNsec);
+    const Runtime runtime;
+    sem_t done;
+    sem_init(&done, 0, 0);
+    {
+        std::vector<std::unique_ptr<Player>> players;
+        for (long i = 0; i < 2 * pairs; ++i) {
+            players.push_back(std::make_unique<Player>(&work, &done));
+        }
+        for (std::size_t i = 0; i < players.size(); ++i) {
+            players[i]->partner = players[i ^ 1].get();
+        }
+        const auto play = [&](long each) {
+            for (std::size_t i = 0; i < players.size(); i += 2) {
+                players[i]->Serve(static_cast<std::uint32_t>(each));
+            }
+            for (long i = 0; i < pairs; ++i) {
+                while (sem_wait(&done) != 0) {
+                }
+            }
+        };
+        play(100);
+        if (records) {
+            held::Start();
+        }
+        const auto begin = Clock::now();
+        play(hops / pairs);
+        const double nsec = NsecSince(begin);
+        held::Stop();
+        const long made = hops / pairs * pairs;
+        if (records) {
+            PrintSections("recorded", made);
+        } else {
+            std::printf("{\"figure\": \"hops\", \"rate\": %.1f}\n",
+                        static_cast<double>(made) * 1e9 / nsec);
+        }
+    }
+    sem_destroy(&done);
+}
