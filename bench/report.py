@@ -5,6 +5,7 @@ import platform
 import re
 import resource
 import subprocess
+import textwrap
 import time
 
 NOISE = 0.15  # share of one processor that went to others, from which on a run counts as disturbed
@@ -29,6 +30,10 @@ def replace_section(text, name, body):
 
 def write_section(path, name, body):
     path.write_text(replace_section(path.read_text(), name, body))
+
+
+def paragraph(*sentences):
+    return textwrap.fill(" ".join(sentences), 110, break_long_words=False, break_on_hyphens=False)
 
 
 def machine():

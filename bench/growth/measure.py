@@ -30,7 +30,10 @@ ACCESSES = {
     "linear": lambda size: size,
 }
 
-Step = collections.namedtuple("Step", "name text theory memory")
+CLOCKS = {"wall": "on the wall", "cpu": "on a processor"}
+
+# memory: whose price is paid for an access; clocks: by which of them growth is judged.
+Step = collections.namedtuple("Step", "name text theory memory clocks", defaults=[tuple(CLOCKS)])
 
 STEPS = [
     Step("pairs", "a hop", "constant", None),
@@ -38,7 +41,8 @@ STEPS = [
     Step("send", "a send to a busy task", "constant", None),
     Step("task_destroy", "a task destroyed", "linear", "memory_list"),
     Step("timer_create", "a timer created", "logarithmic", "memory_tree"),
-    Step("timer_fire", "a timer fired", "logarithmic", "memory_tree"),
+    # On the wall a firing shows how the scheduler's thread and the task meet.
+    Step("timer_fire", "a timer fired", "logarithmic", "memory_tree", ("cpu",)),
     Step("timer_destroy", "a timer destroyed", "logarithmic", "memory_tree"),
 ]
 
@@ -92,17 +96,24 @@ def checked(step, figures, processors):
     return figures
 
 
+def by_theory(step, series, clock):
+    """What a step costs by theory at each size, beginning with what it was measured to cost at the smallest."""
+    costs = medians(getattr(series[step.name], clock))
+    memory = medians(series[step.memory].wall) if step.memory else {}
+    return {min(costs): costs[min(costs)], **predictions(step.theory, costs, memory)}
+
+
 def check(series, processors):
     """A message for each step and size that costs more than it may, and the marks for the table."""
     messages, marks = [], set()
     for step in STEPS:
         memory = medians(series[step.memory].wall) if step.memory else {}
-        for clock, text in (("wall", "on the wall"), ("cpu", "on a processor")):
+        for clock in step.clocks:
             costs = medians(checked(step, getattr(series[step.name], clock), processors))
             for size, most in too_fast(step.theory, costs, memory).items():
                 marks.add((step.name, clock, size))
                 messages.append(
-                    f"{step.text}, {size}: {report.duration(costs[size])} {text}, but its theory"
+                    f"{step.text}, {size}: {report.duration(costs[size])} {CLOCKS[clock]}, but its theory"
                     f" ({step.theory}) and a factor of {SLACK} allow {report.duration(most)}"
                 )
     return messages, marks
@@ -228,22 +239,21 @@ def pairs_table(series, marks, processors):
     return lines
 
 
-def steps_table(series, marks, heading, names):
+def steps_table(series, marks, heading, names, clock):
     lines = [
-        f"| step | {heading} | on the wall | on a processor | theory | by theory, on the wall |",
+        f"| step | {heading} | on the wall | on a processor | theory | by theory, {CLOCKS[clock]} |",
         "|---|---|---|---|---|---|",
     ]
     for step in STEPS:
         if step.name not in names:
             continue
         figures = series[step.name]
-        memory = medians(series[step.memory].wall) if step.memory else {}
-        expected = predictions(step.theory, medians(figures.wall), memory)
+        expected = by_theory(step, series, clock)
         for size in figures.wall:
             wall = cell(figures.wall[size], (step.name, "wall", size) in marks)
             cpu = cell(figures.cpu[size], (step.name, "cpu", size) in marks)
-            by_theory = report.duration(expected[size]) if size in expected else "-"
-            lines.append(f"| {step.text} | {size:,} | {wall} | {cpu} | {step.theory} | {by_theory} |")
+            theory = report.duration(expected[size]) if size > min(expected) else "-"
+            lines.append(f"| {step.text} | {size:,} | {wall} | {cpu} | {step.theory} | {theory} |")
     return lines
 
 
@@ -255,49 +265,57 @@ def section(measurement, series, marks, messages, processors, chart):
     ]
     split = len(series["memory_list"].wall)
     repetitions = len(measurement.raw["send"][TASKS[0]])
+    text = report.paragraph
     lines = [
         "## How cost grows",
         "",
-        f"`scripts/bench.sh --growth`, {datetime.date.today()}: {report.machine()}; medians of {repetitions}",
-        "repetitions, each in a process of its own, with the smallest and the largest.",
-        f"{measurement.disturbed} of {measurement.runs} runs shared the machine with other work.",
-        *measurement.notes,
+        text(
+            f"`scripts/bench.sh --growth`, {datetime.date.today()}: {report.machine()}; medians of {repetitions}"
+            " repetitions, each in a process of its own, with the smallest and the largest.",
+            f"{measurement.disturbed} of {measurement.runs} runs shared the machine with other work.",
+            *measurement.notes,
+        ),
         "",
         f"Pairs of tasks, each with a token that goes back and forth, {measurement.hops:,} hops together:",
         "",
         *pairs_table(series, marks, processors),
         "",
-        "Tasks with stacks of 1 MiB, while there are so many, the one measured included. Created: `Create()`,",
-        "without the start of the thread. Destroyed: from the send of the exit event to the end of `Destroy()`,",
-        "the newest first. Sent to: an event to a task that is held in its handler.",
+        text(
+            "Tasks with stacks of 1 MiB, while there are so many, the one measured included. Created: `Create()`,"
+            " without the start of the thread. Destroyed: from the send of the exit event to the end of `Destroy()`,"
+            " the newest first. Sent to: an event to a task that is held in its handler.",
+        ),
         "",
-        *steps_table(series, marks, "tasks", ("task_create", "task_destroy", "send")),
+        *steps_table(series, marks, "tasks", ("task_create", "task_destroy", "send"), "wall"),
         "",
-        "A timer with so many beside it that are due in an hour; it is created and destroyed somewhere among",
-        "them. Fired: the wall shows when a task handles one of a hundred that are due together, the processor",
-        "what the scheduler's thread needs for it.",
+        text(
+            "A timer with so many beside it that are due in an hour; it is created and destroyed somewhere among"
+            " them. Fired: the wall shows when a task handles one of a hundred that are due together, the processor"
+            " what the scheduler's thread needs for it, and only that is judged.",
+        ),
         "",
-        *steps_table(series, marks, "timers", ("timer_create", "timer_fire", "timer_destroy")),
+        *steps_table(series, marks, "timers", ("timer_create", "timer_fire", "timer_destroy"), "cpu"),
         "",
-        f"![How cost grows]({chart})" if chart else "",
-        "",
-        "What theory says is read from the code. A put or a get is a critical section that does not depend on how",
-        "many tasks there are, and a send goes straight to the receiver's queue. A new task is put at the end of the",
-        "registry, which is a list; one that is destroyed is searched for in it from the front, so the newest comes",
-        "last. The schedule is an ordered tree, and free timers' ids are a heap. By theory a step costs what it",
-        "costs at a smaller size, plus one access to memory for each task or for each level of the tree, at the",
-        "price that such an access has on this machine in a structure so large:",
-        f"{', '.join(prices[:split])} tasks (a list's nodes, out of the caches);",
-        f"{', '.join(prices[split:])} timers (a tree's nodes, in any order).",
-        f"A step that costs more than {SLACK} times that is marked, and the script fails. Up to as many pairs as there",
-        "are processors each token has a processor of its own; theory speaks of more.",
+        *([f"![How cost grows]({chart})", ""] if chart else []),
+        text(
+            "What theory says is read from the code. A put or a get is a critical section that does not depend on"
+            " how many tasks there are, and a send goes straight to the receiver's queue. A new task is put at the"
+            " end of the registry, which is a list; one that is destroyed is searched for in it from the front, so"
+            " the newest comes last. The schedule is an ordered tree, and free timers' ids are a heap. By theory a"
+            " step costs what it costs at a smaller size, plus one access to memory for each task or for each level"
+            " of the tree, at the price that such an access has on this machine in a structure so large:"
+            f" {', '.join(prices[:split])} tasks (a list's nodes, out of the caches);"
+            f" {', '.join(prices[split:])} timers (a tree's nodes, in any order). A step that costs more than {SLACK}"
+            " times that is marked, and the script fails. Up to as many pairs as there are processors each token has"
+            " a processor of its own; theory speaks of more.",
+        ),
     ]
     if messages:
         lines += ["", "Faster than theory allows:", "", *(f"- {message}" for message in messages)]
     return "\n".join(lines)
 
 
-def plot(axis, series, names, clock, scale=lambda nsec: nsec):
+def plot(axis, series, names, clock, scale):
     for name, label in names:
         figures = getattr(series[name], clock)
         middle = [scale(figure.median) for figure in figures.values()]
@@ -306,7 +324,16 @@ def plot(axis, series, names, clock, scale=lambda nsec: nsec):
             [value - end[0] for value, end in zip(middle, ends)],
             [end[1] - value for value, end in zip(middle, ends)],
         ]
-        axis.errorbar(list(figures), middle, yerr=errors, marker="o", markersize=3, capsize=2, label=label)
+        bars = axis.errorbar(list(figures), middle, yerr=errors, marker="o", markersize=3, capsize=2, label=label)
+        step = next(step for step in STEPS if step.name == name)
+        if name != "pairs":
+            theory = by_theory(step, series, clock)
+            values = [scale(value) for value in theory.values()]
+            axis.plot(list(theory), values, linestyle=":", linewidth=1, color=bars[0].get_color())
+    axis.set_xscale("log")
+    sizes = list(getattr(series[names[0][0]], clock))
+    axis.set_xticks(sizes, [f"{size:,}" for size in sizes])
+    axis.set_xticks([], minor=True)
 
 
 def write_chart(series, path):
@@ -316,31 +343,31 @@ def write_chart(series, path):
     matplotlib.rcParams["svg.hashsalt"] = "zor"
     from matplotlib import pyplot
 
-    figure, axes = pyplot.subplots(1, 4, figsize=(16, 3.5))
-    plot(axes[0], series, [("pairs", "hops")], "wall", lambda nsec: 1e9 / nsec)
-    plot(axes[1], series, [("pairs", "a hop")], "cpu", lambda nsec: nsec / 1e3)
     tasks = [("task_create", "created"), ("task_destroy", "destroyed"), ("send", "sent to")]
-    plot(axes[2], series, tasks, "wall", lambda nsec: nsec / 1e3)
     timers = [("timer_create", "created"), ("timer_fire", "fired"), ("timer_destroy", "destroyed")]
-    plot(axes[3], series, timers, "cpu")
+    microseconds = lambda nsec: nsec / 1e3
+    figure, axes = pyplot.subplots(1, 4, figsize=(16, 3.5))
+    plot(axes[0], series, [("pairs", "hops")], "wall", lambda nsec: 1e3 / nsec)
+    plot(axes[1], series, [("pairs", "a hop")], "cpu", microseconds)
+    plot(axes[2], series, tasks, "wall", microseconds)
+    plot(axes[3], series, timers, "cpu", microseconds)
     titles = [
-        ("active pairs", "events/s, more is better"),
+        ("active pairs", "million events/s, more is better"),
         ("active pairs", "processor time an event, us"),
-        ("tasks", "us, on the wall"),
-        ("timers beside it", "processor time, ns"),
+        ("tasks; dotted: by theory", "on the wall, us"),
+        ("timers beside it; dotted: by theory", "processor time, us"),
     ]
     for axis, (xlabel, ylabel) in zip(axes, titles):
-        axis.set_xscale("log", base=2 if "pairs" in xlabel else 10)
         axis.set_xlabel(xlabel, fontsize=8)
         axis.set_ylabel(ylabel, fontsize=8)
         axis.tick_params(labelsize=7)
         axis.grid(True, linewidth=0.3)
-    axes[2].set_yscale("log")
     for axis in axes[:2]:
         axis.set_ylim(bottom=0)
-    axes[3].set_ylim(bottom=0)
     for axis in axes[2:]:
+        axis.set_yscale("log")
         axis.legend(fontsize=7)
+    axes[3].set_ylim(bottom=0.1)
     figure.tight_layout()
     path.parent.mkdir(parents=True, exist_ok=True)
     figure.savefig(path, metadata={"Date": None})

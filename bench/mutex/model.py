@@ -24,8 +24,9 @@ WAKE = 5000  # ns until a thread that sleeps on the mutex runs again; about what
 
 AGREEMENT = 0.03  # by which simulation and analysis may differ where the analysis is exact
 
-# What one round of the model needs of the mutex, and nothing else of it.
-Costs = collections.namedtuple("Costs", "sections alone moved overhead")
+# What a hop needs, in ns: how many sections; a section's time on one processor, and what is added to it when
+# the processor before was another one; and what needs no mutex, on one processor and on several.
+Costs = collections.namedtuple("Costs", "sections alone moved overhead overhead_of_several")
 
 
 class Figures:
@@ -69,21 +70,42 @@ def measure(program, repetitions, hops, processors):
     return figures
 
 
+def fitted_overhead(processors, demand, rate):
+    """What a hop needs without the mutex if so many processors make hops at this rate."""
+    least, most = 0.0, processors / rate
+    for _ in range(60):
+        middle = (least + most) / 2
+        if queueing.mean_value_analysis(processors, middle, demand).rate > rate:
+            least = middle
+        else:
+            most = middle
+    return most
+
+
 def costs(figures):
-    """What a hop needs, in ns: sections, a section's time on one processor, what is added to it when the
-    processor before was another one, and all of a hop that needs no mutex."""
+    """What a hop needs, by what has been measured with handlers that do nothing."""
     lock = figures.median("", "lock_unlock", "ns") / 2  # half of either lies within the section
     alone = figures.median(1, "recorded", "held_ns") + lock
+    several = (2, "recorded", "held_ns") in figures.values
     moved = 0.0
     sections = figures.median(1, "recorded", "sections")
-    if (2, "recorded", "held_ns") in figures.values:
+    if several:
         # On two processors the one before was another one half of the time.
         colder = 2 * (figures.median(2, "recorded", "held_ns") - figures.median(1, "recorded", "held_ns"))
         moved = max(0.0, colder) + figures.median("", "handover", "ns")
         sections = max(sections, figures.median(2, "recorded", "sections"))
-    hop = 1e9 / figures.median((1, 0), "hops", "rate")
-    overhead = max(0.0, hop - figures.median(1, "recorded", "sections") * alone)
-    return Costs(sections, alone, moved, overhead)
+    cost = Costs(sections, alone, moved, 0.0, 0.0)
+    overheads = []
+    for processors in (1, 2 if several else 1):
+        rate = figures.median((processors, 0), "hops", "rate") / 1e9
+        fitted = fitted_overhead(processors, sections * service(cost, processors), rate)
+        overheads.append(max(0.0, fitted - figures.median((processors, 0), "hops", "handler_ns")))
+    return cost._replace(overhead=overheads[0], overhead_of_several=overheads[1])
+
+
+def thinking(cost, processors, handler):
+    """What an event needs of its processor and not of the mutex."""
+    return handler + (cost.overhead if processors == 1 else cost.overhead_of_several)
 
 
 def service(cost, processors):
@@ -93,13 +115,13 @@ def service(cost, processors):
 
 def predict(cost, processors, handler):
     """Events a second and the share of its time that a processor waits."""
-    think = cost.overhead + handler
+    think = thinking(cost, processors, handler)
     result = queueing.mean_value_analysis(processors, think, cost.sections * service(cost, processors))
     return result.rate * 1e9, result.wait * result.rate / processors
 
 
 def predict_patient(cost, processors, handler):
-    think = (cost.overhead + handler) / cost.sections
+    think = thinking(cost, processors, handler) / cost.sections
     result = queueing.simulate_patience(
         processors, think, service(cost, processors), PATIENCE, TRIES, WAKE, rounds=30_000
     )
@@ -111,7 +133,7 @@ def disagreement(cost):
     worst = 0.0
     for handler in HANDLERS:
         for processors in PROCESSORS:
-            think, one = (cost.overhead + handler) / cost.sections, service(cost, processors)
+            think, one = thinking(cost, processors, handler) / cost.sections, service(cost, processors)
             exact = queueing.mean_value_analysis(processors, think, one).rate
             drawn = queueing.simulate(processors, think, one, rounds=40_000).rate
             worst = max(worst, abs(drawn / exact - 1))
@@ -144,7 +166,7 @@ def model_table(cost):
         cells = []
         for processors in PROCESSORS:
             rate, waiting = predict(cost, processors, handler)
-            think = cost.overhead + handler
+            think = thinking(cost, processors, handler)
             most = 1e9 * queueing.upper_bound(processors, think, cost.sections * service(cost, processors))
             patient = predict_patient(cost, processors, handler)
             cells.append(
@@ -177,9 +199,10 @@ def validation_table(figures, cost):
                 continue
             measured = figures.median((count, handler), "hops", "rate")
             least, most = figures.spread((count, handler), "hops", "rate")
-            modelled = predict(cost, count, handler)[0]
+            took = figures.median((count, handler), "hops", "handler_ns")
+            modelled = predict(cost, count, took)[0]
             lines.append(
-                f"| {report.duration(handler)} | {count} | {report.number(modelled)} | {report.number(measured)}"
+                f"| {report.duration(took)} | {count} | {report.number(modelled)} | {report.number(measured)}"
                 f" ({report.number(least)} to {report.number(most)}) | {modelled / measured:.2f} |"
             )
     return lines
@@ -194,50 +217,68 @@ def section(figures, cost, repetitions, differs):
         else "not to be measured with one processor and left out: all but the first column is too good"
     )
     lowest = 1e9 / (cost.sections * service(cost, PROCESSORS[-1]))
+    lock = cost.alone - figures.median(1, "recorded", "held_ns")
+    text = report.paragraph
     lines = [
         "## What the process-wide mutex costs",
         "",
-        "One mutex guards the counts of all semaphores and, while their locks are free, all queues. **This is a",
-        "model**, because this machine has not the processors to measure it; its input is measured.",
-        f"`scripts/bench.sh --mutex`, {datetime.date.today()}: {report.machine()}; medians of {repetitions}",
-        "repetitions, with the smallest and the largest. "
-        f"{figures.disturbed} of {figures.runs} runs shared the machine with other work.",
+        text(
+            "One mutex guards the counts of all semaphores and, while their locks are free, all queues. **This is a"
+            " model**, because this machine has not the processors to measure it; its input is measured."
+            f" `scripts/bench.sh --mutex`, {datetime.date.today()}: {report.machine()}; medians of {repetitions}"
+            " repetitions, with the smallest and the largest.",
+            f"{figures.disturbed} of {figures.runs} runs shared the machine with other work.",
+        ),
         "",
         "How long the mutex is held, and in how many sections for each operation:",
         "",
         *measured_table(figures, cost),
         "",
-        f"From each section {clock:.3g} ns were subtracted, which is what two looks at the clock find when nothing lies",
-        "between them. Sections of more than 10 us are left out: their thread was interrupted. The model adds half of",
-        f"what lock and unlock take when nobody else comes, {cost.alone - figures.median(1, 'recorded', 'held_ns'):.3g} ns, and when",
-        "the processor before was another one what a section on two processors takes longer than on one, and a",
-        f"cache line's way from one processor to the other ({moved}).",
-        f"So a section takes {service(cost, 1):.3g} ns on one processor, {service(cost, 2):.3g} with two, "
-        f"{service(cost, 16):.3g} with 16; a hop has {cost.sections:.3g} of",
-        f"them, and needs {report.duration(cost.overhead)} without the mutex beside its handler.",
+        text(
+            f"From each section {clock:.3g} ns were subtracted, which is what two looks at the clock find when"
+            " nothing lies between them. Sections of more than 10 us are left out: their thread was interrupted. The"
+            f" model adds half of what lock and unlock take when nobody else comes, {lock:.3g} ns, and when the"
+            " processor before was another one what a section on two processors takes longer than on one, and a cache"
+            f" line's way from one processor to the other ({moved}).",
+            f"So a section takes {service(cost, 1):.3g} ns on one processor, {service(cost, 2):.3g} with two,"
+            f" {service(cost, 16):.3g} with 16; a hop has {cost.sections:.3g} of them. Without the mutex and its"
+            f" handler it needs {report.duration(cost.overhead)} on one processor and"
+            f" {report.duration(cost.overhead_of_several)} on two (wake-ups from one to the other, and what waiting"
+            " for the mutex takes longer than the model says), which is taken for more as well; both so that the"
+            " model gives the rates of handlers that do nothing.",
+        ),
         "",
-        f"**It saturates** at {report.number(lowest)} hops a second with 16 processors: whatever is added then waits. Rates",
-        "that cannot be exceeded:",
+        text(
+            f"**It saturates** at {report.number(lowest)} hops a second with 16 processors: whatever is added then"
+            " waits. Rates that are not exceeded while processors take the mutex in any order:",
+        ),
         "",
         *saturation_table(figures, cost),
         "",
-        "Events a second, and the share of its time that a processor waits for the mutex, if every processor always",
-        "has an event to handle. By mean-value analysis of a closed network: processors that compute, and one server;",
-        f"a simulation of the same agrees within {differs:.1%}. In brackets a simulation with the runtime's way of",
-        f"waiting (tries {PATIENCE} ns apart, after {TRIES} of them a sleep), and the bound that no distribution of the times",
-        "exceeds:",
+        text(
+            "Events a second, and the share of its time that a processor waits for the mutex, if every processor"
+            " always has an event to handle. By mean-value analysis of a closed network: processors that compute, and"
+            f" one server; a simulation of the same agrees within {differs:.1%}. In brackets a simulation with the"
+            f" runtime's way of waiting (tries {PATIENCE} ns apart, after {TRIES} of them a sleep), and the bound that"
+            " no distribution of the times exceeds:",
+        ),
         "",
         *model_table(cost),
         "",
-        f"Against this machine, {PAIRS} pairs of tasks whose handlers compute for so long (on one processor only the",
-        "additions are tested, because nobody waits there):",
+        text(
+            f"Against this machine, {PAIRS} pairs of tasks whose handlers compute for so long on a processor. On one"
+            " processor only the additions are tested, because nobody waits there:",
+        ),
         "",
         *validation_table(figures, cost),
         "",
-        "Left out: convoys, in which threads that have slept on the mutex come out of step; a holder that loses its",
-        "processor, for whom all others wait until it has one again; wake-ups across processors, which take longer than",
-        "on one and are the same in number; caches that are further apart than these; and that tasks find nothing to",
-        "do. Each of them lowers the rate.",
+        text(
+            "Left out: convoys, in which threads that have slept on the mutex come out of step; a holder that loses"
+            " its processor, for whom all others wait until it has one again; caches and processors that are further"
+            " apart than these; and that tasks find nothing to do. Each of them lowers the rate. Who has the mutex"
+            " often takes it again before the others have tried, because they stay away, and then no cache line"
+            " moves: that raises it, most of all where one task streams to another.",
+        ),
     ]
     return "\n".join(lines)
 
