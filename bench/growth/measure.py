@@ -257,13 +257,28 @@ def steps_table(series, marks, heading, names, clock):
     return lines
 
 
-def section(measurement, series, marks, messages, processors, chart):
+def theory_text(series):
     prices = [
         f"{report.duration(figure.median)} at {size:,}"
         for name in ("memory_list", "memory_tree")
         for size, figure in series[name].wall.items()
     ]
     split = len(series["memory_list"].wall)
+    return report.paragraph(
+        "What theory says is read from the code. A put or a get is a critical section that does not depend on"
+        " how many tasks there are, and a send goes straight to the receiver's queue. A new task is put at the"
+        " end of the registry, which is a list; one that is destroyed is searched for in it from the front, so"
+        " the newest comes last. The schedule is an ordered tree, and free timers' ids are a heap. By theory a"
+        " step costs what it costs at a smaller size, plus one access to memory for each task or for each level"
+        " of the tree, at the price that such an access has on this machine in a structure so large:"
+        f" {', '.join(prices[:split])} tasks (a list's nodes, out of the caches);"
+        f" {', '.join(prices[split:])} timers (a tree's nodes, in any order). A step that costs more than {SLACK}"
+        " times that is marked, and the script fails. Up to as many pairs as there are processors each token has"
+        " a processor of its own; theory speaks of more.",
+    )
+
+
+def section(measurement, series, marks, messages, processors, chart):
     repetitions = len(measurement.raw["send"][TASKS[0]])
     text = report.paragraph
     lines = [
@@ -297,18 +312,7 @@ def section(measurement, series, marks, messages, processors, chart):
         *steps_table(series, marks, "timers", ("timer_create", "timer_fire", "timer_destroy"), "cpu"),
         "",
         *([f"![How cost grows]({chart})", ""] if chart else []),
-        text(
-            "What theory says is read from the code. A put or a get is a critical section that does not depend on"
-            " how many tasks there are, and a send goes straight to the receiver's queue. A new task is put at the"
-            " end of the registry, which is a list; one that is destroyed is searched for in it from the front, so"
-            " the newest comes last. The schedule is an ordered tree, and free timers' ids are a heap. By theory a"
-            " step costs what it costs at a smaller size, plus one access to memory for each task or for each level"
-            " of the tree, at the price that such an access has on this machine in a structure so large:"
-            f" {', '.join(prices[:split])} tasks (a list's nodes, out of the caches);"
-            f" {', '.join(prices[split:])} timers (a tree's nodes, in any order). A step that costs more than {SLACK}"
-            " times that is marked, and the script fails. Up to as many pairs as there are processors each token has"
-            " a processor of its own; theory speaks of more.",
-        ),
+        theory_text(series),
     ]
     if messages:
         lines += ["", "Faster than theory allows:", "", *(f"- {message}" for message in messages)]

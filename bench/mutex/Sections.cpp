@@ -1,5 +1,5 @@
-// mutex_sections operations | handover | hops PAIRS HOPS HANDLER_NSEC | recorded PAIRS HOPS
-// HANDLER_NSEC
+// mutex_sections operations | handover | calls CALLS | hops PAIRS HOPS HANDLER_NSEC |
+// recorded PAIRS HOPS HANDLER_NSEC
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,7 +14,7 @@ namespace {
 int Usage(const char* program)
 {
     std::fprintf(stderr,
-                 "usage: %s operations | handover | hops PAIRS HOPS HANDLER_NSEC |"
+                 "usage: %s operations | handover | calls CALLS | hops PAIRS HOPS HANDLER_NSEC |"
                  " recorded PAIRS HOPS HANDLER_NSEC\n",
                  program);
     return 2;
@@ -47,6 +47,8 @@ int main(int argc, char** argv)
         workloads::MeasureOperations();
     } else if (is("handover", 0)) {
         workloads::MeasureHandover();
+    } else if (is("calls", 1)) {
+        workloads::MeasureCalls(numbers[0]);
     } else if (is("hops", 3) || is("recorded", 3)) {
         workloads::MeasurePairs(numbers[0], numbers[1], numbers[2], is("recorded", 3));
     } else {

@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 #include <sched.h>
-#include <semaphore.h>
 
 #include <algorithm>
 #include <atomic>
@@ -11,13 +10,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <memory>
 #include <thread>
 #include <vector>
 
 #include "Held.h"
+#include "Pairs.h"
 #include "Queue.h"
-#include "Runtime.h"
 
 namespace {
 
@@ -114,45 +112,37 @@ class Work
     double m_clockNsec = 1e9; ///< between two looks at the thread's clock
 };
 
-/// Sends a token on to its partner until it has made its hops.
-class Player : public SilentTask
+/// A handler's work, of which now and then the time is taken.
+struct TimedWork
 {
- public:
-    Player(const Work* work, sem_t* done) : m_work(work), m_done(done) {}
-
-    void Serve(std::uint32_t hops)
-    {
-        TSEvent token = EventTo();
-        token.param1 = hops;
-        Send(&token, false, false);
-    }
-
-    Player* partner = nullptr;
-    double workNsec = 0; ///< the task's, as is the next one, until all tokens have made their hops
+    const Work* work;
+    double nsec = 0;
     long timed = 0;
 
- private:
-    bool t_OnUser(const TSEvent* event) override
+    void operator()(std::uint32_t left)
     {
         constexpr std::uint32_t TIMED = 64; // one of so many
 
-        if (event->param1 == 0) {
-            sem_post(m_done);
-            return true;
-        }
-        if (event->param1 % TIMED == 0) {
-            workNsec += m_work->DoTimed();
+        if (left % TIMED == 0) {
+            nsec += work->DoTimed();
             ++timed;
         } else {
-            m_work->Do();
+            work->Do();
         }
-        partner->Serve(event->param1 - 1);
-        return true;
     }
-
-    const Work* const m_work;
-    sem_t* const m_done;
 };
+
+/// What a handler took, of those whose time has been taken.
+double HandlerNsec(const Pairs<TimedWork>& pairs)
+{
+    double nsec = 0;
+    long timed = 0;
+    for (const auto& player : pairs.Players()) {
+        nsec += player->OwnWork().nsec;
+        timed += player->OwnWork().timed;
+    }
+    return timed == 0 ? 0 : nsec / static_cast<double>(timed);
+}
 
 void Pin(int processor)
 {
@@ -264,48 +254,36 @@ void workloads::MeasureHandover()
 void workloads::MeasurePairs(long pairs, long hops, long handlerNsec, bool records)
 {
     const Work work(handlerNsec);
+    Pairs<TimedWork> table(pairs, TimedWork{&work});
+    table.Play(100);
+    if (records) {
+        held::Start();
+    }
+    const auto begin = Clock::now();
+    table.Play(hops / pairs);
+    const double nsec = NsecSince(begin);
+    held::Stop();
+    const long made = hops / pairs * pairs;
+    if (records) {
+        PrintSections("recorded", made);
+        return;
+    }
+    std::printf("{\"figure\": \"hops\", \"rate\": %.1f, \"handler_ns\": %.1f}\n",
+                static_cast<double>(made) * 1e9 / nsec, HandlerNsec(table));
+}
+
+void workloads::MeasureCalls(long calls)
+{
     const Runtime runtime;
-    sem_t done;
-    sem_init(&done, 0, 0);
-    {
-        std::vector<std::unique_ptr<Player>> players;
-        for (long i = 0; i < 2 * pairs; ++i) {
-            players.push_back(std::make_unique<Player>(&work, &done));
-        }
-        for (std::size_t i = 0; i < players.size(); ++i) {
-            players[i]->partner = players[i ^ 1].get();
-        }
-        const auto play = [&](long each) {
-            for (std::size_t i = 0; i < players.size(); i += 2) {
-                players[i]->Serve(static_cast<std::uint32_t>(each));
-            }
-            for (long i = 0; i < pairs; ++i) {
-                while (sem_wait(&done) != 0) {
-                }
-            }
-        };
-        play(100);
-        if (records) {
-            held::Start();
-        }
-        const auto begin = Clock::now();
-        play(hops / pairs);
-        const double nsec = NsecSince(begin);
-        held::Stop();
-        const long made = hops / pairs * pairs;
-        if (records) {
-            PrintSections("recorded", made);
-        } else {
-            double workNsec = 0;
-            long timed = 0;
-            for (const auto& player : players) {
-                workNsec += player->workNsec;
-                timed += player->timed;
-            }
-            std::printf("{\"figure\": \"hops\", \"rate\": %.1f, \"handler_ns\": %.1f}\n",
-                        static_cast<double>(made) * 1e9 / nsec,
-                        timed == 0 ? 0 : workNsec / static_cast<double>(timed));
+    SilentTask task;
+    TSEvent event = task.EventTo();
+    TCTask::Send(&event, true, false);
+    held::Start();
+    for (long i = 0; i < calls; ++i) {
+        if (!TCTask::Send(&event, true, false)) {
+            std::abort();
         }
     }
-    sem_destroy(&done);
+    held::Stop();
+    PrintSections("call", calls);
 }

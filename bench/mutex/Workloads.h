@@ -14,4 +14,7 @@ void MeasureHandover();
 /// time.
 void MeasurePairs(long pairs, long hops, long handlerNsec, bool records);
 
+/// Sections of a synchronous send to a task that has nothing else to do, both sides together.
+void MeasureCalls(long calls);
+
 } // namespace workloads

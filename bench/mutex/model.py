@@ -28,6 +28,14 @@ AGREEMENT = 0.03  # by which simulation and analysis may differ where the analys
 # the processor before was another one; and what needs no mutex, on one processor and on several.
 Costs = collections.namedtuple("Costs", "sections alone moved overhead overhead_of_several")
 
+LEFT_OUT = (
+    "Left out: convoys, in which threads that have slept on the mutex come out of step; a holder that loses its"
+    " processor, for whom all others wait until it has one again; caches and processors that are further apart than"
+    " these; and that tasks find nothing to do. Each of them lowers the rate. Who has the mutex often takes it again"
+    " before the others have tried, because they stay away, and then no cache line moves: that raises it, most of all"
+    " where one task streams to another."
+)
+
 
 class Figures:
     """Medians of what mutex_sections has printed."""
@@ -63,6 +71,7 @@ def measure(program, repetitions, hops, processors):
             figures.run("", [program, "handover"], 2)
         for count in range(1, min(processors, 2) + 1):
             figures.run(count, [program, "recorded", PAIRS, hops, 0], count)
+            figures.run(count, [program, "calls", hops // 4], count)
             for handler in [0, *HANDLERS]:
                 # About as long for each handler as for none.
                 fewer = max(PAIRS * 20, int(hops * count / (1 + handler / 1500)))
@@ -82,25 +91,34 @@ def fitted_overhead(processors, demand, rate):
     return most
 
 
+def lock_nsec(figures):
+    """The part of lock and unlock that lies within the section: half of either."""
+    return figures.median("", "lock_unlock", "ns") / 2
+
+
+def sections_of(figures, what):
+    """How many sections something has; a section's time on one processor, and what is added to it when the
+    processor before was another one."""
+    held = figures.median(1, what, "held_ns")
+    sections, moved = figures.median(1, what, "sections"), 0.0
+    if (2, what, "held_ns") in figures.values:
+        # On two processors the one before was another one half of the time.
+        colder = 2 * (figures.median(2, what, "held_ns") - held)
+        moved = max(0.0, colder) + figures.median("", "handover", "ns")
+        sections = max(sections, figures.median(2, what, "sections"))
+    return sections, held + lock_nsec(figures), moved
+
+
 def costs(figures):
     """What a hop needs, by what has been measured with handlers that do nothing."""
-    lock = figures.median("", "lock_unlock", "ns") / 2  # half of either lies within the section
-    alone = figures.median(1, "recorded", "held_ns") + lock
-    several = (2, "recorded", "held_ns") in figures.values
-    moved = 0.0
-    sections = figures.median(1, "recorded", "sections")
-    if several:
-        # On two processors the one before was another one half of the time.
-        colder = 2 * (figures.median(2, "recorded", "held_ns") - figures.median(1, "recorded", "held_ns"))
-        moved = max(0.0, colder) + figures.median("", "handover", "ns")
-        sections = max(sections, figures.median(2, "recorded", "sections"))
-    cost = Costs(sections, alone, moved, 0.0, 0.0)
-    overheads = []
-    for processors in (1, 2 if several else 1):
-        rate = figures.median((processors, 0), "hops", "rate") / 1e9
-        fitted = fitted_overhead(processors, sections * service(cost, processors), rate)
-        overheads.append(max(0.0, fitted - figures.median((processors, 0), "hops", "handler_ns")))
-    return cost._replace(overhead=overheads[0], overhead_of_several=overheads[1])
+    cost = Costs(*sections_of(figures, "recorded"), 0.0, 0.0)
+    overheads = {}
+    for processors in (1, 2):
+        if ((processors, 0), "hops", "rate") in figures.values:
+            rate = figures.median((processors, 0), "hops", "rate") / 1e9
+            fitted = fitted_overhead(processors, cost.sections * service(cost, processors), rate)
+            overheads[processors] = max(0.0, fitted - figures.median((processors, 0), "hops", "handler_ns"))
+    return cost._replace(overhead=overheads[1], overhead_of_several=overheads.get(2, overheads[1]))
 
 
 def thinking(cost, processors, handler):
@@ -154,6 +172,7 @@ def measured_table(figures, cost):
     lines.append(row("a hop between tasks, one processor", 1, "recorded"))
     if (2, "recorded", "held_ns") in figures.values:
         lines.append(row("a hop between tasks, two processors", 2, "recorded"))
+        lines.append(row("a synchronous send and its answer, two processors", 2, "call"))
     return lines
 
 
@@ -177,17 +196,20 @@ def model_table(cost):
 
 
 def saturation_table(figures, cost):
-    """The rate that no number of processors exceeds, for events that need the mutex so often."""
+    """The rate that no number of processors exceeds, for events that need the mutex so often and so long."""
+    plain = statistics.mean(figures.median("", name, "held_ns") for name in ("put", "get"))
     lines = [
         "| an event is | sections | 2 processors | 4 | 8 | 16 |",
         "|---|---|---|---|---|---|",
     ]
-    for text, sections in (
-        ("put and taken by a task that is busy", 2.0),
-        ("a hop to a task that may be parked", cost.sections),
+    for text, needs in (
+        ("put and taken by a task that is busy", (2.0, plain + lock_nsec(figures), cost.moved)),
+        ("a hop to a task that may be parked", (cost.sections, cost.alone, cost.moved)),
+        ("a synchronous send and its answer", sections_of(figures, "call")),
     ):
-        rates = [report.number(1e9 / (sections * service(cost, n))) for n in PROCESSORS if n > 1]
-        lines.append(f"| {text} | {sections:.3g} | " + " | ".join(f"{rate}/s" for rate in rates) + " |")
+        own = Costs(*needs, 0.0, 0.0)
+        rates = [report.number(1e9 / (own.sections * service(own, n))) for n in PROCESSORS if n > 1]
+        lines.append(f"| {text} | {own.sections:.3g} | " + " | ".join(f"{rate}/s" for rate in rates) + " |")
     return lines
 
 
@@ -208,7 +230,7 @@ def validation_table(figures, cost):
     return lines
 
 
-def section(figures, cost, repetitions, differs):
+def section_text(figures, cost):
     clock = figures.median("", "clock", "ns")
     handover = figures.values.get(("", "handover", "ns"))
     moved = (
@@ -216,8 +238,24 @@ def section(figures, cost, repetitions, differs):
         if handover
         else "not to be measured with one processor and left out: all but the first column is too good"
     )
+    lock = lock_nsec(figures)
+    return report.paragraph(
+        f"From each section {clock:.3g} ns were subtracted, which is what two looks at the clock find when"
+        " nothing lies between them. Sections of more than 10 us are left out: their thread was interrupted. The"
+        f" model adds half of what lock and unlock take when nobody else comes, {lock:.3g} ns, and when the"
+        " processor before was another one what a section on two processors takes longer than on one, and a cache"
+        f" line's way from one processor to the other ({moved}).",
+        f"So a section takes {service(cost, 1):.3g} ns on one processor, {service(cost, 2):.3g} with two,"
+        f" {service(cost, 16):.3g} with 16; a hop has {cost.sections:.3g} of them. Without the mutex and its"
+        f" handler it needs {report.duration(cost.overhead)} on one processor and"
+        f" {report.duration(cost.overhead_of_several)} on two (wake-ups from one to the other, and what waiting"
+        " for the mutex takes longer than the model says), which is taken for more as well; both so that the"
+        " model gives the rates of handlers that do nothing.",
+    )
+
+
+def section(figures, cost, repetitions, differs):
     lowest = 1e9 / (cost.sections * service(cost, PROCESSORS[-1]))
-    lock = cost.alone - figures.median(1, "recorded", "held_ns")
     text = report.paragraph
     lines = [
         "## What the process-wide mutex costs",
@@ -234,19 +272,7 @@ def section(figures, cost, repetitions, differs):
         "",
         *measured_table(figures, cost),
         "",
-        text(
-            f"From each section {clock:.3g} ns were subtracted, which is what two looks at the clock find when"
-            " nothing lies between them. Sections of more than 10 us are left out: their thread was interrupted. The"
-            f" model adds half of what lock and unlock take when nobody else comes, {lock:.3g} ns, and when the"
-            " processor before was another one what a section on two processors takes longer than on one, and a cache"
-            f" line's way from one processor to the other ({moved}).",
-            f"So a section takes {service(cost, 1):.3g} ns on one processor, {service(cost, 2):.3g} with two,"
-            f" {service(cost, 16):.3g} with 16; a hop has {cost.sections:.3g} of them. Without the mutex and its"
-            f" handler it needs {report.duration(cost.overhead)} on one processor and"
-            f" {report.duration(cost.overhead_of_several)} on two (wake-ups from one to the other, and what waiting"
-            " for the mutex takes longer than the model says), which is taken for more as well; both so that the"
-            " model gives the rates of handlers that do nothing.",
-        ),
+        section_text(figures, cost),
         "",
         text(
             f"**It saturates** at {report.number(lowest)} hops a second with 16 processors: whatever is added then"
@@ -272,13 +298,7 @@ def section(figures, cost, repetitions, differs):
         "",
         *validation_table(figures, cost),
         "",
-        text(
-            "Left out: convoys, in which threads that have slept on the mutex come out of step; a holder that loses"
-            " its processor, for whom all others wait until it has one again; caches and processors that are further"
-            " apart than these; and that tasks find nothing to do. Each of them lowers the rate. Who has the mutex"
-            " often takes it again before the others have tried, because they stay away, and then no cache line"
-            " moves: that raises it, most of all where one task streams to another.",
-        ),
+        text(LEFT_OUT),
     ]
     return "\n".join(lines)
 
