@@ -146,14 +146,14 @@ def predict_patient(cost, processors, handler):
     return result.rate / cost.sections * 1e9
 
 
-def disagreement(cost):
+def disagreement(cost, rounds=40_000):
     """The largest relative difference between simulation and analysis over all rows of the model."""
     worst = 0.0
     for handler in HANDLERS:
         for processors in PROCESSORS:
             think, one = thinking(cost, processors, handler) / cost.sections, service(cost, processors)
             exact = queueing.mean_value_analysis(processors, think, one).rate
-            drawn = queueing.simulate(processors, think, one, rounds=40_000).rate
+            drawn = queueing.simulate(processors, think, one, rounds=rounds).rate
             worst = max(worst, abs(drawn / exact - 1))
     return worst
 

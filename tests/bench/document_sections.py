@@ -1,7 +1,7 @@
 """The sections that the benchmarks' scripts write into a document that is written by hand."""
 
 import pathlib
-import unittest
+from unittest import TestCase
 
 import report
 
@@ -10,7 +10,7 @@ DOCUMENT = pathlib.Path(report.__file__).resolve().parent.parent / "docs" / "ben
 WITH_SECTION = "before\n<!-- it: begin -->\n\nold\n\n<!-- it: end -->\nafter\n"
 
 
-class Section(unittest.TestCase):
+class Section(TestCase):
     def test_ReplacesWhatStandsBetweenItsMarks(self):
         self.assertEqual(
             report.replace_section(WITH_SECTION, "it", "\nnew\n"), WITH_SECTION.replace("old", "new")

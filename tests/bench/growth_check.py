@@ -5,8 +5,7 @@ import io
 import pathlib
 import stat
 import tempfile
-import unittest
-import unittest.mock
+from unittest import TestCase, mock
 
 import measure
 
@@ -37,7 +36,7 @@ def costs(cost):
     return {size: cost(size) for size in SIZES}
 
 
-class Growth(unittest.TestCase):
+class Growth(TestCase):
     def refused(self, theory, cost, price=0.0):
         return sorted(measure.too_fast(theory, costs(cost), costs(lambda size: price)))
 
@@ -85,7 +84,7 @@ class Growth(unittest.TestCase):
         self.assertEqual(len(messages), len(wanted))
 
 
-class Report(unittest.TestCase):
+class Report(TestCase):
     def measured(self, send="33", most=5000):
         """Exit code, what was written, and the messages, of a run with a program that knows the figures."""
         with tempfile.TemporaryDirectory() as folder:
@@ -97,9 +96,9 @@ class Report(unittest.TestCase):
             command = ["measure.py", folder, "--repetitions", "5", "--report", str(document)]
             errors = io.StringIO()
             with contextlib.ExitStack() as stack:
-                stack.enter_context(unittest.mock.patch("sys.argv", command))
+                stack.enter_context(mock.patch("sys.argv", command))
                 for name in ("PAIRS", "TIMERS"):  # fewer runs than all of them
-                    stack.enter_context(unittest.mock.patch(f"measure.{name}", [1000, 2000]))
+                    stack.enter_context(mock.patch(f"measure.{name}", [1000, 2000]))
                 stack.enter_context(contextlib.redirect_stderr(errors))
                 stack.enter_context(contextlib.redirect_stdout(io.StringIO()))
                 code = measure.main()
@@ -124,7 +123,7 @@ class Report(unittest.TestCase):
         )
 
     def test_NamesTheLimitOfTheSystemAndTakesTheMostThatWorks(self):
-        with unittest.mock.patch("measure.limits", lambda: [(3100, "kernel.threads-max")]):
+        with mock.patch("measure.limits", lambda: [(3100, "kernel.threads-max")]):
             code, text, errors = self.measured(most=3000)
         self.assertEqual(code, 0)
         for place in (text, errors):
@@ -135,7 +134,7 @@ class Report(unittest.TestCase):
         self.assertNotIn("| a task destroyed | 5,000 |", text)
 
 
-class Limits(unittest.TestCase):
+class Limits(TestCase):
     def test_BeginWithTheTightest(self):
         counts = [count for count, _ in measure.limits()]
         self.assertEqual(counts, sorted(counts))
