@@ -239,6 +239,12 @@ def section_text(figures, cost):
         else "not to be measured with one processor and left out: all but the first column is too good"
     )
     lock = lock_nsec(figures)
+    overhead = f"{report.duration(cost.overhead)} on one processor"
+    if handover:
+        overhead += (
+            f" and {report.duration(cost.overhead_of_several)} on two (wake-ups from one to the other, and what waiting"
+            " for the mutex takes longer than the model says), which is taken for more as well"
+        )
     return report.paragraph(
         f"From each section {clock:.3g} ns were subtracted, which is what two looks at the clock find when"
         " nothing lies between them. Sections of more than 10 us are left out: their thread was interrupted. The"
@@ -247,9 +253,7 @@ def section_text(figures, cost):
         f" line's way from one processor to the other ({moved}).",
         f"So a section takes {service(cost, 1):.3g} ns on one processor, {service(cost, 2):.3g} with two,"
         f" {service(cost, 16):.3g} with 16; a hop has {cost.sections:.3g} of them. Without the mutex and its"
-        f" handler it needs {report.duration(cost.overhead)} on one processor and"
-        f" {report.duration(cost.overhead_of_several)} on two (wake-ups from one to the other, and what waiting"
-        " for the mutex takes longer than the model says), which is taken for more as well; both so that the"
+        f" handler it needs {overhead}; this is such that the"
         " model gives the rates of handlers that do nothing.",
     )
 
