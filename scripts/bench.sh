@@ -4,6 +4,10 @@
 #                                   and writes docs/benchmarks.md and a chart for each workload
 #   scripts/bench.sh --micro        runs the micro-benchmarks of the components instead
 #   scripts/bench.sh --idle [SECONDS]   measures what a daemon costs that does nothing, for 60 s
+#   scripts/bench.sh --growth       measures how cost grows with pairs, tasks and timers, writes that section
+#                                   of docs/benchmarks.md and its chart, and fails if it grows too fast
+#   scripts/bench.sh --mutex        measures how long the process-wide mutex is held, models what that costs
+#                                   with up to 16 processors, and writes that section of docs/benchmarks.md
 #   scripts/bench.sh --smoke        runs every benchmark for a moment, to see that none is broken
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -24,9 +28,9 @@ while [ $# -gt 0 ]; do
             shift
         fi
         ;;
-    --micro | --smoke) mode=${1#--} ;;
+    --micro | --growth | --mutex | --smoke) mode=${1#--} ;;
     -h | --help)
-        sed -n '2,7s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
+        sed -n '2,11s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"
         exit 0
         ;;
     *) die "unknown argument '$1'; see scripts/bench.sh --help" ;;
@@ -38,6 +42,7 @@ install_packages
 install_packages "$ROOT/scripts/bench-packages.txt"
 build bench
 bin=$ROOT/build/bench/bin
+export PYTHONDONTWRITEBYTECODE=1
 
 micro() {
     local program
@@ -64,12 +69,19 @@ smoke)
     done
     clear_pid_file
     python3 "$ROOT/bench/idle/measure.py" "$bin" --seconds 1 --runs 5 >/dev/null
+    /usr/bin/python3 "$ROOT/bench/growth/measure.py" "$bin" --smoke >/dev/null
+    /usr/bin/python3 "$ROOT/bench/mutex/model.py" "$bin" --smoke >/dev/null
     say "every benchmark runs"
     ;;
 idle)
     clear_pid_file
     python3 "$ROOT/bench/idle/measure.py" "$bin" --seconds "$seconds"
     ;;
+growth)
+    /usr/bin/python3 "$ROOT/bench/growth/measure.py" "$bin" \
+        --report "$ROOT/docs/benchmarks.md" --chart "$ROOT/docs/benchmarks/growth.svg"
+    ;;
+mutex) /usr/bin/python3 "$ROOT/bench/mutex/model.py" "$bin" --report "$ROOT/docs/benchmarks.md" ;;
 compare)
     # The packages are for the system's Python, whatever other one comes first.
     /usr/bin/python3 "$ROOT/bench/compare/run_all.py" "$bin" --rounds "$rounds" \
