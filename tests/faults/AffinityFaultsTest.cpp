@@ -1,25 +1,24 @@
 #include <sched.h>
 
+#include <atomic>
 #include <cerrno>
 
 #include "FaultCase.h"
 #include "TaskSupport.h"
 
-// A program in which the runtime cannot learn on how many processors it runs. It asks when it is
-// loaded, before a test can arm anything.
+// A program in which the runtime cannot learn on how many processors it runs, and cannot yield the
+// one that it takes for the only one. It asks when it is loaded, before a test can arm anything.
 
 namespace {
 
 using namespace zortest;
 
 int gAsked = 0;
+std::atomic<int> gYields{0};
 
-TEST(AffinityFaultsTest, WithoutKnowingItsProcessorsTheRuntimeDoesNotWatch)
+/// Calls that block their thread until a task has handled them.
+void CallATask()
 {
-    const FaultCase fault("sched_getaffinity", "HasSeveralProcessors (when the library is loaded)",
-                          "as on one processor: waits park at once, and everything works");
-    EXPECT_EQ(gAsked, 1);
-    FaultCase::Injected();
     const TaskRuntime runtime;
     TestTask task;
     ASSERT_TRUE(task.Start());
@@ -30,6 +29,24 @@ TEST(AffinityFaultsTest, WithoutKnowingItsProcessorsTheRuntimeDoesNotWatch)
     });
 }
 
+TEST(AffinityFaultsTest, WithoutKnowingItsProcessorsTheRuntimeDoesNotWatch)
+{
+    const FaultCase fault("sched_getaffinity", "CountProcessors (when the library is loaded)",
+                          "as on one processor: waits park at once, and everything works");
+    EXPECT_EQ(gAsked, 1);
+    FaultCase::Injected();
+    CallATask();
+}
+
+TEST(AffinityFaultsTest, YieldThatIsRefusedIsAYieldInVain)
+{
+    const FaultCase fault("sched_yield", "Patience::Yield", "the wait parks, and everything works");
+    CallATask();
+    if (gYields > 0) {
+        FaultCase::Injected();
+    }
+}
+
 } // namespace
 
 extern "C" int sched_getaffinity(pid_t /*process*/, size_t /*size*/,
@@ -37,5 +54,12 @@ extern "C" int sched_getaffinity(pid_t /*process*/, size_t /*size*/,
 {
     ++gAsked;
     errno = EPERM;
+    return -1;
+}
+
+extern "C" int sched_yield() noexcept
+{
+    ++gYields;
+    errno = ENOSYS;
     return -1;
 }
