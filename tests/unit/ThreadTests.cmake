@@ -12,6 +12,9 @@ zor_add_test(SemaphoreSeveralProcessorsTest
   SOURCES SemaphoreSeveralProcessorsTest.cpp
           ${zor_support}/ConditionSeams.cpp ${zor_support}/MutexSeams.cpp
           ${zor_support}/TwoProcessors.cpp)
+zor_add_test(SemaphoreWatchingTest
+  SOURCES SemaphoreWatchingTest.cpp
+          ${zor_support}/ConditionSeams.cpp ${zor_support}/TwoProcessors.cpp)
 zor_add_test(PatienceTest
   SOURCES PatienceTest.cpp ${PROJECT_SOURCE_DIR}/src/Patience.cpp ${PROJECT_SOURCE_DIR}/src/Spin.cpp
           ${zor_support}/ConditionSeams.cpp)
