@@ -32,23 +32,35 @@ std::int64_t Read(clockid_t clock)
     return static_cast<std::int64_t>(time.tv_sec) * NSEC_PER_SEC + time.tv_nsec;
 }
 
-/// Picoseconds that a pause takes. The shortest of a few rounds counts: the others may have been
-/// interrupted. Takes between two and twenty microseconds.
+/// Nanoseconds that so many pauses take, and two readings of the clock.
+std::int64_t Pass(int pauses)
+{
+    const std::int64_t begin = zor::Spin::Now();
+    for (int i = 0; i < pauses; ++i) {
+        zor::Spin::Pause();
+    }
+    return zor::Spin::Now() - begin;
+}
+
+/// Picoseconds that a pause takes. As many are measured at once as make the readings of the clock
+/// count for little, and the shortest of a few rounds counts: the others may have been interrupted.
+/// Takes about twenty microseconds.
 std::int64_t MeasurePause()
 {
-    constexpr int ROUNDS = 3;
-    constexpr int PAUSES = 64;
+    constexpr std::int64_t LONG_NSEC = 5000;
+    constexpr int LEAST_PAUSES = 64;
+    constexpr int MOST_PAUSES = 4096;
     constexpr std::int64_t LEAST_PSEC = 100; // a clock that stands still is none
 
-    std::int64_t shortest = INT64_MAX;
-    for (int round = 0; round < ROUNDS; ++round) {
-        const std::int64_t begin = zor::Spin::Now();
-        for (int i = 0; i < PAUSES; ++i) {
-            zor::Spin::Pause();
-        }
-        shortest = std::min(shortest, zor::Spin::Now() - begin);
+    int pauses = LEAST_PAUSES;
+    Pass(pauses); // brings in what the others need
+    std::int64_t shortest = Pass(pauses);
+    while (shortest < LONG_NSEC && pauses < MOST_PAUSES) {
+        pauses *= 2;
+        shortest = Pass(pauses);
     }
-    const std::int64_t psec = shortest * 1000 / PAUSES;
+    shortest = std::min({shortest, Pass(pauses), Pass(pauses)});
+    const std::int64_t psec = shortest * 1000 / pauses;
     return psec < LEAST_PSEC ? USUAL_PAUSE_PSEC : psec;
 }
 

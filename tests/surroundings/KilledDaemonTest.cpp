@@ -137,8 +137,12 @@ TEST_F(KilledDaemonTest, RecordIsReadableOrSaidNotToBeThereWheneverItIsKilledAtI
             continue;
         }
         // The kill came before the first record, or before the header was written.
-        EXPECT_EQ(printed.exitCode, 1);
         EXPECT_EQ(printed.out, "");
+        if (printed.exitCode == 2) { // or in the middle of it
+            EXPECT_THAT(printed.err, HasSubstr(m_path + " ends after 0 records; the file is cut"));
+            continue;
+        }
+        EXPECT_EQ(printed.exitCode, 1);
         EXPECT_THAT(printed.err, AnyOf(HasSubstr(m_path + ": No such file or directory; "),
                                        HasSubstr(m_path + ": the file is empty\n"),
                                        HasSubstr(m_path + ": this is no record of calls\n"),

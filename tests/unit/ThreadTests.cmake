@@ -12,9 +12,13 @@ zor_add_test(SemaphoreSeveralProcessorsTest
   SOURCES SemaphoreSeveralProcessorsTest.cpp
           ${zor_support}/ConditionSeams.cpp ${zor_support}/MutexSeams.cpp
           ${zor_support}/TwoProcessors.cpp)
+zor_add_test(SemaphoreWatchingTest
+  SOURCES SemaphoreWatchingTest.cpp
+          ${zor_support}/ConditionSeams.cpp ${zor_support}/TwoProcessors.cpp)
 zor_add_test(PatienceTest
   SOURCES PatienceTest.cpp ${PROJECT_SOURCE_DIR}/src/Patience.cpp ${PROJECT_SOURCE_DIR}/src/Spin.cpp
           ${zor_support}/ConditionSeams.cpp)
+zor_add_test(SpinTest SOURCES SpinTest.cpp ${PROJECT_SOURCE_DIR}/src/Spin.cpp)
 foreach(version 2.36 2.41)
   set(test SemaphoreWakingTest)
   if(version STREQUAL 2.41)
