@@ -7,6 +7,16 @@ namespace peers {
 template <class A>
 using Actors = std::vector<std::unique_ptr<typename A::Actor>>;
 
+// Waits until each actor has returned from what it handles. One that has posted may still be waking
+// the receiver when the receiver's answer has come to us, and a receiver that is destroyed is not
+// to be woken.
+template <class A>
+void settle(const Actors<A>& all)
+{
+    for (auto& a : all)
+        a->call(make_event(0, 0, kGate));
+}
+
 // In each of `rings` rings a token visits `size` actors in turn until it has made `hops` hops.
 template <class A>
 void pass_tokens(const Out& out, int rings, int size, int hops)
@@ -17,6 +27,8 @@ void pass_tokens(const Out& out, int rings, int size, int hops)
     for (int i = 0; i < rings * size; ++i) {
         int next = i / size * size + (i + 1) % size;
         all.push_back(std::make_unique<typename A::Actor>(sys, [&, next](const Event& e) {
+            if (e.type == kGate)
+                return;
             if (e.p1 == 0)
                 return arrived.post();
             Event n = e;
@@ -38,6 +50,7 @@ void pass_tokens(const Out& out, int rings, int size, int hops)
     Usage u1;
     out("rate", double(rings) * hops / s, "hops/s");
     out.usage(u0, u1, double(rings) * hops);
+    settle<A>(all);
 }
 
 // Each actor pings another one at random, `pings` times, and always waits for the pong before the
@@ -64,6 +77,8 @@ void big(const Out& out, int actors, int pings)
     for (std::uint32_t me = 0; me < std::uint32_t(actors); ++me) {
         pingers[me].random.seed(7919 * (me + 1));
         all.push_back(std::make_unique<typename A::Actor>(sys, [&, me](const Event& e) {
+            if (e.type == kGate)
+                return;
             if (e.type == kPing)
                 return all[e.p1]->post(make_event(me, 0, kPong));
             ping(me); // a pong, or the first event
@@ -86,6 +101,7 @@ void big(const Out& out, int actors, int pings)
     const double messages = 2.0 * actors * pings;
     out("rate", messages / s, "messages/s");
     out.usage(u0, u1, messages);
+    settle<A>(all);
 }
 
 // What a daemon does all day, for two seconds, with 40 actors:
@@ -127,8 +143,7 @@ class Mixed
             finished_.wait();
         const double s = secs_since(t0);
         const Usage u1;
-        for (auto& a : actors_) // producers first, so that nobody is sent to any more
-            a->call(make_event());
+        settle<A>(actors_); // producers first, so that nobody is sent to any more
         report(s, u0, u1);
     }
 
