@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Measures the library beside other frameworks, the same workloads in each, all of them alternating.
 #   scripts/bench.sh [--rounds N]   prints the medians of N rounds (5) and their ratio to the best peer,
-#                                   and writes docs/benchmarks.md and a chart for each workload
+#                                   and writes docs/benchmarks.md and its charts; a round takes minutes
 #   scripts/bench.sh --micro        runs the micro-benchmarks of the components instead
 #   scripts/bench.sh --idle [SECONDS]   measures what a daemon costs that does nothing, for 60 s
 #   scripts/bench.sh --growth       measures how cost grows with pairs, tasks and timers, writes that section
@@ -61,8 +61,8 @@ micro) micro --benchmark_repetitions=5 --benchmark_report_aggregates_only=true ;
 smoke)
     micro --benchmark_min_time=0.001 >/dev/null
     for peer in "$bin"/peer_*; do
-        # The shortest workloads; the others are the same code for longer.
-        output=$("$peer" W3 W10_ 2>/dev/null) || die "$peer ended with status $?"
+        # The shortest workloads, one of many actors among them.
+        output=$("$peer" W3 W10_ W11_ 2>/dev/null) || die "$peer ended with status $?"
         ! grep -q '"failed"' <<<"$output" || die "$peer: $output"
         [ "${peer##*/}" = peer_raw ] || grep -q '"value":[0-9]' <<<"$output" ||
             die "$peer printed no figure: $output"
@@ -84,7 +84,7 @@ growth)
 mutex) /usr/bin/python3 "$ROOT/bench/mutex/model.py" "$bin" --report "$ROOT/docs/benchmarks.md" ;;
 compare)
     # The packages are for the system's Python, whatever other one comes first.
-    /usr/bin/python3 "$ROOT/bench/compare/run_all.py" "$bin" --rounds "$rounds" \
+    /usr/bin/python3 -B "$ROOT/bench/compare/run_all.py" "$bin" --rounds "$rounds" \
         --report "$ROOT/docs/benchmarks.md" --charts "$ROOT/docs/benchmarks"
     ;;
 esac
