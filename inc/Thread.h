@@ -19,6 +19,7 @@
 /// for an object without its resources.
 
 namespace zor {
+class BriefLock;
 class Reply;
 } // namespace zor
 
@@ -80,6 +81,7 @@ class ZOR_CORE_API TCSemaphore
 
  private:
     friend class TCQueue;
+    friend class zor::BriefLock;
     friend class zor::LayoutTable;
     friend class zor::Reply;
 
@@ -152,6 +154,7 @@ class ZOR_CORE_API TCMutex
 
  private:
     friend class TCQueue;
+    friend class zor::BriefLock;
     friend class zor::LayoutTable;
 
     static constexpr pthread_t NO_OWNER = 0;

@@ -3,13 +3,12 @@
 #include <sched.h>
 
 #include <algorithm>
-#include <ctime>
 
 #include "Spin.h"
 
 namespace {
 
-/// Whether the calling thread's last wait was ended by watching.
+/// Whether the calling thread has watched with success when it last had reason to.
 thread_local bool t_watched = false;
 
 bool IsThere(const std::atomic<int>& count)
@@ -19,37 +18,41 @@ bool IsThere(const std::atomic<int>& count)
 
 /// Who gets the processor when a thread yields, for all threads of the process.
 ///
-/// A yield says that all others may go first. Those of this process go soon; those of other
-/// processes stay for a whole slice of theirs, where a thread that parks and is woken would have
-/// gone before them. After such a yield nobody yields for a while, and the longer the sooner it
-/// happens again. All relaxed: nothing hangs on it but time.
+/// A yield says that all others may go first. Those that handle events go soon; those that compute,
+/// of this process or another, stay for a whole slice of theirs, where a thread that parks and is
+/// woken would have gone before them. After such a yield nobody yields for a while, and the longer
+/// the sooner it happens again. All relaxed: nothing hangs on it but time.
 class Neighbours
 {
  public:
     static bool Allow(std::int64_t now)
     {
-        return now >= s_closedUntil.load(std::memory_order_relaxed);
+        const std::int64_t left = s_closedUntil.load(std::memory_order_relaxed) - now;
+        return left <= 0 || left > MOST_NSEC; // the clock has been set back
     }
 
-    /// Judges a yield that has taken long.
-    ///
-    /// @return whether it was this process that used the processors meanwhile
-    static bool AreOwn(std::int64_t now)
+    /// Whether a yield that has taken @p nsec, up to @p now, has let threads go first that do not
+    /// handle events: by the slice that the system lets them have, or because this process has used
+    /// less than most of its processors since that was looked at last.
+    static bool WereNotKind(std::int64_t nsec, std::int64_t now)
     {
+        constexpr std::int64_t SLICE_NSEC = 2500000;
+        constexpr double MOST = 0.8;
+
         const std::int64_t used = zor::Spin::Used();
-        const std::int64_t share = used - s_used.exchange(used, std::memory_order_relaxed);
-        const std::int64_t whole =
-            (now - s_looked.exchange(now, std::memory_order_relaxed)) * zor::Spin::Processors();
-        return share * 10 > whole * 8;
+        const std::int64_t own = used - s_used.exchange(used, std::memory_order_relaxed);
+        const std::int64_t passed = now - s_looked.exchange(now, std::memory_order_relaxed);
+        const double whole = static_cast<double>(passed) * zor::Spin::Processors();
+        return nsec > SLICE_NSEC || static_cast<double>(own) <= MOST * whole || passed <= 0;
     }
 
-    static void WereNotKind(std::int64_t now)
+    static void Close(std::int64_t now)
     {
+        const std::int64_t last = s_pause.load(std::memory_order_relaxed);
+        const std::int64_t open = now - s_closedUntil.load(std::memory_order_relaxed);
         if (!Allow(now)) {
             return; // another thread has said so
         }
-        const std::int64_t last = s_pause.load(std::memory_order_relaxed);
-        const std::int64_t open = now - s_closedUntil.load(std::memory_order_relaxed);
         const std::int64_t pause = open > 8 * last ? LEAST_NSEC : std::min(2 * last, MOST_NSEC);
         s_pause.store(pause, std::memory_order_relaxed);
         s_closedUntil.store(now + pause, std::memory_order_relaxed);
@@ -147,7 +150,8 @@ void zor::Patience::Wait(const std::atomic<int>& count)
     if (yielded == Outcome::PAID && isUsual) {
         m_watching.Refresh(); // where threads come and go so fast, watching may pay off any moment
     }
-    if (yielded == Outcome::PAID || yielded == Outcome::TOO_LONG || !Spin::CanHelp()) {
+    const bool mayWatch = yielded == Outcome::IN_VAIN || yielded == Outcome::NOT_TRIED;
+    if (!mayWatch || !Spin::CanHelp()) {
         return;
     }
     Habit::Try watching = m_watching.Next();
@@ -159,7 +163,7 @@ void zor::Patience::Wait(const std::atomic<int>& count)
     }
 }
 
-void zor::Patience::Encourage()
+void zor::Patience::EncourageWoken()
 {
     if (t_watched) {
         m_watching.Encourage();
@@ -172,7 +176,9 @@ zor::Patience::Outcome zor::Patience::YieldFor(const std::atomic<int>& count, Ha
         return Outcome::NOT_TRIED;
     }
     const Outcome outcome = Yield(count);
-    if (outcome == Outcome::PAID) {
+    // What takes long has paid off only for a probe: where all others park, one that yields comes
+    // last, and where they yield too it does not take long any more.
+    if (outcome == Outcome::PAID || (outcome == Outcome::PAID_LATE && what == Habit::Try::PROBE)) {
         m_yielding.Paid(what);
     } else if (outcome != Outcome::NOT_TRIED) {
         m_yielding.Failed(what);
@@ -197,11 +203,15 @@ zor::Patience::Outcome zor::Patience::Yield(const std::atomic<int>& count)
         there = IsThere(count);
     }
     const std::int64_t end = Spin::Now();
-    if (end - begin > LONG_NSEC && !Neighbours::AreOwn(end)) {
-        Neighbours::WereNotKind(end);
+    const std::int64_t took = end - begin;
+    if (took <= LONG_NSEC) {
+        return there ? Outcome::PAID : Outcome::IN_VAIN;
+    }
+    if (Neighbours::WereNotKind(took, end)) {
+        Neighbours::Close(end);
         return Outcome::TOO_LONG;
     }
-    return there ? Outcome::PAID : Outcome::IN_VAIN;
+    return there ? Outcome::PAID_LATE : Outcome::TOO_LONG;
 }
 
 void zor::Patience::Watch(const std::atomic<int>& count, Habit::Try what)

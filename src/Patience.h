@@ -7,14 +7,16 @@ namespace zor {
 
 /// What trying something before parking has taught: whether it pays off.
 ///
-/// A try that pays off earns credit for one that does not, up to MOST. Without credit nothing is
-/// tried, but for a probe now and then, and the more rarely the more probes have been of no lasting
-/// use. After a good time that ends suddenly one probe comes at once: the thread on the other side
-/// has mostly been held up once, and two that answer each other must find together again.
+/// A try that pays off earns credit for one that does not. Without credit nothing is tried, but for
+/// a probe now and then, and the more rarely the more probes have been of no lasting use. Where all
+/// tries have paid off for a while and one fails, a probe comes at once: the thread on the other
+/// side has mostly been held up once, and two that answer each other must find together again.
 ///
-///   credit:   RESCUE <- MOST <-> ... <-> 1 <-> 0      <- failed, paid ->
-///               |                              |
-///               +------- probe: PROBED --------+
+///   credit:   0 <-> 1 <-> 2 <-> 3 -> MOST      right: a try paid off; left: one failed
+///             ^           ^            |
+///             |         paid         failed
+///             |           |            |
+///             +- failed - probe <- RESCUE      a probe comes now and then from 0 too
 ///
 /// All relaxed: nothing hangs on it but time. Any thread may call any operation.
 struct Habit
@@ -26,14 +28,14 @@ struct Habit
         PROBE,  ///< to see whether it would
     };
 
-    static constexpr int MOST = 4;                      ///< tries that may fail in a row
-    static constexpr int PROBED = 2;                    ///< of them, behind a probe that paid off
+    static constexpr int MOST = 4;                      ///< of credit
+    static constexpr int PROBED = 2;                    ///< credit behind a probe that paid off
     static constexpr int RESCUE = -1;                   ///< the next try is a probe
     static constexpr unsigned LEAST_INTERVAL = 4;       ///< waits
     static constexpr unsigned FIRST_INTERVAL = 32;      ///< waits
     static constexpr unsigned GREATEST_INTERVAL = 1024; ///< waits
 
-    std::atomic<int> credit{0};                     ///< how often in a row a try may still fail
+    std::atomic<int> credit{0};                     ///< RESCUE to MOST
     std::atomic<unsigned> skipped{0};               ///< waits without credit
     std::atomic<unsigned> interval{FIRST_INTERVAL}; ///< of these one is a probe
 
@@ -62,8 +64,8 @@ struct Habit
 ///
 ///   yielding   where other threads wait for this processor. Whoever is to give is mostly one of
 ///              them, and mostly has given when the processor comes back. In vain it costs next to
-///              nothing where there is no other thread, but some milliseconds where those of other
-///              processes are: the whole process then does without for a while.
+///              nothing where there is no other thread, but some milliseconds where there are some
+///              that compute: the whole process then does without for a while.
 ///   watching   where whoever is to give runs on another processor at this moment
 ///   neither    where it takes longer than parking does
 class Patience
@@ -75,9 +77,10 @@ class Patience
     /// @param count  the semaphore's, seen to be no more than 0
     void Wait(const std::atomic<int>& count);
 
-    /// Tells a waiter that had to be woken that it is the calling thread who gives, if that one's
-    /// own last wait was watched: two threads that answer each other gain only if both watch.
-    void Encourage();
+    /// Called by the thread that gives, for a waiter that it has to wake: has the waiter's next
+    /// wait watch if the calling thread watches too. Two that answer each other gain only if both
+    /// do.
+    void EncourageWoken();
 
     void CopyFrom(const Patience& other)
     {
@@ -89,8 +92,9 @@ class Patience
     enum class Outcome
     {
         PAID,
+        PAID_LATE, ///< many threads of the process went first
         IN_VAIN,
-        TOO_LONG, ///< the processor was somebody else's for long
+        TOO_LONG,
         NOT_TRIED,
     };
 

@@ -8,7 +8,7 @@ namespace zor {
 
 /// The semaphore that a synchronous sender waits on. It lives on the sender's stack and goes with
 /// its scope, and the queued event points to it: the sender must not be cancelled until the reply
-/// has been given. Being new each time it cannot learn whether watching it pays off; what the
+/// has been given. Being new each time it cannot learn whether patience with it pays off; what the
 /// sending thread has learnt from its earlier replies stands in for that.
 class Reply : public TCSemaphore
 {
@@ -23,11 +23,19 @@ class Reply : public TCSemaphore
         return true;
     }
 
-    /// Waits for the reply.
+    /// Waits for the reply, and destroys the semaphore in the critical section in which that was
+    /// taken: who has given it has left its own.
     void Wait()
     {
-        Take();
-        t_patience.CopyFrom(m_state->patience);
+        State* const state = m_state;
+        state->Watch();
+        {
+            const TimeMutexLock lock;
+            state->TakeLocked();
+            m_state = nullptr;
+        }
+        t_patience.CopyFrom(state->patience);
+        state->LetGo();
     }
 
     ~Reply() override

@@ -234,7 +234,6 @@ TCSemaphore::State::Waking TCSemaphore::State::GiveLocked()
     AddLocked(1);
     const Waking waking = WhomToWakeLocked();
     if (waking != Waking::NOBODY) {
-        patience.Encourage();
         holders.fetch_add(1, std::memory_order_relaxed); // the semaphore holds it at this moment
         wakingsOfAll += waking == Waking::ALL ? 1 : 0;
     }
@@ -243,6 +242,7 @@ TCSemaphore::State::Waking TCSemaphore::State::GiveLocked()
 
 void TCSemaphore::State::Wake(Waking waking)
 {
+    patience.EncourageWoken();
     WakeNow(waking);
     LetGo();
 }
@@ -292,8 +292,7 @@ bool TCSemaphore::Create(int count)
         return false;
     }
     state->count.store(count, std::memory_order_relaxed);
-    const zor::TimeMutexLock lock;
-    state->forks = g_forks;
+    state->forks = g_forks; // changes only in a child of fork(), while it has one thread
     m_state = state.release();
     return true;
 }

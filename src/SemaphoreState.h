@@ -78,8 +78,8 @@ struct __attribute__((visibility("hidden"))) TCSemaphore::State
     /// Lets go; the last one deletes the block.
     void LetGo();
 
-    /// Watches the count without the mutex, if that has paid off lately and nobody is parked. What
-    /// it has seen means nothing until the mutex is held.
+    /// Yields or watches the count without the mutex, if that has paid off lately and nobody is
+    /// parked. What it has seen means nothing until the mutex is held.
     void Watch();
 
     /// Waits until there is a unit and takes it. Needs the mutex, which is given back meanwhile.

@@ -25,11 +25,13 @@ int CountProcessors()
 
 std::int64_t Read(clockid_t clock)
 {
-    constexpr std::int64_t NSEC_PER_SEC = 1000000000;
+    constexpr std::uint64_t NSEC_PER_SEC = 1000000000;
 
     timespec time = {};
     clock_gettime(clock, &time);
-    return static_cast<std::int64_t>(time.tv_sec) * NSEC_PER_SEC + time.tv_nsec;
+    // Unsigned: a clock that a program has taken over may say anything.
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(time.tv_sec) * NSEC_PER_SEC +
+                                     static_cast<std::uint64_t>(time.tv_nsec));
 }
 
 /// Nanoseconds that so many pauses take, and two readings of the clock.
@@ -43,24 +45,23 @@ std::int64_t Pass(int pauses)
 }
 
 /// Picoseconds that a pause takes. As many are measured at once as make the readings of the clock
-/// count for little, and the shortest of a few rounds counts: the others may have been interrupted.
+/// count for little, and the shortest of two rounds counts: the other may have been interrupted.
 /// Takes about twenty microseconds.
 std::int64_t MeasurePause()
 {
     constexpr std::int64_t LONG_NSEC = 5000;
     constexpr int LEAST_PAUSES = 64;
     constexpr int MOST_PAUSES = 4096;
-    constexpr std::int64_t LEAST_PSEC = 100; // a clock that stands still is none
+    constexpr std::int64_t LEAST_PSEC = 500; // less is the clock's doing
 
     int pauses = LEAST_PAUSES;
     Pass(pauses); // brings in what the others need
-    std::int64_t shortest = Pass(pauses);
-    while (shortest < LONG_NSEC && pauses < MOST_PAUSES) {
+    std::int64_t nsec = std::min(Pass(pauses), Pass(pauses));
+    while (nsec > 0 && nsec < LONG_NSEC && pauses < MOST_PAUSES) {
         pauses *= 2;
-        shortest = Pass(pauses);
+        nsec = std::min(Pass(pauses), Pass(pauses));
     }
-    shortest = std::min({shortest, Pass(pauses), Pass(pauses)});
-    const std::int64_t psec = shortest * 1000 / pauses;
+    const std::int64_t psec = nsec * 1000 / pauses;
     return psec < LEAST_PSEC ? USUAL_PAUSE_PSEC : psec;
 }
 

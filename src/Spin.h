@@ -6,7 +6,7 @@ namespace zor {
 
 /// Waiting for a moment without giving the processor away, in time and not in instructions: what a
 /// pause costs differs by a factor of a hundred between processors. All static; any thread may call
-/// any operation. Until the library's objects are made nothing is waited for.
+/// any operation. Until the library's objects are made nobody spins.
 class Spin
 {
  public:

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "BriefLock.h"
 #include "Event.h"
 #include "MutexLock.h"
 #include "Task.h"
@@ -95,13 +96,14 @@ int TCSyncDet::Add(PTSyncDetInfo* pData)
     if (pData == nullptr || m_arrPCSyncDet == nullptr) {
         return -1;
     }
-    const zor::MutexLock lock(m_pLock);
+    PTSyncDetInfo made = *pData;
+    made.startTick = static_cast<std::uint32_t>(TCTimeWrapper::Tick());
+    made.bValid = true;
+    const zor::BriefLock lock(m_pLock);
     for (int i = 0; i < MAX_SYNC_TASKS; ++i) {
         PTSyncDetInfo& entry = m_arrPCSyncDet[i];
         if (!entry.bValid) {
-            entry = *pData;
-            entry.startTick = static_cast<std::uint32_t>(TCTimeWrapper::Tick());
-            entry.bValid = true;
+            entry = made;
             return i;
         }
     }
@@ -118,6 +120,14 @@ int TCSyncDet::Remove(int callerArryIndex)
     TCASSERT(callerArryIndex >= 0 && callerArryIndex < MAX_SYNC_TASKS);
     if (m_arrPCSyncDet == nullptr || callerArryIndex < 0 || callerArryIndex >= MAX_SYNC_TASKS) {
         return -1;
+    }
+    {
+        const zor::BriefLock lock(m_pLock);
+        PTSyncDetInfo& entry = m_arrPCSyncDet[callerArryIndex];
+        if (entry.bValid) {
+            entry.bValid = false;
+            return 0;
+        }
     }
     const zor::MutexLock lock(m_pLock);
     TCASSERT((m_arrPCSyncDet[callerArryIndex].bValid));

@@ -1,15 +1,16 @@
 /* A semaphore: watching the count or yielding before parking, and waking after the mutex is free.
  *
  * Mirrors TCSemaphore::State (src/Semaphore.cpp: Watch, Parking, TakeLocked, TryLocked,
- * GiveLocked, Wake, PassOnLocked, LetGo) and TCSemaphore::Take, Try, Give and Destroy. Two takers,
- * one of which may time out, and one or two givers; whoever took last destroys the semaphore, as
- * the sender does with its reply.
+ * GiveLocked, Wake, PassOnLocked, LetGo), TCSemaphore::Take, Try, Give and Destroy, and
+ * zor::Reply::Wait (src/Reply.h). Two takers, one of which may time out, and one or two givers;
+ * whoever took last destroys the semaphore: in the critical section in which it took, as the
+ * sender does with its reply, or in a later one.
  *
  * Abstracted: how long is watched or yielded (the count is seen once, and is old at once) and which
- * of the two is done, what has been learnt (src/Patience.cpp), the clock (a timed wait may end at any time), the waking of all where there are more
- * than two. Memory is sequentially consistent. A condition variable wakes one of those parked, and
- * once in a run one that nobody signalled; a timed wait that has been signalled may all the same
- * end as a time-out.
+ * of the two is done, what has been learnt (src/Patience.cpp), the clock (a timed wait may end at
+ * any time), the waking of all where there are more than two. Memory is sequentially consistent. A
+ * condition variable wakes one of those parked, and once in a run one that nobody signalled; a
+ * timed wait that has been signalled may all the same end as a time-out.
  *
  * Claims: nobody parks for ever while there is a unit; no unit is taken twice or lost; the block
  * is used by nobody once it is deleted, and if all takers come to an end it is deleted.
@@ -120,15 +121,18 @@ proctype Taker(byte me; bool timed)
 #endif
     :: else -> TakeLocked(me, timed)
     fi;
-    UNLOCK;
     atomic { leaving++; seen = leaving == TAKERS };
     if
+    :: seen && given == givers -> /* as a reply, of which there is one giver and one taker */
+        UNLOCK;
+        LetGo()
     :: seen ->
+        UNLOCK;
         given == givers; /* a give that has not begun needs the semaphore still */
         LOCK;            /* Destroy() */
         UNLOCK;
         LetGo()
-    :: else
+    :: else -> UNLOCK
     fi
 }
 

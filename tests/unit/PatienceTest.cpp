@@ -2,9 +2,8 @@
 
 #include <sched.h>
 
-#include <atomic>
+#include <algorithm>
 #include <cerrno>
-#include <functional>
 
 #include "../../src/Patience.h"
 #include "ConditionSeams.h"
@@ -188,40 +187,99 @@ TEST_F(PatienceTest, WhatOneSemaphoreLearnsOfOtherProcessesHoldsForAll)
     other.Destroy();
 }
 
-TEST_F(PatienceTest, LongTimeWithoutBotherShortensTheNextPause)
+/// The clock goes on to just behind the end of each pause.
+TEST_F(PatienceTest, PausesDoubleUpToABoundAndALongTimeWithoutBotherShortensTheNextOne)
 {
     constexpr int MANY = 10000;
+    constexpr long LEAST_MSEC = 25;
+    constexpr long MOST_MSEC = 3200;
 
     m_yieldNsec = 4 * NSEC_PER_MSEC;
-    for (int i = 0; i < 5; ++i) { // pauses up to 400 ms
+    Wait(MANY);
+    long pause = LEAST_MSEC;
+    for (int yields = 1; yields < 12; ++yields) {
+        EXPECT_EQ(m_yields, yields);
+        s_now += (pause - 1) * NSEC_PER_MSEC;
         Wait(MANY);
-        s_now += NSEC_PER_SEC;
+        EXPECT_EQ(m_yields, yields) << "closed for " << pause << " ms";
+        s_now += 2 * NSEC_PER_MSEC;
+        Wait(MANY);
+        pause = std::min(2 * pause, MOST_MSEC);
     }
+    EXPECT_EQ(pause, MOST_MSEC);
     s_now += 60 * NSEC_PER_SEC;
     m_yields = 0;
     Wait(MANY);
     EXPECT_EQ(m_yields, 1);
-    s_now += 26 * NSEC_PER_MSEC;
+    s_now += (LEAST_MSEC + 1) * NSEC_PER_MSEC;
     Wait(MANY);
     EXPECT_EQ(m_yields, 2);
 }
 
-/// Many threads of the process itself were served meanwhile: that is what yielding is for.
-TEST_F(PatienceTest, YieldThatTookLongForThreadsOfTheProcessCounts)
+/// A test may take the clock over and give it back.
+TEST_F(PatienceTest, ClockThatIsSetBackEndsThePause)
 {
-    m_yieldNsec = NSEC_PER_MSEC;
-    m_ownNsec = NSEC_PER_MSEC;
-    m_gives = false;
-    // The first look at the process's share is at the time since it began; from then on it is
-    // right.
-    Wait(2 * zor::Habit::FIRST_INTERVAL);
-    m_gives = true;
-    s_now += 100 * NSEC_PER_MSEC;
-    s_used += 100 * NSEC_PER_MSEC;
-    m_yields = 0;
-    const int units = Wait(4096);
-    EXPECT_GT(units, 2048);
-    EXPECT_EQ(m_yields, units);
+    constexpr int MANY = 10000;
+
+    m_yieldNsec = 4 * NSEC_PER_MSEC;
+    Wait(MANY);
+    EXPECT_EQ(m_yields, 1);
+    s_now -= 100 * NSEC_PER_SEC;
+    Wait(MANY);
+    EXPECT_EQ(m_yields, 2);
+    s_now += 200 * NSEC_PER_SEC;
+}
+
+/// A process whose processor was its own all the time until now.
+class BusyProcessPatienceTest : public PatienceTest
+{
+ protected:
+    BusyProcessPatienceTest()
+    {
+        m_yieldNsec = m_ownNsec = NSEC_PER_MSEC;
+        m_gives = false;
+        // What it has used is looked at with a yield that took long: before, it is not known.
+        Wait(zor::Habit::FIRST_INTERVAL);
+        m_gives = true;
+        s_now += 100 * NSEC_PER_MSEC;
+        s_used += 100 * NSEC_PER_MSEC;
+        m_yields = 0;
+    }
+
+    void WaitForAYield()
+    {
+        while (m_yields == 0) {
+            Wait(1);
+        }
+    }
+};
+
+/// Where all the others park, a thread that yields comes last; where they yield too it does not.
+TEST_F(BusyProcessPatienceTest, ProbeThatTookLongForThreadsOfTheProcessCounts)
+{
+    WaitForAYield();
+    m_yieldNsec = m_ownNsec = 0;
+    EXPECT_EQ(Wait(100), 100);
+    EXPECT_EQ(m_yields, 101);
+}
+
+TEST_F(BusyProcessPatienceTest, YieldsThatGoOnTakingLongAreGivenUp)
+{
+    constexpr int MANY = 10000;
+
+    WaitForAYield();
+    Wait(MANY);
+    EXPECT_LT(m_yields, MANY / 100);
+}
+
+/// A thread of the process that computes stays for as long as one of another process would.
+TEST_F(BusyProcessPatienceTest, YieldThatTookASliceIsNotRepeatedForAWhile)
+{
+    constexpr int MANY = 10000;
+
+    m_yieldNsec = m_ownNsec = 3 * NSEC_PER_MSEC;
+    Wait(MANY);
+    EXPECT_EQ(m_yields, 1);
 }
 
 using zor::Habit;

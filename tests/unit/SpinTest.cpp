@@ -8,7 +8,7 @@
 namespace {
 
 /// What every reading of the clock moves it by: between two of them the library, when it is loaded,
-/// pauses 64 times.
+/// pauses 64 times, and more often if that takes less than 5 us.
 constexpr long NSEC_PER_READING = 6400;
 constexpr int PAUSE_NSEC = NSEC_PER_READING / 64;
 

@@ -19,6 +19,7 @@ zor_add_test(PatienceTest
   SOURCES PatienceTest.cpp ${PROJECT_SOURCE_DIR}/src/Patience.cpp ${PROJECT_SOURCE_DIR}/src/Spin.cpp
           ${zor_support}/ConditionSeams.cpp)
 zor_add_test(SpinTest SOURCES SpinTest.cpp ${PROJECT_SOURCE_DIR}/src/Spin.cpp)
+zor_add_test(SpinTimeTest SOURCES SpinTimeTest.cpp ${PROJECT_SOURCE_DIR}/src/Spin.cpp)
 foreach(version 2.36 2.41)
   set(test SemaphoreWakingTest)
   if(version STREQUAL 2.41)

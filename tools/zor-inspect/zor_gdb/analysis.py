@@ -394,10 +394,10 @@ def _waits_for_reply(thread):
     functions = [frame["function"] for frame in thread["stack"]]
     if not thread["endless"] or thread["units"] is None or thread["units"] > 0:
         return False
-    if "TCSemaphore::Take" not in functions:
+    waits = [number for number, name in enumerate(functions) if name.startswith(SEMAPHORES)]
+    if not waits:
         return False
-    behind = functions[functions.index("TCSemaphore::Take") :]
-    callers = [function for function in behind if not function.startswith(SEMAPHORES)]
+    callers = [name for name in functions[waits[0] :] if not name.startswith(SEMAPHORES)]
     return bool(callers) and callers[0] in REPLY_WAITERS
 
 
