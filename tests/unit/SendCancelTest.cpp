@@ -8,12 +8,12 @@
 #include <optional>
 #include <thread>
 
+#include "../../src/MutexLock.h"
 #include "CancelledThread.h"
 #include "ConditionSeams.h"
 #include "Sync.h"
 #include "TCDebugPrint.h"
 #include "TaskSupport.h"
-#include "TimesSeams.h"
 
 /// @file
 /// Threads that are cancelled in a send. Scope traces of the debug-print library are taken over, as
@@ -75,23 +75,27 @@ class QueuesTask : public TCMultiQTask
     std::function<bool(const TSEvent*)> onUser;
 };
 
-/// Keeps a thread inside the table of synchronous calls, with its lock, while it lives.
+/// The lock of the table of synchronous calls, which is private: an explicit instantiation may name
+/// it.
+TCMutex** TableLock();
+
+template <TCMutex** LOCK>
+struct TableLockNamed
+{
+    friend TCMutex** TableLock() { return LOCK; }
+};
+
+template struct TableLockNamed<&TCSyncDet::m_pLock>;
+
+/// A thread that holds the lock of the table while this lives.
 class TableHolder
 {
  public:
     TableHolder()
-        : m_times(timesSeam,
-                  [this](tms* buffer) {
-                      if (std::this_thread::get_id() == m_holder) {
-                          m_held.Pass();
-                          m_release.Wait();
-                      }
-                      return timesSeam.Real(buffer);
-                  }),
-          m_thread([this] {
-              m_holder = std::this_thread::get_id();
-              PTSyncDetInfo info;
-              EXPECT_EQ(TCSyncDet::Remove(TCSyncDet::Add(&info)), 0);
+        : m_thread([this] {
+              const zor::MutexLock lock(*TableLock());
+              m_held.Pass();
+              m_release.Wait();
           })
     {
         EXPECT_TRUE(m_held.Wait());
@@ -106,8 +110,6 @@ class TableHolder
  private:
     Gate m_held;
     Gate m_release;
-    std::atomic<std::thread::id> m_holder{};
-    Takeover<clock_t(tms*)> m_times;
     std::thread m_thread;
 };
 

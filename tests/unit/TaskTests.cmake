@@ -14,7 +14,7 @@ zor_add_task_test(TaskTest
 zor_add_task_test(SendTest SendSyncTest.cpp SendTest.cpp TaskScopeTraceSeam.cpp)
 zor_add_test(SendCancelTest
   SOURCES SendCancelTest.cpp TaskSupport.cpp
-          ${task_support}/ConditionSeams.cpp ${task_support}/TimesSeams.cpp)
+          ${task_support}/ConditionSeams.cpp)
 zor_add_task_test(TaskListTest TaskListTest.cpp)
 zor_add_task_test(PauseTest
   PauseTest.cpp PauseWaitTest.cpp

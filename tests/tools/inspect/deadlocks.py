@@ -19,12 +19,12 @@ class DeadlockFacts:
             [thread["thread"] for thread in threads], [daemon.tasks[name] for name in names]
         )
         for thread in threads:
-            self.assertIn("TCSemaphore::Take", functions(thread["stack"]))
+            self.assertIn("TCSemaphore::State::TakeLocked", functions(thread["stack"]))
             self.assertIn("_Process", functions(thread["stack"]))
             self.assertIn(f"  {thread['name']}: {thread['summary']}\n", text)
             self.assertIn(f"\n  {thread['name']} (thread {thread['thread']})\n    #0-", text)
         full = self.render_full(report)
-        self.assertEqual(full.count("TCSemaphore::Take at Semaphore.cpp:"), len(names))
+        self.assertEqual(full.count("TCSemaphore::State::TakeLocked at Semaphore.cpp:"), len(names))
 
     def check_calls(self, report, daemon, pairs):
         found = {
