@@ -51,13 +51,13 @@ class ZOR_CORE_API TCSyncDet
     /// Enters a copy of @p pData with the present time, at the lowest free index. Asserts "pData"
     /// and "m_arrPCSyncDet".
     ///
-    /// @return the index, or -1 if all entries are in use
+    /// @return the index, or -1 if all entries are in use or there is no table
     static int Add(PTSyncDetInfo* pData);
 
     /// Frees an entry. Asserts "m_arrPCSyncDet", that the index is one of the table's, and
     /// "(m_arrPCSyncDet[callerArryIndex].bValid)".
     ///
-    /// @return 0; -1 if there is no such entry or no table
+    /// @return 0; -1 if the index is none of the table's or there is no table
     static int Remove(int callerArryIndex);
 
     /// Enters the calling thread as waiting for the task of the event's receiver.
@@ -68,7 +68,8 @@ class ZOR_CORE_API TCSyncDet
     /// @return the index for Remove(), or -1 if the call is not listed
     static int PCTaskSyncMonitoring(int callerId, TSEvent* event);
 
-    /// The entries, null while there is no table; guarded by the table's lock.
+    /// The entries, null while there is no table; guarded by the table's lock, or, while nobody
+    /// holds that, by the process-wide mutex of all semaphores.
     static PTSyncDetInfo* m_arrPCSyncDet;
 
  private:

@@ -64,7 +64,9 @@ class ZOR_CORE_API TCSemaphore
     /// @return true if a unit was taken, false on time-out
     ///
     /// The time is measured from each wake-up, not from the call: a wake-up without a unit starts
-    /// the whole interval anew, but for most of those by which all waiters are woken. A deadline
+    /// the whole interval anew, but for most of those by which all waiters are woken. It begins
+    /// behind what is passed before parking: at most 50 us, or a turn of the other threads that want
+    /// the processor. A deadline
     /// whose microseconds come out at exactly 1,000,000 (about one wait in a million) is refused by
     /// the system, and the call returns false at once; callers that loop must stand that.
     bool Try(unsigned long msec);

@@ -16,6 +16,74 @@ bool IsThere(const std::atomic<int>& count)
     return count.load(std::memory_order_relaxed) > 0;
 }
 
+/// A short time in which all waits of the process yield that have no reason not to.
+///
+/// One thread that yields among many that park comes last each time, and learns that it does not
+/// pay off, though it would if the others did so too. So a probe of one makes all the others try.
+/// Those for which it pays off go on afterwards.
+class Trial
+{
+ public:
+    static void Begin(std::int64_t now)
+    {
+        const std::int64_t passed = now - s_begin.load(std::memory_order_relaxed);
+        if (passed >= BETWEEN_NSEC || passed < 0) {
+            s_begin.store(now, std::memory_order_relaxed);
+            s_isOn.store(true, std::memory_order_relaxed);
+        }
+    }
+
+    /// Whether one is under way. Reads the clock only if it may be.
+    static bool IsOn()
+    {
+        if (!s_isOn.load(std::memory_order_relaxed)) {
+            return false;
+        }
+        const std::int64_t passed = zor::Spin::Now() - s_begin.load(std::memory_order_relaxed);
+        if (passed >= 0 && passed < LASTS_NSEC) {
+            return true;
+        }
+        s_isOn.store(false, std::memory_order_relaxed);
+        return false;
+    }
+
+ private:
+    static constexpr std::int64_t LASTS_NSEC = 2000000;
+    static constexpr std::int64_t BETWEEN_NSEC = 50000000;
+
+    static inline std::atomic<bool> s_isOn{false};
+    static inline std::atomic<std::int64_t> s_begin{-BETWEEN_NSEC}; ///< monotonic clock
+};
+
+/// Whether the process keeps a processor busy. Where it does not there is mostly nobody of its own
+/// to yield to, and a thread that is woken finds a processor free.
+class Load
+{
+ public:
+    /// Judged anew every so often.
+    static bool IsHigh(std::int64_t now)
+    {
+        const std::int64_t before = s_looked.load(std::memory_order_relaxed);
+        if (now - before < WINDOW_NSEC && now >= before) {
+            return s_isHigh.load(std::memory_order_relaxed);
+        }
+        const std::int64_t passed = now - s_looked.exchange(now, std::memory_order_relaxed);
+        const std::int64_t used = zor::Spin::Used();
+        const std::int64_t own = used - s_used.exchange(used, std::memory_order_relaxed);
+        const bool isHigh = static_cast<double>(own) > HIGH * static_cast<double>(passed);
+        s_isHigh.store(isHigh, std::memory_order_relaxed);
+        return isHigh;
+    }
+
+ private:
+    static constexpr std::int64_t WINDOW_NSEC = 10000000;
+    static constexpr double HIGH = 0.9; ///< of one processor
+
+    static inline std::atomic<bool> s_isHigh{false};
+    static inline std::atomic<std::int64_t> s_used{0};   ///< by the process, at s_looked
+    static inline std::atomic<std::int64_t> s_looked{0}; ///< monotonic clock
+};
+
 /// Who gets the processor when a thread yields, for all threads of the process.
 ///
 /// A yield says that all others may go first. Those that handle events go soon; those that compute,
@@ -25,28 +93,16 @@ bool IsThere(const std::atomic<int>& count)
 class Neighbours
 {
  public:
+    /// Above this a yield has let threads go first that do not handle events.
+    static constexpr std::int64_t SLICE_NSEC = 2500000;
+
     static bool Allow(std::int64_t now)
     {
         const std::int64_t left = s_closedUntil.load(std::memory_order_relaxed) - now;
         return left <= 0 || left > MOST_NSEC; // the clock has been set back
     }
 
-    /// Whether a yield that has taken @p nsec, up to @p now, has let threads go first that do not
-    /// handle events: by the slice that the system lets them have, or because this process has used
-    /// less than most of its processors since that was looked at last.
-    static bool WereNotKind(std::int64_t nsec, std::int64_t now)
-    {
-        constexpr std::int64_t SLICE_NSEC = 2500000;
-        constexpr double MOST = 0.8;
-
-        const std::int64_t used = zor::Spin::Used();
-        const std::int64_t own = used - s_used.exchange(used, std::memory_order_relaxed);
-        const std::int64_t passed = now - s_looked.exchange(now, std::memory_order_relaxed);
-        const double whole = static_cast<double>(passed) * zor::Spin::Processors();
-        return nsec > SLICE_NSEC || static_cast<double>(own) <= MOST * whole || passed <= 0;
-    }
-
-    static void Close(std::int64_t now)
+    static void WereNotKind(std::int64_t now)
     {
         const std::int64_t last = s_pause.load(std::memory_order_relaxed);
         const std::int64_t open = now - s_closedUntil.load(std::memory_order_relaxed);
@@ -64,8 +120,6 @@ class Neighbours
 
     static inline std::atomic<std::int64_t> s_closedUntil{0}; ///< monotonic clock
     static inline std::atomic<std::int64_t> s_pause{LEAST_NSEC};
-    static inline std::atomic<std::int64_t> s_used{0};   ///< by the process, at s_looked
-    static inline std::atomic<std::int64_t> s_looked{0}; ///< monotonic clock
 };
 
 } // namespace
@@ -85,9 +139,11 @@ zor::Habit::Try zor::Habit::Next()
 
 void zor::Habit::Paid(Try what)
 {
-    if (what == Try::PROBE) {
+    if (what != Try::LIKELY) {
         credit.store(PROBED, std::memory_order_relaxed);
-        MakeRarer();
+        if (what == Try::PROBE) {
+            MakeRarer();
+        }
         return;
     }
     const int left = std::max(credit.load(std::memory_order_relaxed), 0);
@@ -101,6 +157,9 @@ void zor::Habit::Paid(Try what)
 
 void zor::Habit::Failed(Try what)
 {
+    if (what == Try::TRIAL) {
+        return;
+    }
     if (what == Try::PROBE) {
         credit.store(0, std::memory_order_relaxed);
         MakeRarer();
@@ -119,7 +178,8 @@ void zor::Habit::Refresh()
 
 void zor::Habit::Encourage()
 {
-    const unsigned step = interval.load(std::memory_order_relaxed) / LEAST_INTERVAL;
+    const unsigned rarer = std::max(interval.load(std::memory_order_relaxed) / HEEDED, 1U);
+    const unsigned step = rarer * rarer;
     const unsigned waits = skipped.load(std::memory_order_relaxed);
     if (credit.load(std::memory_order_relaxed) == 0 && waits % step == 0) {
         credit.store(RESCUE, std::memory_order_relaxed);
@@ -144,7 +204,10 @@ void zor::Habit::MakeRarer()
 void zor::Patience::Wait(const std::atomic<int>& count)
 {
     t_watched = false;
-    const Habit::Try yielding = m_yielding.Next();
+    Habit::Try yielding = m_yielding.Next();
+    if (yielding == Habit::Try::NONE && Trial::IsOn()) {
+        yielding = Habit::Try::TRIAL;
+    }
     const bool isUsual = m_yielding.HasMostCredit();
     const Outcome yielded = YieldFor(count, yielding);
     if (yielded == Outcome::PAID && isUsual) {
@@ -175,10 +238,10 @@ zor::Patience::Outcome zor::Patience::YieldFor(const std::atomic<int>& count, Ha
     if (what == Habit::Try::NONE) {
         return Outcome::NOT_TRIED;
     }
-    const Outcome outcome = Yield(count);
+    const Outcome outcome = Yield(count, what);
     // What takes long has paid off only for a probe: where all others park, one that yields comes
     // last, and where they yield too it does not take long any more.
-    if (outcome == Outcome::PAID || (outcome == Outcome::PAID_LATE && what == Habit::Try::PROBE)) {
+    if (outcome == Outcome::PAID || (outcome == Outcome::PAID_LATE && what != Habit::Try::LIKELY)) {
         m_yielding.Paid(what);
     } else if (outcome != Outcome::NOT_TRIED) {
         m_yielding.Failed(what);
@@ -186,7 +249,7 @@ zor::Patience::Outcome zor::Patience::YieldFor(const std::atomic<int>& count, Ha
     return outcome;
 }
 
-zor::Patience::Outcome zor::Patience::Yield(const std::atomic<int>& count)
+zor::Patience::Outcome zor::Patience::Yield(const std::atomic<int>& count, Habit::Try what)
 {
     // More pay off more rarely, and make rings of threads slow.
     constexpr int YIELDS = 2;
@@ -194,8 +257,11 @@ zor::Patience::Outcome zor::Patience::Yield(const std::atomic<int>& count)
     constexpr std::int64_t LONG_NSEC = 500000;
 
     const std::int64_t begin = Spin::Now();
-    if (!Neighbours::Allow(begin)) {
+    if (!Neighbours::Allow(begin) || !Load::IsHigh(begin)) {
         return Outcome::NOT_TRIED;
+    }
+    if (what == Habit::Try::PROBE) {
+        Trial::Begin(begin);
     }
     bool there = false;
     for (int i = 0; i < YIELDS && !there; ++i) {
@@ -207,8 +273,8 @@ zor::Patience::Outcome zor::Patience::Yield(const std::atomic<int>& count)
     if (took <= LONG_NSEC) {
         return there ? Outcome::PAID : Outcome::IN_VAIN;
     }
-    if (Neighbours::WereNotKind(took, end)) {
-        Neighbours::Close(end);
+    if (took > Neighbours::SLICE_NSEC) {
+        Neighbours::WereNotKind(end);
         return Outcome::TOO_LONG;
     }
     return there ? Outcome::PAID_LATE : Outcome::TOO_LONG;

@@ -26,6 +26,7 @@ struct Habit
         NONE,
         LIKELY, ///< it has paid off lately
         PROBE,  ///< to see whether it would
+        TRIAL,  ///< the same, because others do
     };
 
     static constexpr int MOST = 4;                      ///< of credit
@@ -34,6 +35,7 @@ struct Habit
     static constexpr unsigned LEAST_INTERVAL = 4;       ///< waits
     static constexpr unsigned FIRST_INTERVAL = 32;      ///< waits
     static constexpr unsigned GREATEST_INTERVAL = 1024; ///< waits
+    static constexpr unsigned HEEDED = 64; ///< the interval up to which encouragement always is
 
     std::atomic<int> credit{0};                     ///< RESCUE to MOST
     std::atomic<unsigned> skipped{0};               ///< waits without credit
@@ -98,7 +100,7 @@ class Patience
         NOT_TRIED,
     };
 
-    Outcome Yield(const std::atomic<int>& count);
+    Outcome Yield(const std::atomic<int>& count, Habit::Try what);
     Outcome YieldFor(const std::atomic<int>& count, Habit::Try what);
     void Watch(const std::atomic<int>& count, Habit::Try what);
 

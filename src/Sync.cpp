@@ -129,9 +129,9 @@ int TCSyncDet::Remove(int callerArryIndex)
             return 0;
         }
     }
+    // Foreign code may run now. Another thread may have the entry by then, and is to keep it.
     const zor::MutexLock lock(m_pLock);
-    TCASSERT((m_arrPCSyncDet[callerArryIndex].bValid));
-    m_arrPCSyncDet[callerArryIndex].bValid = false;
+    _TCAssert("(m_arrPCSyncDet[callerArryIndex].bValid)", __FILE__, __LINE__);
     return 0;
 }
 

@@ -123,7 +123,7 @@ proctype Taker(byte me; bool timed)
     fi;
     atomic { leaving++; seen = leaving == TAKERS };
     if
-    :: seen && given == givers -> /* as a reply, of which there is one giver and one taker */
+    :: seen && given == givers -> /* as the taker of a reply */
         UNLOCK;
         LetGo()
     :: seen ->

@@ -38,8 +38,8 @@ constexpr long NSEC_PER_MSEC = 1000000;
 constexpr long NSEC_PER_SEC = 1000 * NSEC_PER_MSEC;
 
 /// A semaphore on a machine whose clocks and other threads do what the test says: a yield takes
-/// m_yieldNsec, of which the process uses m_ownNsec, and ends with a unit if m_gives; who parks is
-/// told that its time is over.
+/// m_yieldNsec and ends with a unit if m_gives; who parks is told that its time is over. The
+/// process uses all of its processor.
 class PatienceTest : public ::testing::Test
 {
  protected:
@@ -48,12 +48,13 @@ class PatienceTest : public ::testing::Test
           m_wait(condTimedwaitSeam,
                  [this](pthread_cond_t*, pthread_mutex_t*, const timespec*) {
                      ++m_parked;
+                     Pass(m_parkNsec);
                      return ETIMEDOUT;
                  }),
           m_yield(schedYieldSeam, [this] { return Yield(); })
     {
         EXPECT_TRUE(m_semaphore.Create(0));
-        s_now += 1000 * NSEC_PER_SEC; // whatever another test has taught the process is long ago
+        Pass(1000 * NSEC_PER_SEC); // whatever another test has taught the process is long ago
     }
 
     ~PatienceTest() override { m_semaphore.Destroy(); }
@@ -68,13 +69,19 @@ class PatienceTest : public ::testing::Test
         return units;
     }
 
+    static void Pass(long nsec)
+    {
+        s_now += nsec;
+        s_used += nsec;
+    }
+
     static long s_now;  ///< on the monotonic clock, in nanoseconds
     static long s_used; ///< processor time of the process, in nanoseconds
 
     TCSemaphore m_semaphore;
     bool m_gives = true;
     long m_yieldNsec = 0;
-    long m_ownNsec = 0;
+    long m_parkNsec = 0;
     int m_yields = 0;
     int m_parked = 0;
 
@@ -89,8 +96,7 @@ class PatienceTest : public ::testing::Test
     int Yield()
     {
         ++m_yields;
-        s_now += m_yieldNsec;
-        s_used += m_ownNsec;
+        Pass(m_yieldNsec);
         if (m_gives) {
             m_semaphore.Give();
         }
@@ -132,21 +138,25 @@ TEST_F(PatienceTest, WaitThatDoesNotWaitDoesNotYield)
     EXPECT_EQ(m_yields, 0);
 }
 
-TEST_F(PatienceTest, YieldsInVainComeTwoAtATimeAndMoreAndMoreRarely)
+TEST_F(PatienceTest, YieldsInVainComeTwoAtATimeAndRarely)
 {
     constexpr int WAITS = 100000;
-    constexpr int DOUBLINGS = 5; // from the first interval to the greatest
+    constexpr int LEAST = WAITS / static_cast<int>(zor::Habit::GREATEST_INTERVAL);
 
     m_gives = false;
+    m_parkNsec = NSEC_PER_MSEC / 10;
     EXPECT_EQ(Wait(WAITS), 0);
     EXPECT_EQ(m_parked, WAITS);
-    EXPECT_GE(m_yields / 2, WAITS / static_cast<int>(zor::Habit::GREATEST_INTERVAL));
-    EXPECT_LE(m_yields / 2, WAITS / static_cast<int>(zor::Habit::GREATEST_INTERVAL) + DOUBLINGS);
+    EXPECT_EQ(m_yields % 2, 0);
+    EXPECT_GE(m_yields / 2, LEAST);
+    // Each of those may begin a trial of 2 ms, but no sooner than 50 ms after the last one.
+    EXPECT_LE(m_yields / 2, WAITS / 25 + 2 * LEAST);
 }
 
 TEST_F(PatienceTest, YieldsThatCeaseToPayOffAreGivenUp)
 {
     Wait(zor::Habit::FIRST_INTERVAL + 100);
+    Pass(5 * NSEC_PER_MSEC); // the trial is over
     m_gives = false;
     m_yields = 0;
     EXPECT_EQ(Wait(3), 0);
@@ -154,26 +164,27 @@ TEST_F(PatienceTest, YieldsThatCeaseToPayOffAreGivenUp)
     EXPECT_EQ(m_yields, 4);
 }
 
-/// Another process has had the processor, and a thread that parks goes before it when it is woken.
-TEST_F(PatienceTest, YieldThatTookLongForOthersIsNotRepeatedForAWhile)
+/// A thread that computes has had the processor, and one that parks goes before it when it is
+/// woken.
+TEST_F(PatienceTest, YieldThatTookASliceIsNotRepeatedForAWhile)
 {
     constexpr int MANY = 10000;
 
     m_yieldNsec = 4 * NSEC_PER_MSEC;
     Wait(MANY);
     EXPECT_EQ(m_yields, 1);
-    s_now += 26 * NSEC_PER_MSEC;
+    Pass(26 * NSEC_PER_MSEC);
     Wait(MANY);
     EXPECT_EQ(m_yields, 2);
-    s_now += 26 * NSEC_PER_MSEC;
+    Pass(26 * NSEC_PER_MSEC);
     Wait(MANY);
     EXPECT_EQ(m_yields, 2) << "it is for twice as long the next time";
-    s_now += 26 * NSEC_PER_MSEC;
+    Pass(26 * NSEC_PER_MSEC);
     Wait(MANY);
     EXPECT_EQ(m_yields, 3);
 }
 
-TEST_F(PatienceTest, WhatOneSemaphoreLearnsOfOtherProcessesHoldsForAll)
+TEST_F(PatienceTest, WhatOneSemaphoreLearnsOfSuchThreadsHoldsForAll)
 {
     TCSemaphore other;
     ASSERT_TRUE(other.Create(0));
@@ -199,19 +210,19 @@ TEST_F(PatienceTest, PausesDoubleUpToABoundAndALongTimeWithoutBotherShortensTheN
     long pause = LEAST_MSEC;
     for (int yields = 1; yields < 12; ++yields) {
         EXPECT_EQ(m_yields, yields);
-        s_now += (pause - 1) * NSEC_PER_MSEC;
+        Pass((pause - 1) * NSEC_PER_MSEC);
         Wait(MANY);
         EXPECT_EQ(m_yields, yields) << "closed for " << pause << " ms";
-        s_now += 2 * NSEC_PER_MSEC;
+        Pass(2 * NSEC_PER_MSEC);
         Wait(MANY);
         pause = std::min(2 * pause, MOST_MSEC);
     }
     EXPECT_EQ(pause, MOST_MSEC);
-    s_now += 60 * NSEC_PER_SEC;
+    Pass(60 * NSEC_PER_SEC);
     m_yields = 0;
     Wait(MANY);
     EXPECT_EQ(m_yields, 1);
-    s_now += (LEAST_MSEC + 1) * NSEC_PER_MSEC;
+    Pass((LEAST_MSEC + 1) * NSEC_PER_MSEC);
     Wait(MANY);
     EXPECT_EQ(m_yields, 2);
 }
@@ -225,61 +236,91 @@ TEST_F(PatienceTest, ClockThatIsSetBackEndsThePause)
     Wait(MANY);
     EXPECT_EQ(m_yields, 1);
     s_now -= 100 * NSEC_PER_SEC;
+    Pass(20 * NSEC_PER_MSEC);
+    Wait(MANY);
+    Pass(20 * NSEC_PER_MSEC); // what the process uses is known by this clock again
     Wait(MANY);
     EXPECT_EQ(m_yields, 2);
-    s_now += 200 * NSEC_PER_SEC;
+    Pass(200 * NSEC_PER_SEC);
 }
 
-/// A process whose processor was its own all the time until now.
-class BusyProcessPatienceTest : public PatienceTest
+/// There is nobody of its own to yield to, or somebody else's threads have the processor.
+TEST_F(PatienceTest, ProcessThatDoesNotKeepAProcessorBusyDoesNotYield)
 {
- protected:
-    BusyProcessPatienceTest()
-    {
-        m_yieldNsec = m_ownNsec = NSEC_PER_MSEC;
-        m_gives = false;
-        // What it has used is looked at with a yield that took long: before, it is not known.
-        Wait(zor::Habit::FIRST_INTERVAL);
-        m_gives = true;
-        s_now += 100 * NSEC_PER_MSEC;
-        s_used += 100 * NSEC_PER_MSEC;
-        m_yields = 0;
-    }
+    constexpr int MANY = 10000;
 
-    void WaitForAYield()
-    {
-        while (m_yields == 0) {
-            Wait(1);
-        }
-    }
-};
+    Wait(zor::Habit::FIRST_INTERVAL);
+    EXPECT_EQ(m_yields, 1);
+    s_now += 3 * NSEC_PER_MSEC;
+    Pass(17 * NSEC_PER_MSEC);
+    EXPECT_EQ(Wait(MANY), 0);
+    EXPECT_EQ(m_yields, 1);
+    s_now += NSEC_PER_MSEC;
+    Pass(19 * NSEC_PER_MSEC);
+    EXPECT_GT(Wait(MANY), MANY / 2);
+}
 
 /// Where all the others park, a thread that yields comes last; where they yield too it does not.
-TEST_F(BusyProcessPatienceTest, ProbeThatTookLongForThreadsOfTheProcessCounts)
+TEST_F(PatienceTest, ProbeThatTookLongForThreadsThatHandleEventsCounts)
 {
-    WaitForAYield();
-    m_yieldNsec = m_ownNsec = 0;
+    m_yieldNsec = NSEC_PER_MSEC;
+    EXPECT_EQ(Wait(zor::Habit::FIRST_INTERVAL), 1);
+    m_yieldNsec = 0;
     EXPECT_EQ(Wait(100), 100);
     EXPECT_EQ(m_yields, 101);
 }
 
-TEST_F(BusyProcessPatienceTest, YieldsThatGoOnTakingLongAreGivenUp)
+TEST_F(PatienceTest, YieldsThatGoOnTakingLongAreGivenUp)
 {
     constexpr int MANY = 10000;
 
-    WaitForAYield();
+    m_yieldNsec = NSEC_PER_MSEC;
     Wait(MANY);
     EXPECT_LT(m_yields, MANY / 100);
+    // By this semaphore only: the process goes on yielding.
+    TCSemaphore other;
+    ASSERT_TRUE(other.Create(0));
+    m_yields = 0;
+    for (unsigned i = 0; i < zor::Habit::FIRST_INTERVAL; ++i) {
+        other.Try(1);
+    }
+    EXPECT_GT(m_yields, 0);
+    other.Destroy();
 }
 
-/// A thread of the process that computes stays for as long as one of another process would.
-TEST_F(BusyProcessPatienceTest, YieldThatTookASliceIsNotRepeatedForAWhile)
+/// A single one that yields among many that park would come last each time.
+TEST_F(PatienceTest, ProbeOfOneSemaphoreMakesTheOthersTryForTwoMilliseconds)
 {
-    constexpr int MANY = 10000;
+    TCSemaphore other;
+    ASSERT_TRUE(other.Create(0));
+    m_gives = false;
+    EXPECT_FALSE(other.Try(1));
+    EXPECT_EQ(m_yields, 0);
+    Wait(zor::Habit::FIRST_INTERVAL);
+    EXPECT_EQ(m_yields, 2);
+    Pass(NSEC_PER_MSEC);
+    EXPECT_FALSE(other.Try(1));
+    EXPECT_EQ(m_yields, 4);
+    Pass(NSEC_PER_MSEC);
+    EXPECT_FALSE(other.Try(1));
+    EXPECT_EQ(m_yields, 4);
+    other.Destroy();
+}
 
-    m_yieldNsec = m_ownNsec = 3 * NSEC_PER_MSEC;
-    Wait(MANY);
-    EXPECT_EQ(m_yields, 1);
+TEST_F(PatienceTest, WhoFindsInATrialThatYieldingPaysGoesOn)
+{
+    TCSemaphore other;
+    ASSERT_TRUE(other.Create(0));
+    m_gives = false;
+    for (unsigned i = 0; i < zor::Habit::FIRST_INTERVAL; ++i) {
+        other.Try(1);
+    }
+    m_gives = true;
+    EXPECT_EQ(Wait(1), 1);
+    Pass(40 * NSEC_PER_MSEC);
+    EXPECT_EQ(Wait(100), 100);
+    EXPECT_EQ(m_parked, static_cast<int>(zor::Habit::FIRST_INTERVAL));
+    other.Destroy();
 }
 
 using zor::Habit;
@@ -288,7 +329,7 @@ using zor::Habit;
 unsigned WaitsUntilProbe(Habit* habit)
 {
     unsigned waits = 1;
-    while (habit->Next() == Habit::Try::NONE) {
+    while (habit->Next() == Habit::Try::NONE && waits < 2 * Habit::GREATEST_INTERVAL) {
         ++waits;
     }
     return waits;
