@@ -65,10 +65,10 @@ class ZOR_CORE_API TCSemaphore
     ///
     /// The time is measured from each wake-up, not from the call: a wake-up without a unit starts
     /// the whole interval anew, but for most of those by which all waiters are woken. It begins
-    /// behind what is passed before parking: at most 50 us, or a turn of the other threads that want
-    /// the processor. A deadline
-    /// whose microseconds come out at exactly 1,000,000 (about one wait in a million) is refused by
-    /// the system, and the call returns false at once; callers that loop must stand that.
+    /// behind what is passed before parking: at most 50 us, or a turn of the other threads that
+    /// want the processor. A deadline whose microseconds come out at exactly 1,000,000 (about one
+    /// wait in a million) is refused by the system, and the call returns false at once; callers
+    /// that loop must stand that.
     bool Try(unsigned long msec);
 
     /// Adds one unit and wakes one waiter, or all of them if they are more than two and the C

@@ -7,8 +7,8 @@
 #include "Patience.h"
 #include "Thread.h"
 
-/// What stands behind every semaphore (src/Semaphore.cpp), for the semaphore itself and for those who
-/// work on several of them, or on what one of them guards, in one critical section.
+/// What stands behind every semaphore (src/Semaphore.cpp), for the semaphore itself and for those
+/// who work on several of them, or on what one of them guards, in one critical section.
 
 namespace zor {
 

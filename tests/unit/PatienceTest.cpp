@@ -44,7 +44,7 @@ class PatienceTest : public ::testing::Test
 {
  protected:
     PatienceTest()
-        : m_clock(clockGettimeSeam, [this](clockid_t id, timespec* now) { return Read(id, now); }),
+        : m_clock(clockGettimeSeam, [](clockid_t id, timespec* now) { return Read(id, now); }),
           m_wait(condTimedwaitSeam,
                  [this](pthread_cond_t*, pthread_mutex_t*, const timespec*) {
                      ++m_parked;
