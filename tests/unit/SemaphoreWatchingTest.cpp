@@ -26,7 +26,7 @@ using namespace zortest;
 TEST(SemaphoreWatchingTest, WhoIsWokenByAWatcherProbesTheNextTime)
 {
 #ifdef ZOR_TEST_EMULATED
-    GTEST_SKIP() << "an emulated thread does not answer while another one watches";
+    GTEST_SKIP() << "it has not come to an end emulated; why is not known";
 #endif
     cpu_set_t processors;
     CPU_ZERO(&processors);
