@@ -243,6 +243,8 @@ TEST(HandledEventsTest, AnInnerEventTakesTheOutersPlaceMeanwhile)
 class ForgivingTask : public TestTask
 {
  public:
+    ~ForgivingTask() override { End(); } // the thread runs through the turn that is overridden here
+
     bool ExecuteEvent() override
     {
         try {
