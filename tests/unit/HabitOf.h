@@ -9,12 +9,12 @@
 namespace zortest {
 
 /// What a semaphore has learnt about watching.
-inline const zor::Habit& HabitOf(const TCSemaphore& semaphore)
+inline zor::Habit& HabitOf(const TCSemaphore& semaphore)
 {
     constexpr std::size_t STATE_OFFSET = 8;
     constexpr std::size_t HABIT_OFFSET = 76;
-    const auto* const state = FieldAt<const char*>(semaphore, STATE_OFFSET);
-    return *reinterpret_cast<const zor::Habit*>(state + HABIT_OFFSET);
+    auto* const state = FieldAt<char*>(semaphore, STATE_OFFSET);
+    return *reinterpret_cast<zor::Habit*>(state + HABIT_OFFSET);
 }
 
 } // namespace zortest

@@ -15,9 +15,6 @@ zor_add_test(SemaphoreSeveralProcessorsTest
 zor_add_test(SemaphoreWatchingTest
   SOURCES SemaphoreWatchingTest.cpp
           ${zor_support}/ConditionSeams.cpp ${zor_support}/TwoProcessors.cpp)
-if(CMAKE_CROSSCOMPILING)
-  target_compile_definitions(SemaphoreWatchingTest PRIVATE ZOR_TEST_EMULATED)
-endif()
 zor_add_test(PatienceTest
   SOURCES PatienceTest.cpp ${PROJECT_SOURCE_DIR}/src/Patience.cpp ${PROJECT_SOURCE_DIR}/src/Spin.cpp
           ${zor_support}/ConditionSeams.cpp)
