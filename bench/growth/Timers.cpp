@@ -47,7 +47,7 @@ double SchedulerTime()
 }
 
 /// Knows when the first and the last firing of a batch have come.
-class Target : public SilentTask
+class Target : public QuietTask
 {
  public:
     std::atomic<int> handled{0};
@@ -137,7 +137,7 @@ class Timers
     const long m_others;
     std::mt19937 m_random{1};
     Runtime m_runtime;
-    Target m_target;
+    Running<Target> m_target;
     TCTimersScheduler m_scheduler;
 };
 

@@ -11,7 +11,7 @@
 
 /// Sends a token on to its partner until it has made its hops, and works on each before.
 template <typename Work>
-class Player : public SilentTask
+class Player : public QuietTask
 {
  public:
     Player(sem_t* done, const Work& work) : m_done(done), m_work(work) {}
@@ -54,7 +54,7 @@ class Pairs
     {
         sem_init(&m_done, 0, 0);
         for (long i = 0; i < 2 * pairs; ++i) {
-            m_players.push_back(std::make_unique<Player<Work>>(&m_done, work));
+            m_players.push_back(std::make_unique<Running<Player<Work>>>(&m_done, work));
         }
         for (std::size_t i = 0; i < m_players.size(); ++i) {
             m_players[i]->partner = m_players[i ^ 1].get();
@@ -81,10 +81,10 @@ class Pairs
         }
     }
 
-    const std::vector<std::unique_ptr<Player<Work>>>& Players() const { return m_players; }
+    const std::vector<std::unique_ptr<Running<Player<Work>>>>& Players() const { return m_players; }
 
  private:
     const Runtime m_runtime;
     sem_t m_done;
-    std::vector<std::unique_ptr<Player<Work>>> m_players;
+    std::vector<std::unique_ptr<Running<Player<Work>>>> m_players;
 };

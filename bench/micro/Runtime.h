@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdlib>
+#include <utility>
 
 #include "Sync.h"
 #include "Task.h"
@@ -25,26 +26,10 @@ class Runtime
     Runtime& operator=(const Runtime&) = delete;
 };
 
-/// A task that does nothing with its events.
-class SilentTask : public TCTask
+/// A task that does nothing with its events. To be used as Running<...>.
+class QuietTask : public TCTask
 {
  public:
-    SilentTask()
-    {
-        if (!Create("silent", ~0U, 1 << 20, 0)) {
-            std::abort();
-        }
-    }
-    ~SilentTask() override
-    {
-        TSEvent exit;
-        exit.receiver = this;
-        exit.type = EVENT_EXIT;
-        while (!Send(&exit, false, false)) {
-        }
-        Destroy();
-    }
-
     TSEvent EventTo(unsigned long type = EVENT_USER)
     {
         TSEvent event;
@@ -52,4 +37,36 @@ class SilentTask : public TCTask
         event.type = type;
         return event;
     }
+
+ protected:
+    void Begin()
+    {
+        if (!Create("silent", ~0U, 1 << 20, 0)) {
+            std::abort();
+        }
+    }
+
+    void End()
+    {
+        TSEvent exit = EventTo(EVENT_EXIT);
+        while (!Send(&exit, false, false)) {
+        }
+        Destroy();
+    }
 };
+
+/// Runs from the end of its construction to the beginning of its destruction: the thread calls
+/// virtual functions of the whole object.
+template <typename Task>
+class Running final : public Task
+{
+ public:
+    template <typename... Arguments>
+    explicit Running(Arguments&&... arguments) : Task(std::forward<Arguments>(arguments)...)
+    {
+        this->Begin();
+    }
+    ~Running() override { this->End(); }
+};
+
+using SilentTask = Running<QuietTask>;

@@ -65,7 +65,7 @@ void TimerPauseResume(benchmark::State& state)
     }
 }
 
-class FiringTask : public SilentTask
+class FiringTask : public QuietTask
 {
  public:
     std::atomic<std::int64_t> handled{0};
@@ -83,7 +83,7 @@ class FiringTask : public SilentTask
 void TimerFire(benchmark::State& state)
 {
     const Runtime runtime;
-    FiringTask task;
+    Running<FiringTask> task;
     TCTimersScheduler scheduler;
     for (auto _ : state) {
         task.handled.store(0);
