@@ -200,12 +200,20 @@ TEST_F(SendListedTest, SynchronousCallIsListedWhileItWaits)
 
 TEST_F(SendListedTest, AsynchronousCallIsNotListed)
 {
+    Gate handled; // nobody may call meanwhile, not to wait either
+    m_task.onUser = [&](const TSEvent*) {
+        m_listed = ListedCalls();
+        handled.Pass();
+        return true;
+    };
     {
         Hold hold(&m_task);
         EXPECT_TRUE(Send(false, false));
         EXPECT_THAT(ListedCalls(), IsEmpty());
     }
-    EXPECT_TRUE(Flush(&m_task));
+    ASSERT_TRUE(handled.Wait());
+    EXPECT_THAT(m_listed, IsEmpty());
+    m_task.End(); // before the gate goes
 }
 
 TEST_F(SendListedTest, RefusedCallIsRemoved)
