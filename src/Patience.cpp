@@ -8,8 +8,8 @@
 
 namespace {
 
-/// Whether the calling thread has watched with success when it last had reason to.
-thread_local bool t_watched = false;
+/// Whether the last wait of the calling thread was one whose probe of watching paid off.
+thread_local bool t_probed = false;
 
 bool IsThere(const std::atomic<int>& count)
 {
@@ -131,10 +131,11 @@ zor::Habit::Try zor::Habit::Next()
         return Try::LIKELY;
     }
     const unsigned waits = skipped.fetch_add(1, std::memory_order_relaxed) + 1;
-    if (left == RESCUE) {
+    if (left == RESCUE || waits >= interval.load(std::memory_order_relaxed)) {
+        skipped.store(0, std::memory_order_relaxed);
         return Try::PROBE;
     }
-    return waits % interval.load(std::memory_order_relaxed) == 0 ? Try::PROBE : Try::NONE;
+    return Try::NONE;
 }
 
 void zor::Habit::Paid(Try what)
@@ -178,10 +179,9 @@ void zor::Habit::Refresh()
 
 void zor::Habit::Encourage()
 {
-    const unsigned rarer = std::max(interval.load(std::memory_order_relaxed) / HEEDED, 1U);
-    const unsigned step = rarer * rarer;
-    const unsigned waits = skipped.load(std::memory_order_relaxed);
-    if (credit.load(std::memory_order_relaxed) == 0 && waits % step == 0) {
+    const unsigned enough = interval.load(std::memory_order_relaxed) / HEEDED;
+    if (credit.load(std::memory_order_relaxed) == 0 &&
+        skipped.load(std::memory_order_relaxed) >= enough) {
         credit.store(RESCUE, std::memory_order_relaxed);
     }
 }
@@ -195,7 +195,7 @@ void zor::Habit::CopyFrom(const Habit& other)
 
 void zor::Habit::MakeRarer()
 {
-    const unsigned rarer = 2 * interval.load(std::memory_order_relaxed);
+    const unsigned rarer = RARER * interval.load(std::memory_order_relaxed);
     if (rarer <= GREATEST_INTERVAL) {
         interval.store(rarer, std::memory_order_relaxed);
     }
@@ -203,7 +203,7 @@ void zor::Habit::MakeRarer()
 
 void zor::Patience::Wait(const std::atomic<int>& count)
 {
-    t_watched = false;
+    t_probed = false;
     Habit::Try yielding = m_yielding.Next();
     if (yielding == Habit::Try::NONE && Trial::IsOn()) {
         yielding = Habit::Try::TRIAL;
@@ -228,7 +228,7 @@ void zor::Patience::Wait(const std::atomic<int>& count)
 
 void zor::Patience::EncourageWoken()
 {
-    if (t_watched) {
+    if (t_probed) {
         m_watching.Encourage();
     }
 }
@@ -294,7 +294,7 @@ void zor::Patience::Watch(const std::atomic<int>& count, Habit::Try what)
         Spin::Pause();
         if (IsThere(count)) {
             m_watching.Paid(what);
-            t_watched = true;
+            t_probed = what == Habit::Try::PROBE;
             return;
         }
     }

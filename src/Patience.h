@@ -33,12 +33,13 @@ struct Habit
     static constexpr int PROBED = 2;                    ///< credit behind a probe that paid off
     static constexpr int RESCUE = -1;                   ///< the next try is a probe
     static constexpr unsigned LEAST_INTERVAL = 4;       ///< waits
-    static constexpr unsigned FIRST_INTERVAL = 32;      ///< waits
+    static constexpr unsigned FIRST_INTERVAL = 64;      ///< waits
     static constexpr unsigned GREATEST_INTERVAL = 1024; ///< waits
-    static constexpr unsigned HEEDED = 64; ///< the interval up to which encouragement always is
+    static constexpr unsigned RARER = 16; ///< times is the interval longer behind a probe
+    static constexpr unsigned HEEDED = 8; ///< part of it that encouragement needs
 
     std::atomic<int> credit{0};                     ///< RESCUE to MOST
-    std::atomic<unsigned> skipped{0};               ///< waits without credit
+    std::atomic<unsigned> skipped{0};               ///< waits without credit since a probe
     std::atomic<unsigned> interval{FIRST_INTERVAL}; ///< of these one is a probe
 
     /// Whether to try this time. What comes of it is said by Paid() or Failed().
@@ -52,7 +53,7 @@ struct Habit
     /// Lets probes come often again.
     void Refresh();
 
-    /// Makes the next try a probe, if there is no credit; the more rarely the rarer probes are.
+    /// Makes the next try a probe, if there is no credit and the last one was some time ago.
     void Encourage();
 
     void CopyFrom(const Habit& other);
@@ -80,8 +81,8 @@ class Patience
     void Wait(const std::atomic<int>& count);
 
     /// Called by the thread that gives, for a waiter that it has to wake: has the waiter's next
-    /// wait watch if the calling thread watches too. Two that answer each other gain only if both
-    /// do.
+    /// wait probe watching if that of the calling thread's last one has paid off. Two that answer
+    /// each other gain only if both watch, and rare as probes are they would not meet by chance.
     void EncourageWoken();
 
     void CopyFrom(const Patience& other)

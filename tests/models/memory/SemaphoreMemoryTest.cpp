@@ -137,7 +137,7 @@ TEST(HoldersTest, NeedTheOrderOfLettingGo)
 }
 
 /// zor::Habit: nothing is ordered by it, but its numbers stay where they may be, whoever changes
-/// them at once. The interval divides.
+/// them at once. An interval beyond its bounds would end all probes.
 template <bool STORES_WHAT_IT_CHECKED>
 struct Habit : rl::test_suite<Habit<STORES_WHAT_IT_CHECKED>, 2>
 {
@@ -159,8 +159,8 @@ struct Habit : rl::test_suite<Habit<STORES_WHAT_IT_CHECKED>, 2>
         }
         const int left = credit.Load(RELAXED);
         Claim(left >= RESCUE && left <= MOST, "the credit is within its bounds");
-        const unsigned divides = interval.Load(RELAXED);
-        Claim(divides >= LEAST && divides <= GREATEST, "the interval is within its bounds");
+        const unsigned rare = interval.Load(RELAXED);
+        Claim(rare >= LEAST && rare <= GREATEST, "the interval is within its bounds");
     }
 
     void TryFailed()
