@@ -29,7 +29,7 @@ GROUPS = [
         [
             rate("W1_stream_1p", "events from one producer, at most 200 in flight"),
             rate("W2_stream_2p", "the same from two producers"),
-            rate("W3_burst", "200 posts, then a wait until all are handled"),
+            rate("W3_burst", "200 posts, then a wait until all are handled; 3 runs a round"),
             Row("W10_post_cost", "per_post", "a post to a busy actor, its producer's cost", LESS),
             Row("W1_stream_1p", "cpu", "processor time of the first row", LESS),
         ],
@@ -106,7 +106,7 @@ GROUPS = [
     (
         "Tasks",
         [
-            Row("W8_actors_200", "create", "200 actors created", LESS),
+            Row("W8_actors_200", "create", "200 actors created; 11 runs a round", LESS),
             Row("W8_actors_200", "stop", "stopped", LESS),
             Row("W8_actors_200", "rss_per_actor", "resident memory of each", LESS),
         ],

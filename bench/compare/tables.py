@@ -17,7 +17,7 @@ INTRODUCTION = """\
 
 The same workloads over this library and over other frameworks, one program each, alternating.
 Medians; the ratio says how many times as good as the best peer this library is (1 is as good,
-more is better). The column after it has the smallest and the largest of this library's rounds. The
+more is better). The column after it has the smallest and the largest of this library's runs. The
 last two have the processor time of an event: this library's, and the least of the peers'.
 `@1cpu`: the process is held to one processor. `@busy`: on each of two processors a foreign process
 spins beside.
@@ -66,7 +66,7 @@ def table(results, group):
     rows = [row for row in group if results.has(row)]
     if not rows:
         return ""
-    head = ["workload", "unit", *results.peers(), "ratio", f"{OURS}'s rounds"]
+    head = ["workload", "unit", *results.peers(), "ratio", f"{OURS}'s runs"]
     head += [f"cpu us/event: {OURS}", "best peer"]
     lines = [head, ["---"] * len(head)] + [table_row(results, row) for row in rows]
     text = "\n".join("| " + " | ".join(cells) + " |" for cells in lines)
