@@ -3,12 +3,14 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "Spin.h"
 
 namespace {
 
-/// Whether the last wait of the calling thread was one whose probe of watching paid off.
+/// Whether a probe of watching has paid off for the calling thread, and it has neither waited nor
+/// woken anybody since.
 thread_local bool t_probed = false;
 
 bool IsThere(const std::atomic<int>& count)
@@ -228,7 +230,7 @@ void zor::Patience::Wait(const std::atomic<int>& count)
 
 void zor::Patience::EncourageWoken()
 {
-    if (t_probed) {
+    if (std::exchange(t_probed, false)) {
         m_watching.Encourage();
     }
 }

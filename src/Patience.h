@@ -35,11 +35,11 @@ struct Habit
     static constexpr unsigned LEAST_INTERVAL = 4;       ///< waits
     static constexpr unsigned FIRST_INTERVAL = 64;      ///< waits
     static constexpr unsigned GREATEST_INTERVAL = 1024; ///< waits
-    static constexpr unsigned RARER = 16; ///< times is the interval longer behind a probe
-    static constexpr unsigned HEEDED = 8; ///< part of it that encouragement needs
+    static constexpr unsigned RARER = 16; ///< by which a probe multiplies the interval
+    static constexpr unsigned HEEDED = 8; ///< into so many parts encouragement divides the interval
 
     std::atomic<int> credit{0};                     ///< RESCUE to MOST
-    std::atomic<unsigned> skipped{0};               ///< waits without credit since a probe
+    std::atomic<unsigned> skipped{0};               ///< waits without credit since the last probe
     std::atomic<unsigned> interval{FIRST_INTERVAL}; ///< of these one is a probe
 
     /// Whether to try this time. What comes of it is said by Paid() or Failed().
@@ -50,10 +50,11 @@ struct Habit
 
     bool HasMostCredit() const { return credit.load(std::memory_order_relaxed) == MOST; }
 
-    /// Lets probes come often again.
+    /// Has the interval begin anew.
     void Refresh();
 
-    /// Makes the next try a probe, if there is no credit and the last one was some time ago.
+    /// Makes the next try a probe, if there is no credit and the last probe is an eighth of the
+    /// interval ago.
     void Encourage();
 
     void CopyFrom(const Habit& other);
@@ -80,9 +81,10 @@ class Patience
     /// @param count  the semaphore's, seen to be no more than 0
     void Wait(const std::atomic<int>& count);
 
-    /// Called by the thread that gives, for a waiter that it has to wake: has the waiter's next
-    /// wait probe watching if that of the calling thread's last one has paid off. Two that answer
-    /// each other gain only if both watch, and rare as probes are they would not meet by chance.
+    /// Called by the thread that gives, for a waiter that it has to wake: encourages the waiter to
+    /// probe watching if the calling thread's last wait was a probe that paid off, and nobody has
+    /// been woken since. Two that answer each other gain only if both watch, and rare as probes are
+    /// they would not meet by chance.
     void EncourageWoken();
 
     void CopyFrom(const Patience& other)

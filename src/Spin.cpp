@@ -44,8 +44,8 @@ std::int64_t Pass(int pauses)
     return zor::Spin::Now() - begin;
 }
 
-/// The shortest of some rounds, as others may have been interrupted. Of two, on a busy machine, now
-/// and then both are.
+/// The shortest of some rounds: others may have been interrupted, on a busy machine now and then
+/// two in a row.
 std::int64_t PassAtBest(int pauses)
 {
     constexpr int ROUNDS = 4;

@@ -8,7 +8,7 @@
 
 namespace zortest {
 
-/// What a semaphore has learnt about watching.
+/// What a semaphore has learnt about watching, for tests to read and to set.
 inline zor::Habit& HabitOf(const TCSemaphore& semaphore)
 {
     constexpr std::size_t STATE_OFFSET = 8;

@@ -4,7 +4,6 @@
 #include <sched.h>
 
 #include <atomic>
-#include <climits>
 #include <thread>
 
 #include "ConditionSeams.h"
@@ -12,7 +11,7 @@
 #include "Thread.h"
 #include "Wait.h"
 
-/// Yields would mostly bring the unit before anything is watched.
+/// Yields that are tried would mostly bring the unit before anything is watched.
 extern "C" int sched_yield() noexcept
 {
     return 0;
@@ -21,6 +20,43 @@ extern "C" int sched_yield() noexcept
 namespace {
 
 using namespace zortest;
+
+/// A thread that is parked on a semaphore of its own from the construction to Wake().
+class Parked
+{
+ public:
+    /// @param parked  counts who parks
+    explicit Parked(const std::atomic<int>& parked)
+    {
+        EXPECT_TRUE(m_semaphore.Create(0));
+        HabitOf(m_semaphore).skipped = zor::Habit::FIRST_INTERVAL / zor::Habit::HEEDED;
+        const int before = parked;
+        m_thread = std::thread([this] { m_semaphore.Take(); });
+        EXPECT_TRUE(Eventually([&] { return parked > before; }));
+    }
+    ~Parked()
+    {
+        if (m_thread.joinable()) {
+            Wake();
+        }
+        m_semaphore.Destroy();
+    }
+
+    Parked(const Parked&) = delete;
+    Parked& operator=(const Parked&) = delete;
+
+    /// @return the credit of watching at its semaphore
+    int Wake()
+    {
+        m_semaphore.Give();
+        m_thread.join();
+        return HabitOf(m_semaphore).credit;
+    }
+
+ private:
+    TCSemaphore m_semaphore;
+    std::thread m_thread;
+};
 
 /// Two threads, of which one gives when the other wants a unit.
 class SemaphoreWatchingTest : public ::testing::Test
@@ -53,54 +89,44 @@ class SemaphoreWatchingTest : public ::testing::Test
         }
     }
 
-    /// What a thread that is parked has learnt from being woken by one whose last wait has watched
-    /// in time, with so much credit before and so much behind it.
-    int CreditOfAWoken(int before, int behind)
+    /// Has this thread watch for long and in time. May do so in vain, where it or the other one is
+    /// kept from its processor.
+    bool Probe()
     {
-        int learnt = INT_MIN;
-        // A watch may be in vain where this thread, or the other, is kept from its processor.
-        EXPECT_TRUE(Eventually([&] {
-            TCSemaphore parkedOn;
-            EXPECT_TRUE(parkedOn.Create(0));
-            HabitOf(parkedOn).skipped = zor::Habit::FIRST_INTERVAL / zor::Habit::HEEDED;
-            const int waits = m_waits;
-            std::thread parked([&parkedOn] { parkedOn.Take(); });
-            EXPECT_TRUE(Eventually([&] { return m_waits > waits; }));
-            HabitOf(m_watched).credit = before; // stays if the unit comes before the watch
-            m_wanted = true;
-            m_watched.Take();
-            const bool watched = HabitOf(m_watched).credit == behind;
-            parkedOn.Give();
-            parked.join();
-            learnt = HabitOf(parkedOn).credit;
-            parkedOn.Destroy();
-            return watched;
-        }));
-        return learnt;
+        HabitOf(m_watched).credit = zor::Habit::RESCUE; // stays if the unit comes before the watch
+        m_wanted = true;
+        m_watched.Take();
+        return HabitOf(m_watched).credit == zor::Habit::PROBED;
     }
+
+    std::atomic<int> m_parked{0}; ///< how often a thread has
 
  private:
     TCSemaphore m_watched;
     std::atomic<bool> m_wanted{false};
     std::atomic<bool> m_ends{false};
-    std::atomic<int> m_waits{0};
     const Takeover<int(pthread_cond_t*, pthread_mutex_t*)> m_wait{
         condWaitSeam, [this](pthread_cond_t* condition, pthread_mutex_t* mutex) {
-            ++m_waits;
+            ++m_parked;
             return condWaitSeam.Real(condition, mutex);
         }};
     std::thread m_answering;
 };
 
 /// Two threads that answer each other gain only if both watch, and would not meet by chance.
-TEST_F(SemaphoreWatchingTest, WhoIsWokenBehindAProbeThatPaidOffProbesTheNextTime)
+TEST_F(SemaphoreWatchingTest, ProbeThatPaidOffHasTheOneThatIsWokenNextProbeAndNobodyElse)
 {
-    EXPECT_EQ(CreditOfAWoken(zor::Habit::RESCUE, zor::Habit::PROBED), zor::Habit::RESCUE);
-}
-
-TEST_F(SemaphoreWatchingTest, WhoIsWokenByOneThatWatchesAsUsualLearnsNothing)
-{
-    EXPECT_EQ(CreditOfAWoken(1, 2), 0);
+    const bool probed = Eventually([this] {
+        Parked first(m_parked);
+        Parked second(m_parked);
+        if (!Probe()) {
+            return false;
+        }
+        EXPECT_EQ(first.Wake(), zor::Habit::RESCUE);
+        EXPECT_EQ(second.Wake(), 0);
+        return true;
+    });
+    EXPECT_TRUE(probed);
 }
 
 } // namespace

@@ -137,7 +137,7 @@ TEST(HoldersTest, NeedTheOrderOfLettingGo)
 }
 
 /// zor::Habit: nothing is ordered by it, but its numbers stay where they may be, whoever changes
-/// them at once. An interval beyond its bounds would end all probes.
+/// them at once. An interval that went round to 0 would have every wait probe.
 template <bool STORES_WHAT_IT_CHECKED>
 struct Habit : rl::test_suite<Habit<STORES_WHAT_IT_CHECKED>, 2>
 {
