@@ -37,7 +37,7 @@ def short(value):
 def table_row(results, row):
     """The cells of one row of a table."""
     out = left_out(results, row.workload, row.metric)
-    cells = [f"{row.name}: {row.text}", results.unit(row)]
+    cells = [f"`{row.name}`: {row.text}", results.unit(row)]
     for peer in results.peers():
         mark = f" {MARK}" if peer in out else ""
         cells.append(short(results.median(peer, row.workload, row.metric)) + mark)
@@ -58,7 +58,7 @@ def notes(results, rows):
     for row in rows:
         for peer, reason in left_out(results, row.workload, row.metric).items():
             found.setdefault((row.name, reason), {})[peer] = None
-    return [f"{MARK} {name}: not in the ratio, {why}: {', '.join(p)}." for (name, why), p in found.items()]
+    return [f"{MARK} `{name}`: not in the ratio, {why}: {', '.join(p)}." for (name, why), p in found.items()]
 
 
 def table(results, group):

@@ -99,6 +99,11 @@ class EventCost(TestCase):
 
 
 class Table(TestCase):
+    def test_NamesWorkloadsAsCodeForAVariantReadsLikeACommandOfTheDocumentation(self):
+        busy = STREAM._replace(workload="W1_stream_1p@busy")
+        made = results(("zor", busy, [4]))
+        self.assertIn("\n| `stream_1p@busy`: events | u | ", tables.table(made, [busy]))
+
     def test_HasRatioSpreadAndProcessorTimeInEachRow(self):
         cpu = cost(STREAM.workload)
         made = results(
@@ -114,7 +119,7 @@ class Table(TestCase):
         text = tables.table(made, [CANCEL])
         self.assertIn("| 100 † |", text)
         self.assertIn("| 8 |", text)
-        self.assertRegex(text, r"\n† timers_churn: .*flag.*: poco\.")
+        self.assertRegex(text, r"\n† `timers_churn`: .*flag.*: poco\.")
 
     def test_IsLeftOutWhenNothingOfItsGroupWasMeasured(self):
         text = tables.tables(results(("zor", STREAM, [4])))
