@@ -140,6 +140,12 @@ zor::Habit::Try zor::Habit::Next()
     return Try::NONE;
 }
 
+void zor::Habit::Pass()
+{
+    // Loses a count now and then where several threads wait, which is cheaper than to keep it.
+    skipped.store(skipped.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
 void zor::Habit::Paid(Try what)
 {
     if (what != Try::LIKELY) {
@@ -212,8 +218,8 @@ void zor::Patience::Wait(const std::atomic<int>& count)
     }
     const bool isUsual = m_yielding.HasMostCredit();
     const Outcome yielded = YieldFor(count, yielding);
-    if (yielded == Outcome::PAID && isUsual) {
-        m_watching.Refresh(); // where threads come and go so fast, watching may pay off any moment
+    if (yielded == Outcome::PAID) {
+        m_watching.Pass();
     }
     const bool mayWatch = yielded == Outcome::IN_VAIN || yielded == Outcome::NOT_TRIED;
     if (!mayWatch || !Spin::CanHelp()) {

@@ -39,11 +39,15 @@ struct Habit
     static constexpr unsigned HEEDED = 8; ///< into so many parts encouragement divides the interval
 
     std::atomic<int> credit{0};                     ///< RESCUE to MOST
-    std::atomic<unsigned> skipped{0};               ///< waits without credit since the last probe
+    std::atomic<unsigned> skipped{0};               ///< waits without a try since the last probe
     std::atomic<unsigned> interval{FIRST_INTERVAL}; ///< of these one is a probe
 
     /// Whether to try this time. What comes of it is said by Paid() or Failed().
     Try Next();
+
+    /// Counts a wait that had nothing to try. So a probe is due when such waits end, but no more
+    /// often among them than among others.
+    void Pass();
 
     void Paid(Try what);
     void Failed(Try what);

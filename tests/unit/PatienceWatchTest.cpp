@@ -1,0 +1,194 @@
+#include <gtest/gtest.h>
+
+#include <sched.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
+#include "../../src/Patience.h"
+#include "../../src/Spin.h"
+#include "Seam.h"
+
+namespace zortest {
+
+Seam<int()> schedYieldSeam("sched_yield");
+
+} // namespace zortest
+
+extern "C" int sched_yield() noexcept
+{
+    return zortest::schedYieldSeam();
+}
+
+namespace {
+
+/// A machine of two processors for the patience that is compiled into this program: time passes as
+/// the test says, and the process uses one processor all the time.
+struct Machine
+{
+    std::int64_t now = 0;     ///< nanoseconds
+    std::vector<int> watches; ///< in nanoseconds, how long each was to be
+    bool comesWhileWatched = false;
+    std::atomic<int> count{0}; ///< the semaphore's
+};
+
+Machine g_machine;
+
+} // namespace
+
+std::int64_t zor::Spin::Now()
+{
+    return g_machine.now;
+}
+
+std::int64_t zor::Spin::Used()
+{
+    return g_machine.now;
+}
+
+/// Asked once for each watch, which looks for a unit behind each pause.
+int zor::Spin::PausesIn(int nsec)
+{
+    g_machine.watches.push_back(nsec);
+    g_machine.now += nsec;
+    g_machine.count = g_machine.comesWhileWatched ? 1 : 0;
+    return 1;
+}
+
+int zor::Spin::Processors()
+{
+    return 2;
+}
+
+namespace {
+
+using namespace zortest;
+using zor::Habit;
+
+constexpr std::int64_t NSEC_PER_USEC = 1000;
+constexpr std::int64_t NSEC_PER_MSEC = 1000 * NSEC_PER_USEC;
+constexpr std::int64_t NSEC_PER_SEC = 1000 * NSEC_PER_MSEC;
+
+constexpr int PROBE_NSEC = 50000;
+constexpr int WATCH_NSEC = 5000;
+
+class PatienceWatchTest : public ::testing::Test
+{
+ protected:
+    PatienceWatchTest()
+        : m_yield(schedYieldSeam, [this] {
+              g_machine.now += m_yieldNsec;
+              g_machine.count = m_gives ? 1 : 0;
+              return 0;
+          })
+    {
+        g_machine.now += 1000 * NSEC_PER_SEC; // what another test taught is long ago
+        g_machine.comesWhileWatched = false;
+        g_machine.watches.clear();
+    }
+
+    /// One wait, which finds a unit by a yield if @p gives.
+    void Wait(bool gives)
+    {
+        constexpr std::int64_t WORK_NSEC = 500;
+
+        m_gives = gives;
+        g_machine.count = 0;
+        m_patience.Wait(g_machine.count);
+        g_machine.now += WORK_NSEC;
+    }
+
+    /// Waits until yields are what usually pays, and behind the probe that is due when first one
+    /// does not.
+    void MakeYieldsUsual()
+    {
+        for (unsigned i = 0; i < Habit::FIRST_INTERVAL + Habit::MOST; ++i) {
+            Wait(true);
+        }
+        Wait(false);
+        for (int i = 0; i < Habit::MOST; ++i) {
+            Wait(true);
+        }
+        g_machine.now += 10 * NSEC_PER_MSEC; // the trial is over
+        g_machine.watches.clear();
+    }
+
+    static int Probes()
+    {
+        const auto& watches = g_machine.watches;
+        return static_cast<int>(std::count(watches.begin(), watches.end(), PROBE_NSEC));
+    }
+
+    zor::Patience m_patience;
+    std::int64_t m_yieldNsec = NSEC_PER_USEC / 2;
+
+ private:
+    bool m_gives = true;
+    const Takeover<int()> m_yield;
+};
+
+TEST_F(PatienceWatchTest, YieldThatBringsAUnitIsNotFollowedByAWatch)
+{
+    MakeYieldsUsual();
+    Wait(true);
+    EXPECT_TRUE(g_machine.watches.empty());
+}
+
+/// Whoever is to give is on another processor this time.
+TEST_F(PatienceWatchTest, YieldInVainIsFollowedByAShortWatchWhereYieldsUsuallyPay)
+{
+    MakeYieldsUsual();
+    Wait(true);
+    Wait(false);
+    EXPECT_EQ(g_machine.watches, std::vector<int>{WATCH_NSEC});
+}
+
+TEST_F(PatienceWatchTest, YieldInVainIsNotFollowedByAWatchWhereYieldsDoNotUsuallyPay)
+{
+    for (unsigned i = 0; i + 1 < Habit::FIRST_INTERVAL; ++i) {
+        Wait(false);
+    }
+    EXPECT_TRUE(g_machine.watches.empty());
+    Wait(false);
+    EXPECT_EQ(g_machine.watches, std::vector<int>{PROBE_NSEC}); // its own time has come
+    Wait(false);                                                // yields: the trial is under way
+    EXPECT_EQ(g_machine.watches.size(), 1u);
+}
+
+TEST_F(PatienceWatchTest, YieldThatTookLongIsNotFollowedByAWatch)
+{
+    MakeYieldsUsual();
+    m_yieldNsec = NSEC_PER_MSEC;
+    Wait(false);
+    EXPECT_TRUE(g_machine.watches.empty());
+}
+
+/// Where the units come by yields until the giver has a processor of its own.
+TEST_F(PatienceWatchTest, WatchThatPaysBehindAYieldInVainIsDoneFromThenOn)
+{
+    constexpr int WAITS = 1000;
+
+    MakeYieldsUsual();
+    g_machine.comesWhileWatched = true;
+    for (int i = 0; i < WAITS; ++i) {
+        Wait(false);
+    }
+    EXPECT_GE(static_cast<int>(g_machine.watches.size()), WAITS - 1);
+}
+
+/// The giver takes longer than a watch whenever a yield does not bring the unit.
+TEST_F(PatienceWatchTest, ProbesBehindYieldsThatUsuallyPayStayRare)
+{
+    constexpr int WAITS = 100000;
+
+    MakeYieldsUsual();
+    for (int i = 0; i < WAITS; ++i) {
+        Wait(i % 15 != 0);
+    }
+    EXPECT_LE(Probes(), WAITS / static_cast<int>(Habit::GREATEST_INTERVAL) + 3);
+    EXPECT_GE(Probes(), WAITS / static_cast<int>(Habit::GREATEST_INTERVAL) / 2);
+}
+
+} // namespace
