@@ -142,7 +142,8 @@ zor::Habit::Try zor::Habit::Next()
 
 void zor::Habit::Pass()
 {
-    // Loses a count now and then where several threads wait, which is cheaper than to keep it.
+    // Where several threads wait this loses a count now and then, or that a probe has begun anew,
+    // which is cheaper than to keep them.
     skipped.store(skipped.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 

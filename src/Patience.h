@@ -38,15 +38,15 @@ struct Habit
     static constexpr unsigned RARER = 16; ///< by which a probe multiplies the interval
     static constexpr unsigned HEEDED = 8; ///< into so many parts encouragement divides the interval
 
-    std::atomic<int> credit{0};                     ///< RESCUE to MOST
-    std::atomic<unsigned> skipped{0};               ///< waits without a try since the last probe
+    std::atomic<int> credit{0};       ///< RESCUE to MOST
+    std::atomic<unsigned> skipped{0}; ///< waits since the last probe that used no credit
     std::atomic<unsigned> interval{FIRST_INTERVAL}; ///< of these one is a probe
 
     /// Whether to try this time. What comes of it is said by Paid() or Failed().
     Try Next();
 
-    /// Counts a wait that had nothing to try. So a probe is due when such waits end, but no more
-    /// often among them than among others.
+    /// Counts a wait that was over before this could be tried. So the first wait behind many of
+    /// those may be a probe, but among all of them there is no more than one in an interval.
     void Pass();
 
     void Paid(Try what);

@@ -25,10 +25,11 @@ extern "C" int sched_yield() noexcept
 namespace {
 
 /// A machine of two processors for the patience that is compiled into this program: time passes as
-/// the test says, and the process uses one processor all the time.
+/// the test says, and the process uses one processor unless it is said to be idle.
 struct Machine
 {
     std::int64_t now = 0;     ///< nanoseconds
+    std::int64_t idle = 0;    ///< of it, without the process
     std::vector<int> watches; ///< in nanoseconds, how long each was to be
     bool comesWhileWatched = false;
     std::atomic<int> count{0}; ///< the semaphore's
@@ -45,7 +46,7 @@ std::int64_t zor::Spin::Now()
 
 std::int64_t zor::Spin::Used()
 {
-    return g_machine.now;
+    return g_machine.now - g_machine.idle;
 }
 
 /// Asked once for each watch, which looks for a unit behind each pause.
@@ -79,6 +80,7 @@ class PatienceWatchTest : public ::testing::Test
  protected:
     PatienceWatchTest()
         : m_yield(schedYieldSeam, [this] {
+              ++m_yields;
               g_machine.now += m_yieldNsec;
               g_machine.count = m_gives ? 1 : 0;
               return 0;
@@ -115,6 +117,14 @@ class PatienceWatchTest : public ::testing::Test
         g_machine.watches.clear();
     }
 
+    /// So that whatever may be watched next is.
+    void MakeProbeDue()
+    {
+        for (unsigned i = 0; i < Habit::GREATEST_INTERVAL; ++i) {
+            Wait(true);
+        }
+    }
+
     static int Probes()
     {
         const auto& watches = g_machine.watches;
@@ -123,6 +133,7 @@ class PatienceWatchTest : public ::testing::Test
 
     zor::Patience m_patience;
     std::int64_t m_yieldNsec = NSEC_PER_USEC / 2;
+    int m_yields = 0;
 
  private:
     bool m_gives = true;
@@ -132,6 +143,7 @@ class PatienceWatchTest : public ::testing::Test
 TEST_F(PatienceWatchTest, YieldThatBringsAUnitIsNotFollowedByAWatch)
 {
     MakeYieldsUsual();
+    MakeProbeDue();
     Wait(true);
     EXPECT_TRUE(g_machine.watches.empty());
 }
@@ -147,19 +159,32 @@ TEST_F(PatienceWatchTest, YieldInVainIsFollowedByAShortWatchWhereYieldsUsuallyPa
 
 TEST_F(PatienceWatchTest, YieldInVainIsNotFollowedByAWatchWhereYieldsDoNotUsuallyPay)
 {
-    for (unsigned i = 0; i + 1 < Habit::FIRST_INTERVAL; ++i) {
+    for (unsigned i = 0; i < Habit::FIRST_INTERVAL; ++i) {
         Wait(false);
     }
-    EXPECT_TRUE(g_machine.watches.empty());
-    Wait(false);
     EXPECT_EQ(g_machine.watches, std::vector<int>{PROBE_NSEC}); // its own time has come
-    Wait(false);                                                // yields: the trial is under way
+    const int yields = m_yields;
+    Wait(false); // the probe of yielding has begun a trial
+    EXPECT_EQ(m_yields, yields + 2);
     EXPECT_EQ(g_machine.watches.size(), 1u);
+}
+
+/// A process that leaves its processors idle does not yield: there is nobody to yield to.
+TEST_F(PatienceWatchTest, WaitThatMayNotYieldDoesNotWatchWhereYieldsUsuallyPaid)
+{
+    MakeYieldsUsual();
+    g_machine.now += 100 * NSEC_PER_MSEC;
+    g_machine.idle += 100 * NSEC_PER_MSEC;
+    const int yields = m_yields;
+    Wait(true);
+    EXPECT_EQ(m_yields, yields);
+    EXPECT_TRUE(g_machine.watches.empty());
 }
 
 TEST_F(PatienceWatchTest, YieldThatTookLongIsNotFollowedByAWatch)
 {
     MakeYieldsUsual();
+    MakeProbeDue();
     m_yieldNsec = NSEC_PER_MSEC;
     Wait(false);
     EXPECT_TRUE(g_machine.watches.empty());
@@ -175,7 +200,7 @@ TEST_F(PatienceWatchTest, WatchThatPaysBehindAYieldInVainIsDoneFromThenOn)
     for (int i = 0; i < WAITS; ++i) {
         Wait(false);
     }
-    EXPECT_GE(static_cast<int>(g_machine.watches.size()), WAITS - 1);
+    EXPECT_EQ(g_machine.watches, std::vector<int>(WAITS, WATCH_NSEC));
 }
 
 /// The giver takes longer than a watch whenever a yield does not bring the unit.

@@ -58,7 +58,8 @@ TEST_F(SemaphoreSeveralProcessorsTest, MutexThatStaysTakenIsTriedSixTimesBeforeT
     EXPECT_EQ(triesBeforeTheLock, 6);
 }
 
-/// How many waits have asked whether they should watch, which they do unless they must not.
+/// How many waits have asked whether they should watch, which they do unless they must not: here
+/// no yield brings a unit, and no watch has been a probe.
 unsigned WaitsThatMayWatch(const TCSemaphore& semaphore)
 {
     return HabitOf(semaphore).skipped;
