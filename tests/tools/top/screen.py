@@ -117,14 +117,14 @@ class Screen(TopCase):
     def test_FrozenStaysAsItIs(self):
         daemon = self.start("fill")
         terminal = self.show(daemon)
-        self.assertIsNotNone(terminal.shows("Filled"))
 
         def refused():
             # TASK THREAD CPU% BUSY% QUEUED PEAK EVENTS/S REFUSED STATE
             rows = [line.split() for line in terminal.lines()]
             return next((int(row[7]) for row in rows if row[:1] == ["Filled"] and row[8:]), None)
 
-        before = refused()
+        before = terminal.comes_to(refused)
+        self.assertEqual(before, 1)  # the first that found the queue full
         terminal.type(b"f")
         self.assertIsNotNone(terminal.shows("frozen"))
         daemon.say(7)
