@@ -7,19 +7,8 @@
 
 #include "../../src/Patience.h"
 #include "ConditionSeams.h"
-#include "Seam.h"
 #include "Thread.h"
-
-namespace zortest {
-
-Seam<int()> schedYieldSeam("sched_yield");
-
-} // namespace zortest
-
-extern "C" int sched_yield() noexcept
-{
-    return zortest::schedYieldSeam();
-}
+#include "YieldSeam.h"
 
 /// One processor is what the process may use: nothing is watched there, and all that is left is to
 /// yield or to park.

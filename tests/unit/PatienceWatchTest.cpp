@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <sched.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
@@ -9,18 +7,7 @@
 
 #include "../../src/Patience.h"
 #include "../../src/Spin.h"
-#include "Seam.h"
-
-namespace zortest {
-
-Seam<int()> schedYieldSeam("sched_yield");
-
-} // namespace zortest
-
-extern "C" int sched_yield() noexcept
-{
-    return zortest::schedYieldSeam();
-}
+#include "YieldSeam.h"
 
 namespace {
 

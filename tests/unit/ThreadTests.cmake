@@ -17,9 +17,10 @@ zor_add_test(SemaphoreWatchingTest
           ${zor_support}/ConditionSeams.cpp ${zor_support}/TwoProcessors.cpp)
 zor_add_test(PatienceTest
   SOURCES PatienceTest.cpp ${PROJECT_SOURCE_DIR}/src/Patience.cpp ${PROJECT_SOURCE_DIR}/src/Spin.cpp
-          ${zor_support}/ConditionSeams.cpp)
+          ${zor_support}/ConditionSeams.cpp ${zor_support}/YieldSeam.cpp)
 zor_add_test(PatienceWatchTest
-  SOURCES PatienceWatchTest.cpp ${PROJECT_SOURCE_DIR}/src/Patience.cpp)
+  SOURCES PatienceWatchTest.cpp ${PROJECT_SOURCE_DIR}/src/Patience.cpp
+          ${zor_support}/YieldSeam.cpp)
 zor_add_test(SpinTest SOURCES SpinTest.cpp ${PROJECT_SOURCE_DIR}/src/Spin.cpp)
 zor_add_test(SpinTimeTest SOURCES SpinTimeTest.cpp ${PROJECT_SOURCE_DIR}/src/Spin.cpp)
 # As in the library: tools that read the compile commands know one way to compile a source.
